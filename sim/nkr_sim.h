@@ -1,0 +1,157 @@
+// Control API of the focuser simulator.
+//
+// The simulator is one shared library that provides the hidapi functions the
+// SDK calls (so it can stand in for libhidapi-hidraw.so.0) and the entry
+// points of the Bluetooth helper library (so it can stand in for
+// libBlueShim.so), over one simulated world per process. Tests link it and use
+// this API to plug units in and out, set their state, inject faults and read
+// back every report and frame the SDK sent.
+//
+// Every function is thread-safe (one world lock).
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace nkrsim {
+
+using UnitId = int;
+
+// How a unit is built. Everything here can also be changed later.
+struct UnitSpec {
+    // Firmware version reported by the version selector (major, minor, build).
+    int fwMajor = 3, fwMinor = 3, fwBuild = 6;
+    char modelLetter = 'A';          // 'E' marks the newer model family
+    std::string typeText;            // model text in version answer bytes 8-15 ("NKR Pro", "NKRN")
+    int outputReportLen = 16;        // 16 or 64: the report descriptor is built to match
+    std::vector<uint8_t> descriptor; // non-empty: served as the report descriptor instead
+    bool descriptorReadable = true;  // false: the sysfs descriptor file is missing
+    bool usb = true;                 // plugged in on USB
+    bool ble = false;                // advertised over Bluetooth LE
+    std::string bleName = "NKR Pro";
+    std::string bleAddress;          // default: a made-up address derived from the unit id
+    int position = 30000;            // power-on position of the firmware
+    int maxStep = 60000;
+    int stepsPerSecond = 2000;       // motor speed on the simulated clock
+    bool thermistor = false;         // temperature word is a raw ADC reading (firmware 3.0.0)
+    int tempRaw = 32500;             // status bytes 11-12 (25.00 degrees scaled)
+    std::vector<uint8_t> serial = {0x12, 0x34, 0x56, 0x78, 0x9A, 0xBC, 0xDE, 0xF0};
+    std::string alias;
+    std::string bleNameSuffix = "A1B2";  // the unit's part of the BLE name
+};
+
+// Live state of a unit as its firmware sees it.
+struct UnitState {
+    int position = 0;
+    int target = 0;
+    int runState = 0;         // status byte 4: 0 idle, 1 moving, 6 error
+    int backlash = 0;
+    int speed = 3000;
+    int maxStep = 60000;
+    int tempRaw = 32500;
+    bool beep = false;
+    bool reverse = false;
+    bool handMoving = false;
+    bool handControl = false;
+    int force = 0;            // 0..15
+    bool led = false;
+    bool shippingMode = false;
+    bool factoryMode = false;
+    std::string motorErr = "E0", batteryErr = "E0";  // "E0" style, first characters shared
+    int powerOffReason = 0;
+    std::vector<uint8_t> battery = {0, 125, 0x10, 0x68, 0x00, 0x00, 87, 0x00, 0x20, 95, 0x10, 0x68};
+    std::vector<uint8_t> serial;
+    std::string alias;
+    std::string bleNameSuffix;
+    int fwMajor = 3, fwMinor = 3, fwBuild = 6;
+    char modelLetter = 'A';
+    std::string typeText;
+    bool thermistor = false;
+    int stepsPerSecond = 2000;
+    int clearErrorCount = 0;  // clear commands (03 7E 5A 01 0F) received
+    bool paired = false;      // BLE pairing with this host
+};
+
+// ---- world ----------------------------------------------------------------
+// Removes every unit, fault and log, sets the clock to manual at 0 and
+// disables the default units. Tests call it first.
+void reset();
+// Adds the default set (an older USB unit, a newer USB unit, a Bluetooth Pro
+// unit). A program that never calls reset() gets these automatically.
+void addDefaultUnits();
+
+// ---- units ------------------------------------------------------------------
+UnitId addUnit(const UnitSpec& spec);
+// Unplug (USB and BLE); open handles then fail with ENODEV.
+void unplug(UnitId unit);
+// Plug an unplugged unit back in (same path); it powers up at its spec position.
+void replug(UnitId unit);
+std::string usbPath(UnitId unit);
+std::string bleAddress(UnitId unit);
+// Reads or changes the unit's state under the world lock.
+UnitState state(UnitId unit);
+void update(UnitId unit, const std::function<void(UnitState&)>& change);
+// Starts a hand-controller move toward target.
+void handMove(UnitId unit, int target);
+
+// ---- clock ------------------------------------------------------------------
+// Manual clock (after reset()): time advances only here. Otherwise real time.
+void setManualClock(bool manual);
+void advanceMicros(uint64_t us);
+uint64_t nowMicros();
+
+// ---- USB faults and traffic -------------------------------------------------
+// The next count feature transfers (sends or gets) on this unit fail with errnoValue.
+void failTransfers(UnitId unit, int count, int errnoValue);
+// The unit refuses to open (hid_open_path returns null) while set.
+void refuseOpen(UnitId unit, bool refuse);
+// Every feature report the SDK sent to the unit, as sent (byte 0 = report id).
+std::vector<std::vector<uint8_t>> sentReports(UnitId unit);
+void clearSentReports(UnitId unit);
+
+// ---- Bluetooth faults and traffic -------------------------------------------
+void setBleSupported(bool supported);        // false: ble_manager_is_ble_supported says no
+void setAdapterAddress(const std::string& mac);  // "" : no adapter address
+// The next count waits for data on this unit return false (silence).
+void bleSilence(UnitId unit, int count);
+// The next answer is preceded by a response with an older sequence number.
+void bleStaleFirst(UnitId unit);
+// The next answer is preceded by a 0x9B new-connection response and emptyWaits empty waits.
+void bleNewConnection(UnitId unit, int emptyWaits);
+// The next count answers carry a wrong checksum.
+void bleCorruptChecksum(UnitId unit, int count);
+// The next answer is replaced by a notification with this event code.
+void bleNotifyInstead(UnitId unit, uint8_t event);
+// The next answer is replaced by these raw bytes (sent as they are).
+void bleRawAnswer(UnitId unit, const std::vector<uint8_t>& frame);
+// The next answer carries this status byte instead of 0.
+void bleStatus(UnitId unit, uint8_t status);
+// The next count sends are refused.
+void bleRefuseSend(UnitId unit, int count);
+// Connecting to the unit fails while set.
+void bleRefuseConnect(UnitId unit, bool refuse);
+// Drops the connection: the helper reports "disconnected" from its own thread.
+void bleDropConnection(UnitId unit);
+// Waits until every connection report queued so far has been delivered.
+void bleFlushCallbacks();
+// Every request frame the SDK wrote for this unit, as written.
+std::vector<std::vector<uint8_t>> sentFrames(UnitId unit);
+void clearSentFrames(UnitId unit);
+// Number of helper managers currently connected to the unit.
+int bleConnections(UnitId unit);
+
+// ---- firmware update ---------------------------------------------------------
+struct UpdateConfig {
+    bool refuseStart = false;         // USB start answered with a refusal
+    int ackLengthDelta = 0;           // BLE block acknowledged as length + delta
+    int newFwMajor = 3, newFwMinor = 9, newFwBuild = 0;  // reported after the update
+};
+void configureUpdate(UnitId unit, const UpdateConfig& config);
+// Image bytes received since the last accepted start.
+std::vector<uint8_t> receivedImage(UnitId unit);
+// True while the unit is in update mode.
+bool inUpdateMode(UnitId unit);
+
+}  // namespace nkrsim

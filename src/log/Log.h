@@ -1,0 +1,57 @@
+// Diagnostic log: rotating files under /tmp/htx/log/nkr_sdk/, set up once per
+// process by the first device object.
+#pragma once
+#include <cstdio>
+#include <string>
+#include <string_view>
+
+// Sets up the log directory, prunes old files and creates the logger (once).
+void InitLogger();
+// Writes "[file:line func] msg" at info level; nothing before InitLogger.
+void LogInfo(const std::string& msg, const char* file, int line, const char* func);
+// Same at debug level.
+void LogDebug(const std::string& msg, const char* file, int line, const char* func);
+
+namespace nkrlog {
+// Directory of the log files (with the trailing slash).
+inline constexpr const char* kLogDir = "/tmp/htx/log/nkr_sdk/";
+// Deletes the oldest ".txt" files of dir so that at most keep remain.
+void removeOldLogFiles(const std::string& dir, size_t keep);
+
+// Source tag of a log line: the file name without folder and extension.
+constexpr std::string_view sourceTag(std::string_view path)
+{
+    size_t slash = path.find_last_of('/');
+    if (slash != std::string_view::npos) path.remove_prefix(slash + 1);
+    size_t dot = path.find('.');
+    if (dot != std::string_view::npos) path = path.substr(0, dot);
+    return path;
+}
+
+// A NUL-terminated copy of the tag, built at compile time per source file.
+template <size_t N>
+struct TagBuffer {
+    char text[N + 1]{};
+    constexpr explicit TagBuffer(std::string_view s)
+    {
+        for (size_t i = 0; i < N && i < s.size(); ++i) text[i] = s[i];
+    }
+};
+}  // namespace nkrlog
+
+#define NKR_SOURCE_TAG                                                                  \
+    ([]() -> const char* {                                                              \
+        static constexpr auto tag_ = nkrlog::sourceTag(__FILE__);                       \
+        static constexpr nkrlog::TagBuffer<tag_.size()> buf_{tag_};                     \
+        return buf_.text;                                                               \
+    }())
+
+// Formats into a 256-character buffer (as every message of the library is)
+// and logs it at info level with this file's tag, the line and the function.
+#define NKR_LOG_AT(line, ...)                                                           \
+    do {                                                                                \
+        char nkrLogBuf_[256];                                                           \
+        std::snprintf(nkrLogBuf_, sizeof nkrLogBuf_, __VA_ARGS__);                      \
+        LogInfo(std::string(nkrLogBuf_), NKR_SOURCE_TAG, (line), __func__);             \
+    } while (0)
+#define NKR_LOG(...) NKR_LOG_AT(__LINE__, __VA_ARGS__)

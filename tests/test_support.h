@@ -1,0 +1,69 @@
+// Shared fixture: an empty simulated world on a manual clock, with every pause
+// of the library advancing that clock instead of sleeping.
+#pragma once
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "NKR_focuser.h"
+#include "device/Sleep.h"
+#include "nkr_sim.h"
+
+namespace nkrtest {
+
+inline void advanceSimClock(unsigned us) { nkrsim::advanceMicros(us); }
+
+class SimTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        nkrsim::reset();
+        nkr::setSleepHook(&advanceSimClock);
+    }
+    void TearDown() override
+    {
+        for (int id = 0; id < NKR_BLE_FIRST_ID; ++id) NKRClose(id);
+        nkr::setSleepHook(nullptr);
+    }
+
+    // Adds a USB unit, scans and returns its slot id (-1 when not found).
+    int plugAndScan(const nkrsim::UnitSpec& spec, nkrsim::UnitId* unit = nullptr)
+    {
+        nkrsim::UnitId u = nkrsim::addUnit(spec);
+        if (unit) *unit = u;
+        int n = NKRGetNum();
+        std::string path = nkrsim::usbPath(u);
+        for (int i = 0; i < n; ++i) {
+            int id = -1;
+            if (NKRGetID(i, &id) != NKR_SUCCESS) continue;
+            _NKR_INFO info{};
+            (void)info;
+            if (slotPath(id) == path) return id;
+        }
+        return -1;
+    }
+
+    // Adds, scans and opens a USB unit; returns its slot id.
+    int openUnit(const nkrsim::UnitSpec& spec, nkrsim::UnitId* unit = nullptr)
+    {
+        int id = plugAndScan(spec, unit);
+        EXPECT_GE(id, 0);
+        EXPECT_EQ(NKROpen(id), NKR_SUCCESS);
+        return id;
+    }
+
+    static std::string slotPath(int id);
+};
+
+// Spec of a unit with the given firmware (major*100 + minor*10 + build).
+inline nkrsim::UnitSpec unitWithFirmware(int fw)
+{
+    nkrsim::UnitSpec s;
+    s.fwMajor = fw / 100;
+    s.fwMinor = fw / 10 % 10;
+    s.fwBuild = fw % 10;
+    return s;
+}
+
+}  // namespace nkrtest
