@@ -1,0 +1,68 @@
+// Command header and answer bounds shared by the identity, power and update
+// commands.
+//
+// An HID command is 03 7E 5A <command> <payload>; its answer comes back as
+// 01 <echo of 7E 5A cmd> <data from byte 4>. Over BLE the same command goes
+// without its report id, and the answer carries its status at index 2 and
+// its data from index 4.
+#pragma once
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <vector>
+
+#include "NKR.h"
+
+namespace nkrcmd {
+
+inline constexpr unsigned char kReportId = 0x03;
+inline constexpr unsigned char kMagic0 = 0x7E;
+inline constexpr unsigned char kMagic1 = 0x5A;
+inline constexpr unsigned char kCmdGetInfo = 0x02;
+inline constexpr unsigned char kReplyReportId = 0x01;
+
+// Bytes of an HID answer that carry meaning.
+inline constexpr int kAnswerLen = 16;
+// sendCMD reads m_iInputReportLen bytes (17 by default), more than the
+// meaningful 16, so every answer buffer is as large as the object's own.
+inline constexpr int kAnswerBufLen = NKR_BUF_SIZE;
+// Where the data starts in an HID answer and in a BLE answer.
+inline constexpr size_t kDataOffset = 4;
+inline constexpr size_t kBleStatusIndex = 2;
+
+// Writes the header 03 7E 5A cmd into the first four bytes of buf.
+inline void putHeader(unsigned char* buf, unsigned char cmd)
+{
+    buf[0] = kReportId;
+    buf[1] = kMagic0;
+    buf[2] = kMagic1;
+    buf[3] = cmd;
+}
+
+// Length of the text that starts at answer byte 4, taken as the unit gives
+// it: strlen from byte 0 minus the header. Bounded by the answer, never
+// negative (an answer with a zero in its header has no text).
+inline int answerTextLen(const unsigned char* answer)
+{
+    size_t n = strnlen(reinterpret_cast<const char*>(answer), kAnswerLen);
+    return n > kDataOffset ? static_cast<int>(n - kDataOffset) : 0;
+}
+
+// The BLE form of an HID command: the same bytes without the report id.
+inline std::vector<uint8_t> blePayload(const unsigned char* cmd, size_t len)
+{
+    return std::vector<uint8_t>(cmd + 1, cmd + len);
+}
+
+// True when a BLE answer is long enough to read its status byte.
+inline bool bleHasStatus(const std::vector<uint8_t>& answer)
+{
+    return answer.size() > kBleStatusIndex;
+}
+
+inline bool bleStatusOk(const std::vector<uint8_t>& answer)
+{
+    return answer[kBleStatusIndex] == 0;
+}
+
+}  // namespace nkrcmd
