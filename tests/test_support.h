@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "NKR_focuser.h"
+#include "api/Registry.h"
 #include "device/Sleep.h"
 #include "nkr_sim.h"
 
@@ -37,8 +38,6 @@ protected:
         for (int i = 0; i < n; ++i) {
             int id = -1;
             if (NKRGetID(i, &id) != NKR_SUCCESS) continue;
-            _NKR_INFO info{};
-            (void)info;
             if (slotPath(id) == path) return id;
         }
         return -1;
@@ -53,7 +52,7 @@ protected:
         return id;
     }
 
-    static std::string slotPath(int id);
+    static std::string slotPath(int id) { return slotInRange(id) ? DevPathArray[id] : ""; }
 };
 
 // Spec of a unit with the given firmware (major*100 + minor*10 + build).

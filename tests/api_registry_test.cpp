@@ -1,0 +1,173 @@
+// Slot registry and call frame: stable ids across scans, slot states, the
+// frame's own results, and closing a slot while other threads use it.
+#include <atomic>
+#include <thread>
+#include <vector>
+
+#include "test_support.h"
+
+namespace {
+using nkrtest::SimTest;
+using nkrtest::unitWithFirmware;
+
+class Registry : public SimTest {};
+class Concurrency : public SimTest {};
+
+TEST_F(Registry, SlotIdsStayStableAndNewUnitsTakeTheLowestFreeSlot)
+{
+    nkrsim::UnitId a = nkrsim::addUnit(unitWithFirmware(335));
+    nkrsim::UnitId b = nkrsim::addUnit(unitWithFirmware(336));
+    ASSERT_EQ(NKRGetNum(), 2);
+    std::string pathA = nkrsim::usbPath(a), pathB = nkrsim::usbPath(b);
+    int idA = slotPath(0) == pathA ? 0 : 1;
+    int idB = 1 - idA;
+    EXPECT_EQ(slotPath(idB), pathB);
+
+    // Same devices, same ids, whatever the scan order.
+    ASSERT_EQ(NKRGetNum(), 2);
+    EXPECT_EQ(slotPath(idA), pathA);
+    EXPECT_EQ(slotPath(idB), pathB);
+
+    // The open unit in slot idA goes away: the scan closes it and frees its slot.
+    ASSERT_EQ(NKROpen(idA), NKR_SUCCESS);
+    nkrsim::unplug(a);
+    ASSERT_EQ(NKRGetNum(), 1);
+    EXPECT_EQ(pNKR[idA].load(), nullptr);
+    EXPECT_EQ(slotPath(idA), "");
+    EXPECT_EQ(slotPath(idB), pathB);
+
+    // A new unit takes the lowest free slot.
+    nkrsim::UnitId c = nkrsim::addUnit(unitWithFirmware(382));
+    ASSERT_EQ(NKRGetNum(), 2);
+    EXPECT_EQ(slotPath(idA), nkrsim::usbPath(c));
+    EXPECT_EQ(slotPath(idB), pathB);
+}
+
+TEST_F(Registry, GetIdChecksTheScanIndex)
+{
+    nkrsim::addUnit(unitWithFirmware(336));
+    ASSERT_EQ(NKRGetNum(), 1);
+    int id = 77;
+    EXPECT_EQ(NKRGetID(1, &id), NKR_ERROR_INVALID_INDEX);
+    EXPECT_EQ(NKRGetID(-1, &id), NKR_ERROR_INVALID_INDEX);
+    EXPECT_EQ(id, 77);
+    EXPECT_EQ(NKRGetID(0, &id), NKR_SUCCESS);
+    EXPECT_EQ(id, 0);
+}
+
+TEST_F(Registry, OpenCloseAndFrameResultsForEachSlotState)
+{
+    // Free slot.
+    EXPECT_EQ(NKROpen(3), NKR_ERROR_INVALID_ID);
+    EXPECT_EQ(NKRClose(3), NKR_ERROR_INVALID_ID);
+    int pos = 0;
+    EXPECT_EQ(NKRGetPosition(3, &pos), NKR_ERROR_INVALID_ID);
+    EXPECT_EQ(NKRGetPosition(-1, &pos), NKR_ERROR_INVALID_ID);
+
+    // Known slot: framed calls find no object; closing is a no-op.
+    int id = plugAndScan(unitWithFirmware(336));
+    ASSERT_GE(id, 0);
+    EXPECT_EQ(NKRGetPosition(id, &pos), NKR_ERROR_CLOSED);
+    EXPECT_EQ(NKRClose(id), NKR_SUCCESS);
+
+    // Open slot: a second open keeps the first object.
+    ASSERT_EQ(NKROpen(id), NKR_SUCCESS);
+    CNKR* first = pNKR[id].load();
+    ASSERT_NE(first, nullptr);
+    EXPECT_EQ(NKROpen(id), NKR_SUCCESS);
+    EXPECT_EQ(pNKR[id].load(), first);
+    EXPECT_EQ(NKRGetPosition(id, &pos), NKR_SUCCESS);
+    EXPECT_EQ(NKRClose(id), NKR_SUCCESS);
+    EXPECT_EQ(pNKR[id].load(), nullptr);
+    EXPECT_EQ(NKRGetPosition(id, &pos), NKR_ERROR_CLOSED);
+
+    // Bluetooth ids without an object, inside and beyond the table.
+    EXPECT_EQ(NKRGetPosition(60, &pos), NKR_ERROR_BLE_NOT_OPEN);
+    EXPECT_EQ(NKRGetPosition(500, &pos), NKR_ERROR_BLE_NOT_OPEN);
+    // An export without a Bluetooth branch treats every id as a USB slot.
+    EXPECT_EQ(NKRSetSpeed(60, 100), NKR_ERROR_INVALID_ID);
+    // Null outputs are refused before anything is sent.
+    EXPECT_EQ(NKRGetPosition(id, nullptr), NKR_ERROR_INVALID_VALUE);
+}
+
+TEST_F(Registry, OpenFailureLeavesTheSlotKnown)
+{
+    nkrsim::UnitId unit;
+    int id = plugAndScan(unitWithFirmware(336), &unit);
+    nkrsim::refuseOpen(unit, true);
+    EXPECT_EQ(NKROpen(id), NKR_ERROR_REMOVED);
+    EXPECT_EQ(pNKR[id].load(), nullptr);
+    int pos = 0;
+    EXPECT_EQ(NKRGetPosition(id, &pos), NKR_ERROR_CLOSED);
+
+    // A host can still list the unit: the property call succeeds with defaults.
+    _NKR_INFO info{};
+    EXPECT_EQ(NKRGetProperty(id, &info), NKR_SUCCESS);
+    EXPECT_EQ(info.ID, id);
+    EXPECT_STREQ(info.Name, "NKR");
+    EXPECT_EQ(info.MaxStep, 0);
+}
+
+TEST_F(Registry, PropertyOfAClosedSlotLeavesItClosed)
+{
+    nkrsim::UnitSpec spec = unitWithFirmware(336);
+    spec.alias = "Main";
+    int id = plugAndScan(spec);
+    _NKR_INFO info{};
+    ASSERT_EQ(NKRGetProperty(id, &info), NKR_SUCCESS);
+    EXPECT_STREQ(info.Name, "NKR(Main)");
+    EXPECT_EQ(info.MaxStep, 600000);
+    EXPECT_EQ(pNKR[id].load(), nullptr);
+
+    EXPECT_EQ(NKRGetProperty(70, &info), NKR_ERROR_BLE_NOT_OPEN);
+    EXPECT_EQ(info.ID, 70);
+}
+
+TEST_F(Registry, IdentificationExports)
+{
+    EXPECT_STREQ(get_NKR_SDK_Ver(), "1, 7, 7, 0");
+    EXPECT_EQ(NKRGetSDKVersion(), get_NKR_SDK_Ver());
+    EXPECT_EQ(NKRGetProductIDs(nullptr), 1);
+    int pid = 0;
+    EXPECT_EQ(NKRGetProductIDs(&pid), 1);
+    EXPECT_EQ(pid, FOCUSER_USB_PID);
+    EXPECT_EQ(NKRCheck(FOCUSER_USB_VID, FOCUSER_USB_PID), 1);
+    EXPECT_EQ(NKRCheck(FOCUSER_USB_VID, FOCUSER_USB_PID + 1), 0);
+}
+
+// Framed calls on one slot while another thread closes it: every call either
+// runs on the object or finds it gone; nothing blocks forever or touches a
+// freed object.
+TEST_F(Concurrency, CloseWhileOtherThreadsUseTheSlot)
+{
+    int id = openUnit(unitWithFirmware(336));
+    std::atomic<bool> go{false};
+    std::atomic<int> unexpected{0};
+    std::vector<std::thread> callers;
+    for (int t = 0; t < 4; ++t) {
+        callers.emplace_back([&, t] {
+            while (!go.load()) std::this_thread::yield();
+            for (int i = 0; i < 200; ++i) {
+                int v = 0;
+                bool b = false;
+                int rc = 0;
+                switch ((t + i) % 4) {
+                case 0: rc = NKRGetPosition(id, &v); break;
+                case 1: rc = NKRGetBacklash(id, &v); break;
+                case 2: rc = NKRIsMoving(id, &b, nullptr); break;
+                default: rc = NKRStepRange(id, &v); break;
+                }
+                if (rc != NKR_SUCCESS && rc != NKR_ERROR_CLOSED) ++unexpected;
+            }
+        });
+    }
+    go = true;
+    std::this_thread::yield();
+    EXPECT_EQ(NKRClose(id), NKR_SUCCESS);
+    for (auto& th : callers) th.join();
+    EXPECT_EQ(unexpected.load(), 0);
+    int v = 0;
+    EXPECT_EQ(NKRGetPosition(id, &v), NKR_ERROR_CLOSED);
+}
+
+}  // namespace
