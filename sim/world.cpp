@@ -1,0 +1,318 @@
+// The world itself: clock, motion, and the units coming and going.
+#include "world.h"
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <sstream>
+
+#include "ble_events.h"
+#include "sysfs.h"
+#include "unit_model.h"
+
+namespace nkrsim::detail {
+namespace {
+
+// A huge jump of the clock must not overflow the step arithmetic.
+constexpr uint64_t kMaxStepInterval = 1'000'000'000'000ULL;
+
+uint64_t steadyMicros()
+{
+    static const auto start = std::chrono::steady_clock::now();
+    return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::microseconds>(
+                                     std::chrono::steady_clock::now() - start)
+                                     .count());
+}
+
+std::string defaultBleAddress(UnitId id)
+{
+    char text[24];
+    std::snprintf(text, sizeof text, "C0:FF:EE:00:%02X:%02X", (id >> 8) & 0xFF, id & 0xFF);
+    return text;
+}
+
+// Fills the state a unit's spec fixes (the rest keeps its defaults).
+void applySpec(const UnitSpec& spec, UnitState& s)
+{
+    s.maxStep = spec.maxStep;
+    s.tempRaw = spec.tempRaw;
+    s.serial = spec.serial;
+    s.alias = spec.alias;
+    s.bleNameSuffix = spec.bleNameSuffix;
+    s.fwMajor = spec.fwMajor;
+    s.fwMinor = spec.fwMinor;
+    s.fwBuild = spec.fwBuild;
+    s.modelLetter = spec.modelLetter;
+    s.typeText = spec.typeText;
+    s.thermistor = spec.thermistor;
+    s.stepsPerSecond = spec.stepsPerSecond;
+}
+
+void publishDescriptor(const Unit& u)
+{
+    if (!u.spec.usb) return;
+    writeDescriptor(usbPath(u.id),
+                    u.spec.descriptor.empty() ? defaultDescriptor(u.spec.outputReportLen)
+                                              : u.spec.descriptor,
+                    u.spec.descriptorReadable);
+}
+
+// One NKR_SIM_UNITS entry: kind:fw[:letter[:type]].
+bool parseUnit(const std::string& entry, int bleIndex, UnitSpec& spec)
+{
+    std::vector<std::string> f;
+    std::stringstream in(entry);
+    for (std::string part; std::getline(in, part, ':');) f.push_back(part);
+    if (f.size() < 2 || f[1].size() != 3) return false;
+    spec = UnitSpec{};
+    spec.usb = f[0] == "usb" || f[0] == "both";
+    spec.ble = f[0] == "ble" || f[0] == "both";
+    if (!spec.usb && !spec.ble) return false;
+    spec.fwMajor = f[1][0] - '0';
+    spec.fwMinor = f[1][1] - '0';
+    spec.fwBuild = f[1][2] - '0';
+    if (f.size() > 2 && !f[2].empty()) spec.modelLetter = f[2][0];
+    if (f.size() > 3) spec.typeText = f[3];
+    char suffix[8];
+    std::snprintf(suffix, sizeof suffix, "%04X", (0xA1B2 + bleIndex) & 0xFFFF);
+    spec.bleNameSuffix = suffix;
+    spec.bleName = (spec.typeText.empty() ? std::string("NKR Pro") : spec.typeText) + "_" + suffix;
+    return true;
+}
+
+}  // namespace
+
+World& world()
+{
+    static World* w = new World;  // never destroyed: callers at exit stay safe
+    return *w;
+}
+
+std::unique_lock<std::recursive_mutex> lockWorld()
+{
+    World& w = world();
+    std::unique_lock<std::recursive_mutex> guard(w.lock);
+    if (w.defaultsPending) {
+        w.defaultsPending = false;
+        addDefaultUnits();
+    }
+    return guard;
+}
+
+uint64_t nowLocked()
+{
+    World& w = world();
+    return w.manualClock ? w.manualNow : steadyMicros() + w.realOffset;
+}
+
+void advance(Unit& u)
+{
+    uint64_t now = nowLocked();
+    uint64_t dt = now > u.lastTick ? std::min(now - u.lastTick, kMaxStepInterval) : 0;
+    u.lastTick = std::max(now, u.lastTick);
+    UnitState& s = u.st;
+    bool host = s.runState == 1;
+    if (!host && !s.handMoving) {
+        u.stepFraction = 0;
+        return;
+    }
+    int target = host ? s.target : u.handTarget;
+    u.stepFraction += dt * static_cast<uint64_t>(std::max(s.stepsPerSecond, 0));
+    uint64_t steps = u.stepFraction / 1'000'000;
+    u.stepFraction %= 1'000'000;
+    uint64_t distance = static_cast<uint64_t>(std::abs(static_cast<int64_t>(target) - s.position));
+    if (steps >= distance) {
+        s.position = target;
+        u.stepFraction = 0;
+        if (host)
+            s.runState = 0;
+        else
+            s.handMoving = false;
+    } else {
+        s.position += target > s.position ? static_cast<int>(steps) : -static_cast<int>(steps);
+    }
+}
+
+Unit* findUnit(UnitId id)
+{
+    World& w = world();
+    auto it = w.units.find(id);
+    if (it == w.units.end()) return nullptr;
+    advance(*it->second);
+    return it->second.get();
+}
+
+void dropBleConnections(UnitId id)
+{
+    for (auto& [handle, m] : world().managers) {
+        if (m->connected != id) continue;
+        m->connected = -1;
+        m->frames.clear();
+        postConnectionEvent(handle, m->callback, false);
+    }
+}
+
+}  // namespace nkrsim::detail
+
+namespace nkrsim {
+using namespace detail;
+
+void reset()
+{
+    stopConnectionEvents();  // before the lock: a callback may be calling in
+    World& w = world();
+    std::lock_guard<std::recursive_mutex> guard(w.lock);
+    for (auto& [id, u] : w.units) removeDescriptor(usbPath(id));
+    w.units.clear();
+    w.nextId = 0;
+    w.defaultsPending = false;
+    w.manualClock = true;
+    w.manualNow = 0;
+    w.bleSupported = true;
+    w.adapterAddress = "00:1A:7D:DA:71:13";
+    // The SDK still owns its managers: keep them, unconnected.
+    for (auto& [handle, m] : w.managers) {
+        m->connected = -1;
+        m->frames.clear();
+    }
+}
+
+void addDefaultUnits()
+{
+    auto guard = lockWorld();
+    if (const char* env = std::getenv("NKR_SIM_UNITS")) {
+        std::stringstream in(env);
+        int bleIndex = 0;
+        for (std::string entry; std::getline(in, entry, ',');) {
+            UnitSpec spec;
+            if (!parseUnit(entry, bleIndex, spec)) continue;
+            if (spec.ble) ++bleIndex;
+            addUnit(spec);
+        }
+        return;
+    }
+    UnitSpec older;
+    older.fwMajor = 3, older.fwMinor = 3, older.fwBuild = 5;
+    older.modelLetter = 'A';
+    addUnit(older);
+
+    UnitSpec newer;
+    newer.fwMajor = 3, newer.fwMinor = 8, newer.fwBuild = 2;
+    newer.modelLetter = 'E';
+    newer.typeText = "NKRN";
+    addUnit(newer);
+
+    UnitSpec pro = newer;
+    pro.typeText = "NKR Pro";
+    pro.usb = false;
+    pro.ble = true;
+    pro.bleName = "NKR Pro_A1B2";
+    addUnit(pro);
+}
+
+UnitId addUnit(const UnitSpec& spec)
+{
+    auto guard = lockWorld();
+    World& w = world();
+    auto u = std::make_unique<Unit>();
+    u->id = w.nextId++;
+    u->spec = spec;
+    applySpec(spec, u->st);
+    u->epoch = w.nextEpoch++;
+    u->bleName = spec.bleName;
+    u->bleAddress = spec.bleAddress.empty() ? defaultBleAddress(u->id) : spec.bleAddress;
+    powerOn(*u);
+    publishDescriptor(*u);
+    UnitId id = u->id;
+    w.units[id] = std::move(u);
+    return id;
+}
+
+void unplug(UnitId unit)
+{
+    auto guard = lockWorld();
+    Unit* u = findUnit(unit);
+    if (u == nullptr || !u->plugged) return;
+    u->plugged = false;
+    removeDescriptor(usbPath(unit));
+    dropBleConnections(unit);
+}
+
+void replug(UnitId unit)
+{
+    auto guard = lockWorld();
+    Unit* u = findUnit(unit);
+    if (u == nullptr || u->plugged) return;
+    u->plugged = true;
+    u->epoch = world().nextEpoch++;  // handles of the old plug stay dead
+    powerOn(*u);
+    publishDescriptor(*u);
+}
+
+std::string usbPath(UnitId unit) { return "/dev/nkrsim" + std::to_string(unit); }
+
+std::string bleAddress(UnitId unit)
+{
+    auto guard = lockWorld();
+    Unit* u = findUnit(unit);
+    return u ? u->bleAddress : std::string();
+}
+
+UnitState state(UnitId unit)
+{
+    auto guard = lockWorld();
+    Unit* u = findUnit(unit);
+    return u ? u->st : UnitState{};
+}
+
+void update(UnitId unit, const std::function<void(UnitState&)>& change)
+{
+    auto guard = lockWorld();
+    Unit* u = findUnit(unit);
+    if (u == nullptr || !change) return;
+    change(u->st);
+    advance(*u);  // a move set up to where the motor stands ends at once
+}
+
+void handMove(UnitId unit, int target)
+{
+    auto guard = lockWorld();
+    Unit* u = findUnit(unit);
+    if (u == nullptr) return;
+    u->handTarget = target;
+    u->st.handMoving = true;
+    advance(*u);
+}
+
+void setManualClock(bool manual)
+{
+    auto guard = lockWorld();
+    World& w = world();
+    if (w.manualClock == manual) return;
+    for (auto& [id, u] : w.units) advance(*u);
+    uint64_t now = nowLocked();
+    w.manualClock = manual;
+    // Keep time continuous across the switch.
+    if (manual)
+        w.manualNow = now;
+    else
+        w.realOffset = now - steadyMicros();  // wraps harmlessly when negative
+}
+
+void advanceMicros(uint64_t us)
+{
+    auto guard = lockWorld();
+    World& w = world();
+    if (w.manualClock)
+        w.manualNow += us;
+    else
+        w.realOffset += us;
+}
+
+uint64_t nowMicros()
+{
+    auto guard = lockWorld();
+    return nowLocked();
+}
+
+}  // namespace nkrsim

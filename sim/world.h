@@ -1,0 +1,111 @@
+// The simulator's one world: units, clock, faults and traffic logs, guarded
+// by one recursive lock. Private to the simulator library.
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "ble/BlueShimApi.h"
+#include "nkr_sim.h"
+
+namespace nkrsim::detail {
+
+// Input report length of every simulated unit (report id 1, 16 data bytes).
+inline constexpr int kInputReportLen = 17;
+
+struct Unit {
+    UnitId id = 0;
+    UnitSpec spec;
+    UnitState st;
+    bool plugged = true;
+    uint64_t epoch = 0;  // plug generation; HID handles of an older one are dead
+
+    // Motion: lazily integrated from the clock.
+    uint64_t lastTick = 0;
+    uint64_t stepFraction = 0;  // step-microseconds not yet turned into a step
+    int handTarget = 0;
+
+    // Last reply the firmware prepared for a feature-report read.
+    std::vector<uint8_t> reply;
+
+    // USB faults and traffic.
+    int failCount = 0;
+    int failErrno = 0;
+    bool refuseOpen = false;
+    std::vector<std::vector<uint8_t>> sentReports;
+
+    // Bluetooth faults and traffic.
+    int silence = 0;
+    bool staleFirst = false;
+    std::optional<int> newConnectionWaits;
+    int corruptChecksum = 0;
+    std::optional<uint8_t> notifyEvent;
+    std::optional<std::vector<uint8_t>> rawAnswer;
+    std::optional<uint8_t> statusOverride;
+    int refuseSend = 0;
+    bool refuseConnect = false;
+    std::vector<std::vector<uint8_t>> sentFrames;
+
+    // Firmware update.
+    UpdateConfig update;
+    bool usbUpdating = false;
+    bool bleUpdating = false;
+    uint32_t bleUpdateSize = 0;
+    std::vector<uint8_t> image;
+
+    std::string bleName;  // advertised name
+    std::string bleAddress;
+};
+
+// A queued answer frame; waitsBefore empty waits come before it shows.
+struct QueuedFrame {
+    std::vector<uint8_t> bytes;
+    int waitsBefore = 0;
+};
+
+// One helper manager handed out by ble_manager_create.
+struct Manager {
+    UnitId connected = -1;
+    bool expectAnswer = false;
+    BleConnectStateFn callback = nullptr;
+    std::deque<QueuedFrame> frames;
+};
+
+struct World {
+    std::recursive_mutex lock;
+    std::map<UnitId, std::unique_ptr<Unit>> units;
+    UnitId nextId = 0;
+    uint64_t nextEpoch = 1;
+    bool defaultsPending = true;
+
+    bool manualClock = false;
+    uint64_t manualNow = 0;
+    uint64_t realOffset = 0;  // advanceMicros on the real clock skips ahead
+
+    bool bleSupported = true;
+    std::string adapterAddress = "00:1A:7D:DA:71:13";
+    std::map<Manager*, std::unique_ptr<Manager>> managers;
+};
+
+// The process-wide world (never destroyed, so late callers at exit are safe).
+World& world();
+// Locks the world and adds the default units first if nothing has set the
+// world up yet.
+std::unique_lock<std::recursive_mutex> lockWorld();
+
+uint64_t nowLocked();
+// Brings the unit's position up to the current time.
+void advance(Unit& unit);
+// The unit, advanced to now; null for an unknown id. World lock held.
+Unit* findUnit(UnitId id);
+// Disconnects every manager connected to the unit and queues their
+// "disconnected" reports. World lock held.
+void dropBleConnections(UnitId id);
+
+}  // namespace nkrsim::detail
