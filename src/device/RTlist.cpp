@@ -1,6 +1,6 @@
 #include "RTlist.h"
 
-#include <cmath>
+#include <algorithm>
 
 // Rows at -20..-16, every tenth degree, 25 and 246..250 are the sensor's
 // datasheet points. The rest were generated once by scripts/gen_rtlist.py: a
@@ -77,13 +77,14 @@ const RTEntry RTlist[RTLIST_ROWS] = {
     {248, 0.2384}, {249, 0.2344}, {250, 0.2305},
 };
 
-bool RTlistInterpolate(float r, float* temperature)
+bool RTlistInterpolate(double r, float* temperature)
 {
     double prev = RTlist[0].resistance;
     for (int i = 1; i < RTLIST_ROWS; ++i) {
         const double cur = RTlist[i].resistance;
-        // r lies between prev and cur, ends included.
-        if (std::fabs(r - (cur + prev) * 0.5) <= std::fabs((cur - prev) * 0.5)) {
+        // r lies between prev and cur, ends included. Compared directly: the
+        // midpoint form |r - mid| <= |half width| can round an end out.
+        if (std::min(prev, cur) <= r && r <= std::max(prev, cur)) {
             const int t0 = RTlist[i - 1].temperature;
             const int t1 = RTlist[i].temperature;
             *temperature = static_cast<float>(t0 + (r - prev) * (t1 - t0) / (cur - prev));

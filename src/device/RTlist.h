@@ -19,4 +19,4 @@ extern const RTEntry RTlist[RTLIST_ROWS];
 // Finds the table interval that holds resistance r (ends included, the first
 // interval in rising temperature wins) and interpolates linearly. Returns
 // false, leaving *temperature alone, when r lies outside the table.
-bool RTlistInterpolate(float r, float* temperature);
+bool RTlistInterpolate(double r, float* temperature);
