@@ -1,0 +1,126 @@
+// The report-descriptor scan behind open(): descriptor files written to a
+// private sysfs tree.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "NKR_focuser.h"
+
+namespace {
+namespace fs = std::filesystem;
+using Bytes = std::vector<unsigned char>;
+
+class DeviceDescriptor : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        const char* old = std::getenv("NKR_SYSFS_ROOT");
+        if (old != nullptr) saved_ = old;
+        hadRoot_ = old != nullptr;
+        char dir[] = "/tmp/nkr-desc-XXXXXX";
+        ASSERT_NE(mkdtemp(dir), nullptr);
+        root_ = dir;
+        setenv("NKR_SYSFS_ROOT", root_.c_str(), 1);
+    }
+    void TearDown() override
+    {
+        if (hadRoot_) setenv("NKR_SYSFS_ROOT", saved_.c_str(), 1);
+        else unsetenv("NKR_SYSFS_ROOT");
+        std::error_code ec;
+        fs::remove_all(root_, ec);
+    }
+
+    void writeDescriptor(const std::string& node, const Bytes& d)
+    {
+        fs::path dir = fs::path(root_) / "class" / "hidraw" / node / "device";
+        fs::create_directories(dir);
+        std::ofstream out(dir / "report_descriptor", std::ios::binary);
+        out.write(reinterpret_cast<const char*>(d.data()), static_cast<std::streamsize>(d.size()));
+    }
+
+    // Scans the descriptor of /dev/<node>; lengths start at -1.
+    int scan(const std::string& node, int* in, int* out)
+    {
+        *in = -1;
+        *out = -1;
+        return get_hid_report_descriptor_linux_mac(nullptr, ("/dev/" + node).c_str(), in, out);
+    }
+
+    std::string root_, saved_;
+    bool hadRoot_ = false;
+};
+
+// Vendor page, report 1 input of 16 bytes, report 3 output of n bytes.
+Bytes focuserDescriptor(unsigned char outputCount)
+{
+    return {0x06, 0x00, 0xFF, 0x09, 0x01, 0xA1, 0x01,                     //
+            0x85, 0x01, 0x75, 0x08, 0x95, 0x10, 0x09, 0x01, 0x81, 0x02,   // input
+            0x85, 0x03, 0x75, 0x08, 0x95, outputCount, 0x09, 0x01, 0x91, 0x02,  // output
+            0xC0};
+}
+
+TEST_F(DeviceDescriptor, ReportSizeAndCountGiveTheLengthsOfReports1And3)
+{
+    int in, out;
+    writeDescriptor("hidraw0", focuserDescriptor(63));
+    EXPECT_EQ(scan("hidraw0", &in, &out), 0);
+    EXPECT_EQ(in, 17);
+    EXPECT_EQ(out, 64);
+
+    writeDescriptor("hidraw1", focuserDescriptor(15));
+    EXPECT_EQ(scan("hidraw1", &in, &out), 0);
+    EXPECT_EQ(out, 16);
+
+    // Items of other report ids do not count; 12-bit sizes round down to 1 byte.
+    writeDescriptor("hidraw2", {0x85, 0x02, 0x75, 0x08, 0x95, 0x20, 0x81, 0x02, 0x91, 0x02,
+                                0x85, 0x03, 0x75, 0x0C, 0x95, 0x05, 0x91, 0x02});
+    EXPECT_EQ(scan("hidraw2", &in, &out), 0);
+    EXPECT_EQ(in, -1);
+    EXPECT_EQ(out, 6);
+
+    // Null length pointers are skipped.
+    EXPECT_EQ(get_hid_report_descriptor_linux_mac(nullptr, "/dev/hidraw0", nullptr, nullptr), 0);
+}
+
+TEST_F(DeviceDescriptor, DataBytesAreScannedAsIfTheyWereItems)
+{
+    int in, out;
+    // Logical Minimum 0x81 (-127) under report 1 is taken for an Input item;
+    // the 0x91 consumed as Report Count data is not an Output item.
+    writeDescriptor("hidraw0", {0x85, 0x01, 0x75, 0x08, 0x95, 0x04, 0x15, 0x81,
+                                0x85, 0x03, 0x95, 0x91});
+    EXPECT_EQ(scan("hidraw0", &in, &out), 0);
+    EXPECT_EQ(in, 5);
+    EXPECT_EQ(out, -1);
+}
+
+TEST_F(DeviceDescriptor, TruncatedEmptyAndMissingDescriptors)
+{
+    int in, out;
+    // A size/count/id prefix as the last byte ends the scan without reading on.
+    writeDescriptor("hidraw0", {0x85, 0x03, 0x75, 0x08, 0x95, 0x07, 0x91, 0x02, 0x75});
+    EXPECT_EQ(scan("hidraw0", &in, &out), 0);
+    EXPECT_EQ(out, 8);
+
+    writeDescriptor("hidraw1", {});
+    EXPECT_EQ(scan("hidraw1", &in, &out), 0);
+    EXPECT_EQ(in, -1);
+    EXPECT_EQ(out, -1);
+
+    EXPECT_EQ(scan("hidraw9", &in, &out), -1);
+    EXPECT_EQ(get_hid_report_descriptor_linux_mac(nullptr, "/dev", &in, &out), -1);
+    EXPECT_EQ(get_hid_report_descriptor_linux_mac(nullptr, nullptr, &in, &out), -1);
+    // A node name too long for its 32-character room is refused, not truncated.
+    const std::string longName(32, 'h');
+    writeDescriptor(longName, focuserDescriptor(63));
+    EXPECT_EQ(scan(longName, &in, &out), -1);
+    writeDescriptor(longName.substr(1), focuserDescriptor(63));
+    EXPECT_EQ(scan(longName.substr(1), &in, &out), 0);
+    EXPECT_EQ(out, 64);
+}
+
+}  // namespace
