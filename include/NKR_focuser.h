@@ -276,7 +276,8 @@ NKR_API int NKRGetSerialNumber(int id, _NKR_SN* sn);
 NKR_API int NKRSetID(int id, _NKR_ID alias);
 /* Reads the model type text. */
 NKR_API int NKRGetType(int id, _NKR_TYPE* type);
-/* Reads the Bluetooth advertising name (USB slots only; name holds 16+ chars). */
+/* Reads the Bluetooth advertising name (USB slots only) into 16 bytes of name:
+   at most 15 characters, NUL-terminated; a longer name is cut. */
 NKR_API int NKRGetBLEName(int id, char* name);
 /* Writes the Bluetooth name, at most 11 characters (Bluetooth slots). */
 NKR_API int NKRSetBLEName(int id, _NKR_BLE_NAME name);

@@ -86,7 +86,8 @@ public:
     int setAlias(const unsigned char* data, int len, bool ble);
     int getFwVer(unsigned char* major, unsigned char* minor, unsigned char* build, bool ble);
     int getType(_NKR_TYPE* type, bool ble);
-    // out must hold the model text, "_" and the unit's part (at least 64 bytes is safe).
+    // Writes the model text, "_" and the unit's part into len bytes of out, cut to
+    // len - 1 characters and terminated.
     int getBLEName(char* out, int len);
     int setBLEName(const char* name, int len, bool ble);
     int setSerialNumber(const unsigned char* data, int len);

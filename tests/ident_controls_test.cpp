@@ -1,0 +1,135 @@
+// Controls list and capability records: which ids each model and firmware
+// lists, and the records of indices outside the list.
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "api/Registry.h"
+#include "device/NKR.h"
+#include "test_support.h"
+
+namespace {
+
+std::vector<int> controlIds(CNKR& dev)
+{
+    int count = -1;
+    EXPECT_EQ(dev.getNumOfControls(&count, false), NKR_SUCCESS);
+    std::vector<int> ids;
+    for (int i = 0; i < count; ++i) {
+        _NKR_CONTROL_CAPS caps;
+        EXPECT_EQ(dev.getControlCaps(i, &caps, false), NKR_SUCCESS);
+        ids.push_back(caps.ControlType);
+    }
+    return ids;
+}
+
+std::vector<int> listFor(const char* model, int fw)
+{
+    CNKR dev;
+    dev.m_strType = model;
+    dev.fwVersion = fw;
+    return controlIds(dev);
+}
+
+TEST(Controls, ListDependsOnModelAndFirmware)
+{
+    using V = std::vector<int>;
+    EXPECT_EQ(listFor("NKR Pro", 369), (V{0, 1, 2, 3, 4, 5}));
+    EXPECT_EQ(listFor("NKR Pro", 370), (V{0, 1, 2, 3, 4, 5, 7}));
+    EXPECT_EQ(listFor("NKR Pro", 381), (V{0, 1, 2, 3, 4, 5, 7}));
+    EXPECT_EQ(listFor("NKR Pro", 382), (V{0, 1, 2, 3, 4, 5, 7, 6}));
+    EXPECT_EQ(listFor("NKRN", 369), (V{1, 2, 3, 5}));
+    EXPECT_EQ(listFor("NKRN", 382), (V{1, 2, 3, 5, 7}));
+    // The model word must match whole.
+    EXPECT_EQ(listFor("NKR Pro2", 382), (V{2}));
+    EXPECT_EQ(listFor("", 382), (V{2}));
+}
+
+TEST(Controls, RecordsOutsideTheListAreUnknownOrRefused)
+{
+    CNKR dev;
+    dev.m_strType = "NKRN";
+    dev.fwVersion = 336;
+    int count = 0;
+    ASSERT_EQ(dev.getNumOfControls(&count, false), NKR_SUCCESS);
+    ASSERT_EQ(count, 4);
+
+    _NKR_CONTROL_CAPS caps;
+    EXPECT_EQ(dev.getControlCaps(9, &caps, false), NKR_ERROR_INVALID_INDEX);
+    EXPECT_EQ(dev.getControlCaps(0, nullptr, false), NKR_ERROR_INVALID_INDEX);
+    int count2 = 0;
+    EXPECT_EQ(dev.getNumOfControls(nullptr, false), NKR_ERROR_INVALID_VALUE);
+    EXPECT_EQ(dev.getNumOfControls(&count2, true), NKR_SUCCESS);
+    EXPECT_EQ(count2, count);
+
+    for (int index : {-1, -1000, 4, 7, 8}) {
+        std::memset(&caps, 0xAB, sizeof caps);
+        ASSERT_EQ(dev.getControlCaps(index, &caps, false), NKR_SUCCESS) << index;
+        EXPECT_STREQ(caps.Name, "Unknown") << index;
+        EXPECT_STREQ(caps.Description, "Unknown feature");
+        EXPECT_EQ(caps.Supported, 0);
+        EXPECT_EQ(caps.Writable, 0);
+        EXPECT_EQ(caps.ControlType, 8);
+        EXPECT_EQ(caps.Reserved2[31], 0);
+    }
+}
+
+TEST(Controls, RecordFieldsFollowTheSupportFlags)
+{
+    CNKR dev;
+    dev.m_strType = "NKR Pro";
+    dev.fwVersion = 382;
+    dev.bSupportLed = true;
+    dev.bSupportType = true;  // id 3 reads this flag, id 4 the battery flag
+    int count = 0;
+    ASSERT_EQ(dev.getNumOfControls(&count, false), NKR_SUCCESS);
+
+    _NKR_CONTROL_CAPS caps;
+    std::memset(&caps, 0xAB, sizeof caps);
+    ASSERT_EQ(dev.getControlCaps(1, &caps, false), NKR_SUCCESS);
+    EXPECT_STREQ(caps.Name, "LED");
+    EXPECT_EQ(caps.Name[31], '\0');
+    EXPECT_STREQ(caps.Description, "LED control support; 0:off/1:on");
+    EXPECT_EQ(caps.Supported, 1);
+    EXPECT_EQ(caps.Writable, 1);
+    EXPECT_EQ(caps.Reserved1[0], 0);
+    EXPECT_EQ(caps.ControlType, 1);
+
+    ASSERT_EQ(dev.getControlCaps(3, &caps, false), NKR_SUCCESS);
+    EXPECT_STREQ(caps.Name, "NKR Type");
+    EXPECT_EQ(caps.Supported, 1);
+    EXPECT_EQ(caps.Writable, 0);
+    ASSERT_EQ(dev.getControlCaps(4, &caps, false), NKR_SUCCESS);
+    EXPECT_STREQ(caps.Name, "Battery info");
+    EXPECT_EQ(caps.Supported, 0);
+
+    ASSERT_EQ(dev.getControlCaps(6, &caps, false), NKR_SUCCESS);
+    EXPECT_STREQ(caps.Name, "USB update NKR FW");
+    ASSERT_EQ(dev.getControlCaps(7, &caps, false), NKR_SUCCESS);
+    EXPECT_STREQ(caps.Name, "FW Update");
+    EXPECT_STREQ(caps.Description, "BLE update firmware support");
+}
+
+class ControlsSim : public nkrtest::SimTest {};
+
+TEST_F(ControlsSim, ExportsAnswerWithoutTraffic)
+{
+    nkrsim::UnitSpec spec = nkrtest::unitWithFirmware(382);
+    spec.modelLetter = 'E';
+    spec.typeText = "NKR Pro";
+    nkrsim::UnitId unit;
+    int id = openUnit(spec, &unit);
+    nkrsim::clearSentReports(unit);
+
+    int count = 0;
+    ASSERT_EQ(NKRGetNumOfControls(id, &count), NKR_SUCCESS);
+    EXPECT_EQ(count, 8);
+    _NKR_CONTROL_CAPS caps;
+    ASSERT_EQ(NKRGetControlCaps(id, 7, &caps), NKR_SUCCESS);
+    EXPECT_EQ(caps.ControlType, 6);
+    EXPECT_EQ(NKRGetControlCaps(id, 9, &caps), NKR_ERROR_INVALID_INDEX);
+    EXPECT_EQ(NKRGetControlCaps(id, 0, nullptr), NKR_ERROR_INVALID_INDEX);
+    EXPECT_TRUE(nkrsim::sentReports(unit).empty());
+}
+
+}  // namespace

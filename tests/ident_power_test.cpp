@@ -1,0 +1,213 @@
+// Battery block decoding, error codes, power-off reason, LED and the
+// error-clearing status exchange.
+#include <cerrno>
+#include <cstring>
+#include <vector>
+
+#include "api/Registry.h"
+#include "device/NKR.h"
+#include "test_support.h"
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+// A battery block: byte 0 unused, byte 1 temperature + 100, then the words.
+Bytes batteryBlock(uint8_t tempByte, size_t len = 12)
+{
+    Bytes b = {0, tempByte, 0x10, 0x68, 0x01, 0x2C, 87, 0x00, 0x20, 95, 0x10, 0x6A};
+    b.resize(len, 0xEE);
+    return b;
+}
+
+TEST(PowerBattery, TemperatureBoundsAndLengths)
+{
+    _NKR_BATTERY_INFO info;
+    Bytes b = batteryBlock(125);
+    ASSERT_EQ(CNKR::parseBatteryInfo(b.data(), 12, &info), NKR_SUCCESS);
+    EXPECT_EQ(info.battery_temp, 25);
+    EXPECT_EQ(info.battery_vol, 0x1068);
+    EXPECT_EQ(info.battery_charge_curr, 0x012C);
+    EXPECT_EQ(info.battery_percentage, 87);
+    EXPECT_EQ(info.battery_discharge_curr, 0x0020);
+    EXPECT_EQ(info.battery_health, 95);
+    EXPECT_EQ(info.battery_charge_vol, 0x106A);
+    EXPECT_EQ(info.reserved, 0);
+
+    b = batteryBlock(60);
+    ASSERT_EQ(CNKR::parseBatteryInfo(b.data(), 12, &info), NKR_SUCCESS);
+    EXPECT_EQ(info.battery_temp, -40);
+    b = batteryBlock(187);
+    ASSERT_EQ(CNKR::parseBatteryInfo(b.data(), 12, &info), NKR_SUCCESS);
+    EXPECT_EQ(info.battery_temp, 87);
+
+    for (uint8_t outside : {uint8_t{59}, uint8_t{188}, uint8_t{0}}) {
+        b = batteryBlock(outside);
+        EXPECT_EQ(CNKR::parseBatteryInfo(b.data(), 12, &info), NKR_ERROR_BATTERY_RANGE);
+        const int* fields = &info.battery_temp;
+        for (int i = 0; i < 8; ++i) EXPECT_EQ(fields[i], -1) << int(outside) << " field " << i;
+    }
+
+    // 10 bytes are too few; 11 are decoded, the missing low byte of the
+    // charge voltage counting as 0.
+    b = batteryBlock(125, 10);
+    std::memset(&info, 0x5A, sizeof info);
+    EXPECT_EQ(CNKR::parseBatteryInfo(b.data(), 10, &info), NKR_ERROR_BAD_LENGTH);
+    EXPECT_EQ(info.battery_temp, 0x5A5A5A5A);
+    b = batteryBlock(125, 11);
+    ASSERT_EQ(CNKR::parseBatteryInfo(b.data(), 11, &info), NKR_SUCCESS);
+    EXPECT_EQ(info.battery_health, 95);
+    EXPECT_EQ(info.battery_charge_vol, 0x1000);
+
+    EXPECT_EQ(CNKR::parseBatteryInfo(nullptr, 0, &info), NKR_ERROR_INVALID_VALUE);
+    EXPECT_EQ(CNKR::parseBatteryInfo(b.data(), 11, nullptr), NKR_ERROR_INVALID_VALUE);
+}
+
+class Power : public nkrtest::SimTest {
+protected:
+    int openPro(nkrsim::UnitId* unit)
+    {
+        nkrsim::UnitSpec spec = nkrtest::unitWithFirmware(382);
+        spec.modelLetter = 'E';
+        spec.typeText = "NKR Pro";
+        return openUnit(spec, unit);
+    }
+    static CNKR* dev(int id) { return pNKR[id].load(); }
+};
+
+TEST_F(Power, OlderFamilyIsRefusedWithoutTraffic)
+{
+    nkrsim::UnitId unit;
+    int id = openUnit(nkrtest::unitWithFirmware(382), &unit);
+    nkrsim::clearSentReports(unit);
+    bool on;
+    int reason;
+    _NKR_ERROR_MSG msg;
+    _NKR_BATTERY_INFO info;
+    EXPECT_EQ(NKRGetLedState(id, &on), NKR_ERROR_NOT_SUPPORTED);
+    EXPECT_EQ(NKRSetLedState(id, true), NKR_ERROR_NOT_SUPPORTED);
+    EXPECT_EQ(NKRSetShippingMode(id), NKR_ERROR_NOT_SUPPORTED);
+    EXPECT_EQ(NKRGetErrorCode(id, &msg), NKR_ERROR_NOT_SUPPORTED);
+    EXPECT_EQ(NKRGetReason(id, &reason), NKR_ERROR_NOT_SUPPORTED);
+    EXPECT_EQ(NKRGetBatteryInfo(id, &info), NKR_ERROR_NOT_SUPPORTED);
+    EXPECT_TRUE(nkrsim::sentReports(unit).empty());
+}
+
+TEST_F(Power, ErrorCodesReasonAndBatteryFromTheUnit)
+{
+    nkrsim::UnitId unit;
+    int id = openPro(&unit);
+    nkrsim::update(unit, [](nkrsim::UnitState& s) {
+        s.motorErr = "E0";
+        s.batteryErr = "E5";
+        s.powerOffReason = 2;
+    });
+
+    _NKR_ERROR_MSG msg;
+    std::memset(&msg, 0x7F, sizeof msg);
+    ASSERT_EQ(NKRGetErrorCode(id, &msg), NKR_SUCCESS);
+    EXPECT_STREQ(msg.MotorErrCode, "E0");
+    EXPECT_STREQ(msg.BatteryErrCode, "E5");
+
+    int reason = -1;
+    ASSERT_EQ(NKRGetReason(id, &reason), NKR_SUCCESS);
+    EXPECT_EQ(reason, 2);
+
+    _NKR_BATTERY_INFO info;
+    ASSERT_EQ(NKRGetBatteryInfo(id, &info), NKR_SUCCESS);
+    EXPECT_EQ(info.battery_temp, 25);
+    EXPECT_EQ(info.battery_vol, 0x1068);
+    EXPECT_EQ(info.battery_percentage, 87);
+
+    // A failed exchange passes its code and leaves the record alone.
+    nkrsim::failTransfers(unit, 1, EIO);
+    std::memset(&info, 0x5A, sizeof info);
+    EXPECT_EQ(NKRGetBatteryInfo(id, &info), NKR_ERROR_GENERAL);
+    EXPECT_EQ(info.battery_temp, 0x5A5A5A5A);
+}
+
+TEST_F(Power, LedStateIsRecordedEvenWhenTheTransferFails)
+{
+    nkrsim::UnitId unit;
+    int id = openPro(&unit);
+    nkrsim::clearSentReports(unit);
+
+    ASSERT_EQ(NKRSetLedState(id, true), NKR_SUCCESS);
+    EXPECT_TRUE(nkrsim::state(unit).led);
+    auto sent = nkrsim::sentReports(unit);
+    ASSERT_EQ(sent.size(), 1u);
+    EXPECT_EQ(Bytes(sent[0].begin(), sent[0].begin() + 5), (Bytes{0x03, 0x7E, 0x5A, 0x20, 0x01}));
+
+    nkrsim::failTransfers(unit, 1, EIO);
+    EXPECT_EQ(NKRSetLedState(id, false), NKR_ERROR_GENERAL);
+    EXPECT_FALSE(dev(id)->m_bLedOn);
+    EXPECT_TRUE(nkrsim::state(unit).led);
+
+    bool on = false;
+    ASSERT_EQ(NKRGetLedState(id, &on), NKR_SUCCESS);
+    EXPECT_TRUE(on);
+    EXPECT_TRUE(dev(id)->m_bLedOn);
+
+    ASSERT_EQ(NKRSetShippingMode(id), NKR_SUCCESS);
+    EXPECT_TRUE(nkrsim::state(unit).shippingMode);
+}
+
+TEST_F(Power, ClearCommandOnlyWhenEnabledAndInErrorState)
+{
+    nkrsim::UnitId unit;
+    int id = openPro(&unit);
+    CNKR* d = dev(id);
+    const Bytes clearCmd = {0x03, 0x7E, 0x5A, 0x01, 0x0F};
+    auto clearsSent = [&] {
+        int n = 0;
+        for (const auto& r : nkrsim::sentReports(unit))
+            if (Bytes(r.begin(), r.begin() + 5) == clearCmd) ++n;
+        return n;
+    };
+
+    // Error state, clearing disabled: the status is read, nothing cleared.
+    nkrsim::update(unit, [](nkrsim::UnitState& s) { s.runState = 6; });
+    nkrsim::clearSentReports(unit);
+    ASSERT_EQ(d->clearError(), NKR_SUCCESS);
+    EXPECT_EQ(d->pszInBuf[4], 6);
+    EXPECT_EQ(clearsSent(), 0);
+    auto sent = nkrsim::sentReports(unit);
+    ASSERT_EQ(sent.size(), 1u);
+    EXPECT_EQ(sent[0].size(), 16u);
+    EXPECT_EQ(Bytes(sent[0].begin(), sent[0].begin() + 6), (Bytes{0x03, 0x7E, 0x5A, 0x02, 0x03, 0}));
+
+    // Enabled, error state: one clear command.
+    ASSERT_EQ(NKRSetClearErr(id, true), NKR_SUCCESS);
+    ASSERT_EQ(d->clearError(), NKR_SUCCESS);
+    EXPECT_EQ(clearsSent(), 1);
+    EXPECT_EQ(nkrsim::state(unit).clearErrorCount, 1);
+
+    // Enabled, no error: none.
+    nkrsim::clearSentReports(unit);
+    ASSERT_EQ(d->clearError(), NKR_SUCCESS);
+    EXPECT_EQ(clearsSent(), 0);
+}
+
+TEST_F(Power, ClearErrorFailures)
+{
+    nkrsim::UnitId unit;
+    int id = openPro(&unit);
+    CNKR* d = dev(id);
+
+    // A failed send leaves the last good status in place: the transfer's own
+    // error is returned (unplugged unit: 4).
+    nkrsim::failTransfers(unit, 1, ENODEV);
+    EXPECT_EQ(d->clearError(), NKR_ERROR_REMOVED);
+
+    // Without a good status to fall back on, the bad echo counts as an error.
+    std::memset(d->pszInBuf, 0, NKR_BUF_SIZE);
+    uint8_t errorsBefore = d->m_cHidErr;
+    nkrsim::failTransfers(unit, 1, ENODEV);
+    EXPECT_EQ(d->clearError(), NKR_ERROR_GENERAL);
+    EXPECT_EQ(d->m_cHidErr, errorsBefore + 1);
+
+    CNKR closed;
+    EXPECT_EQ(closed.clearError(), NKR_ERROR_INVALID_ID);
+}
+
+}  // namespace

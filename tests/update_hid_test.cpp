@@ -1,0 +1,170 @@
+// Firmware update over USB: gates, block lengths, how blocks are cut into
+// reports, and that the unit receives exactly the image sent.
+#include <cerrno>
+#include <cstring>
+#include <vector>
+
+#include "api/Registry.h"
+#include "device/NKR.h"
+#include "test_support.h"
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+class Update : public nkrtest::SimTest {
+protected:
+    int openWithReports(int reportLen, nkrsim::UnitId* unit, int fw = 380)
+    {
+        nkrsim::UnitSpec spec = nkrtest::unitWithFirmware(fw);
+        spec.outputReportLen = reportLen;
+        int id = openUnit(spec, unit);
+        nkrsim::clearSentReports(*unit);
+        return id;
+    }
+
+    static _NKR_HID_FILE_BUF block(const Bytes& image, size_t offset, size_t len)
+    {
+        _NKR_HID_FILE_BUF b{};
+        b.len = static_cast<int>(len);
+        std::memcpy(b.buf, image.data() + offset, len);
+        return b;
+    }
+
+    static Bytes makeImage(size_t size)
+    {
+        Bytes image(size);
+        for (size_t i = 0; i < size; ++i) image[i] = static_cast<uint8_t>(i * 7 + 3);
+        return image;
+    }
+
+    // Start, every block in order, end; returns the first failure.
+    static int sendImage(int id, const Bytes& image, size_t blockLen)
+    {
+        int rc = NKRHidStartUpdate(id);
+        for (size_t off = 0; rc == NKR_SUCCESS && off < image.size(); off += blockLen)
+            rc = NKRHidWriteUpdateFile(id, block(image, off, std::min(blockLen, image.size() - off)));
+        return rc != NKR_SUCCESS ? rc : NKRHidEndUpdate(id);
+    }
+};
+
+TEST_F(Update, StartNeedsFirmware370AndTheUnitsConsent)
+{
+    nkrsim::UnitId old, cur;
+    int idOld = openWithReports(16, &old, 369);
+    EXPECT_EQ(NKRHidStartUpdate(idOld), NKR_ERROR_NOT_SUPPORTED);
+    EXPECT_TRUE(nkrsim::sentReports(old).empty());
+
+    int id = openWithReports(16, &cur, 370);
+    ASSERT_EQ(NKRHidStartUpdate(id), NKR_SUCCESS);
+    auto sent = nkrsim::sentReports(cur);
+    ASSERT_EQ(sent.size(), 1u);
+    EXPECT_EQ(Bytes(sent[0].begin(), sent[0].begin() + 4), (Bytes{0x03, 0x7E, 0x5A, 0x0F}));
+    EXPECT_TRUE(nkrsim::inUpdateMode(cur));
+
+    nkrsim::UpdateConfig refuse;
+    refuse.refuseStart = true;
+    nkrsim::configureUpdate(cur, refuse);
+    EXPECT_EQ(NKRHidStartUpdate(id), NKR_ERROR_BAD_STATE);
+}
+
+TEST_F(Update, BlockLengthsAndReportCutting)
+{
+    nkrsim::UnitId unit;
+    int id = openWithReports(16, &unit);
+    ASSERT_EQ(NKRHidStartUpdate(id), NKR_SUCCESS);
+    nkrsim::clearSentReports(unit);
+
+    Bytes image = makeImage(55);
+    _NKR_HID_FILE_BUF b = block(image, 0, 55);
+    b.len = 0;
+    EXPECT_EQ(NKRHidWriteUpdateFile(id, b), NKR_ERROR_BAD_LENGTH);
+    b.len = 56;
+    EXPECT_EQ(NKRHidWriteUpdateFile(id, b), NKR_ERROR_BAD_LENGTH);
+    b.len = -1;
+    EXPECT_EQ(NKRHidWriteUpdateFile(id, b), NKR_ERROR_BAD_LENGTH);
+    EXPECT_TRUE(nkrsim::sentReports(unit).empty());
+
+    ASSERT_EQ(NKRHidWriteUpdateFile(id, block(image, 0, 55)), NKR_SUCCESS);
+    auto sent = nkrsim::sentReports(unit);
+    ASSERT_EQ(sent.size(), 5u);
+    for (size_t i = 0; i < sent.size(); ++i) {
+        ASSERT_EQ(sent[i].size(), 16u);
+        EXPECT_EQ(Bytes(sent[i].begin(), sent[i].begin() + 5), (Bytes{0x03, 0x7E, 0x5A, 0x10, 11}));
+        EXPECT_EQ(Bytes(sent[i].begin() + 5, sent[i].end()),
+                  Bytes(image.begin() + 11 * i, image.begin() + 11 * (i + 1)));
+    }
+
+    nkrsim::clearSentReports(unit);
+    ASSERT_EQ(NKRHidWriteUpdateFile(id, block(image, 0, 12)), NKR_SUCCESS);
+    sent = nkrsim::sentReports(unit);
+    ASSERT_EQ(sent.size(), 2u);
+    EXPECT_EQ(sent[0][4], 11);
+    EXPECT_EQ(sent[1][4], 1);
+    EXPECT_EQ(sent[1][5], image[11]);
+    EXPECT_EQ(Bytes(sent[1].begin() + 6, sent[1].end()), Bytes(10, 0));  // zero padding
+}
+
+TEST_F(Update, LongReportsCarryTheWholeBlock)
+{
+    nkrsim::UnitId unit;
+    int id = openWithReports(64, &unit);
+    ASSERT_EQ(pNKR[id].load()->m_iOutputReportLen, 64);
+    ASSERT_EQ(NKRHidStartUpdate(id), NKR_SUCCESS);
+    nkrsim::clearSentReports(unit);
+
+    Bytes image = makeImage(55);
+    ASSERT_EQ(NKRHidWriteUpdateFile(id, block(image, 0, 55)), NKR_SUCCESS);
+    auto sent = nkrsim::sentReports(unit);
+    ASSERT_EQ(sent.size(), 1u);
+    EXPECT_EQ(sent[0][4], 55);
+    EXPECT_EQ(Bytes(sent[0].begin() + 5, sent[0].begin() + 60), image);
+}
+
+TEST_F(Update, UnitCollectsTheImageSent)
+{
+    for (int reportLen : {16, 64}) {
+        nkrsim::UnitId unit;
+        int id = openWithReports(reportLen, &unit);
+        // 1000 is no multiple of the block size: the last block is short.
+        Bytes image = makeImage(1000);
+        ASSERT_EQ(sendImage(id, image, 55), NKR_SUCCESS) << reportLen;
+        EXPECT_EQ(nkrsim::receivedImage(unit), image) << reportLen;
+        EXPECT_FALSE(nkrsim::inUpdateMode(unit));
+        EXPECT_EQ(nkrsim::state(unit).fwMinor, 9);  // the unit took the new firmware
+        NKRClose(id);
+    }
+}
+
+TEST_F(Update, TransferErrorIsReportedAndANewStartWorks)
+{
+    nkrsim::UnitId unit;
+    int id = openWithReports(16, &unit);
+    Bytes image = makeImage(300);
+    ASSERT_EQ(NKRHidStartUpdate(id), NKR_SUCCESS);
+    ASSERT_EQ(NKRHidWriteUpdateFile(id, block(image, 0, 55)), NKR_SUCCESS);
+
+    // The first report of a three-report block fails: the rest is not sent.
+    nkrsim::clearSentReports(unit);
+    ASSERT_EQ(NKRHidWriteUpdateFile(id, block(image, 55, 11)), NKR_SUCCESS);
+    nkrsim::failTransfers(unit, 1, EIO);
+    EXPECT_EQ(NKRHidWriteUpdateFile(id, block(image, 66, 33)), NKR_ERROR_GENERAL);
+    EXPECT_EQ(nkrsim::sentReports(unit).size(), 1u);
+
+    // Starting over gives a clean image.
+    ASSERT_EQ(sendImage(id, image, 40), NKR_SUCCESS);
+    EXPECT_EQ(nkrsim::receivedImage(unit), image);
+}
+
+TEST_F(Update, EndThatBreaksOffStillCounts)
+{
+    nkrsim::UnitId unit;
+    int id = openWithReports(16, &unit);
+    ASSERT_EQ(NKRHidStartUpdate(id), NKR_SUCCESS);
+    nkrsim::failTransfers(unit, 1, EIO);
+    EXPECT_EQ(NKRHidEndUpdate(id), NKR_SUCCESS);
+    nkrsim::failTransfers(unit, 1, ENODEV);
+    EXPECT_EQ(NKRHidEndUpdate(id), NKR_SUCCESS);
+}
+
+}  // namespace
