@@ -1,0 +1,188 @@
+// Opening a unit: report length, firmware-derived capabilities, restore of a
+// unit found at the power-on position; closing it.
+#include "device_support.h"
+
+namespace {
+using devicetest::Bytes;
+using devicetest::DeviceTest;
+using nkrtest::unitWithFirmware;
+
+class DeviceOpen : public DeviceTest {};
+
+TEST_F(DeviceOpen, OutputReportLengthComesFromTheDescriptorWhenItIs16Or64)
+{
+    nkrsim::UnitSpec wide = unitWithFirmware(336);
+    wide.outputReportLen = 64;
+    nkrsim::UnitId unit;
+    int id = openQuiet(wide, &unit);
+    EXPECT_EQ(dev(id)->m_iOutputReportLen, 64);
+    ASSERT_EQ(NKRSetBeep(id, true), NKR_SUCCESS);
+    ASSERT_FALSE(nkrsim::sentReports(unit).empty());
+    EXPECT_EQ(nkrsim::sentReports(unit).back().size(), 64u);
+    // Replies stay 17 bytes whatever the output length.
+    EXPECT_EQ(dev(id)->m_iInputReportLen, 17);
+
+    id = openUnit(unitWithFirmware(336), &unit);
+    EXPECT_EQ(dev(id)->m_iOutputReportLen, 16);
+
+    // Report 3 output of 32 bytes: not a length the firmware uses.
+    nkrsim::UnitSpec odd = unitWithFirmware(336);
+    odd.descriptor = {0x85, 0x01, 0x75, 0x08, 0x95, 0x10, 0x81, 0x02,
+                      0x85, 0x03, 0x75, 0x08, 0x95, 0x1F, 0x91, 0x02};
+    id = openUnit(odd, &unit);
+    EXPECT_EQ(dev(id)->m_iOutputReportLen, 16);
+
+    nkrsim::UnitSpec hidden = unitWithFirmware(336);
+    hidden.outputReportLen = 64;
+    hidden.descriptorReadable = false;
+    id = openUnit(hidden, &unit);
+    EXPECT_EQ(dev(id)->m_iOutputReportLen, 16);
+}
+
+TEST_F(DeviceOpen, FirmwareVersionDecidesSensorSerialCommandsAndStepLimit)
+{
+    struct Case {
+        int fw;
+        bool thermistor, canSerial;
+        int stepLimit;
+        bool usbUpdate;
+    };
+    const Case cases[] = {
+        {300, true, false, 60000, false},  {301, false, false, 60000, false},
+        {310, false, false, 60000, false}, {321, false, false, 60000, false},
+        {322, false, true, 60000, false},  {335, false, true, 60000, false},
+        {336, false, true, 600000, false}, {369, false, true, 600000, false},
+        {370, false, true, 600000, true},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.fw);
+        nkrsim::UnitId unit;
+        CNKR* d = dev(openUnit(unitWithFirmware(c.fw), &unit));
+        ASSERT_NE(d, nullptr);
+        EXPECT_EQ(d->fwVersion, c.fw);
+        EXPECT_EQ(d->m_bThermistor, c.thermistor);
+        EXPECT_EQ(d->m_bCanSerial, c.canSerial);
+        EXPECT_FALSE(d->m_bCanFactory);
+        EXPECT_EQ(d->m_iStepLimit, c.stepLimit);
+        EXPECT_EQ(d->bSupportUsbUpdate, c.usbUpdate);
+        EXPECT_TRUE(d->bSupportBuzzer);
+        EXPECT_FALSE(d->bSupportLed);
+        EXPECT_TRUE(d->m_strType.empty());
+    }
+}
+
+TEST_F(DeviceOpen, ModelLetterEMarksTheNewerFamily)
+{
+    nkrsim::UnitSpec pro = unitWithFirmware(321);
+    pro.modelLetter = 'E';
+    pro.typeText = "NKR Pro";
+    nkrsim::UnitId unit;
+    CNKR* d = dev(openUnit(pro, &unit));
+    ASSERT_NE(d, nullptr);
+    EXPECT_EQ(d->m_strType, "NKR Pro");
+    EXPECT_TRUE(d->m_bCanSerial);
+    EXPECT_TRUE(d->m_bCanFactory);
+    EXPECT_EQ(d->m_iStepLimit, 600000);
+    EXPECT_TRUE(d->bSupportBleName && d->bSupportLed && d->bSupportBuzzer && d->bSupportBattery &&
+                d->bSupportType && d->bSupportErrCode);
+    EXPECT_FALSE(d->bSupportBleUpdate);
+    EXPECT_FALSE(d->bSupportUsbUpdate);
+}
+
+TEST_F(DeviceOpen, FailedVersionReadKeepsDefaultsAndOpenStillSucceeds)
+{
+    nkrsim::UnitId unit;
+    int id = plugAndScan(unitWithFirmware(370), &unit);
+    // The version exchange (send and read) fails; the status read works.
+    nkrsim::failTransfers(unit, 1, EIO);
+    ASSERT_EQ(NKROpen(id), NKR_SUCCESS);
+    CNKR* d = dev(id);
+    EXPECT_EQ(d->fwVersion, 0);
+    EXPECT_TRUE(d->m_bThermistor);
+    EXPECT_FALSE(d->m_bCanSerial);
+    EXPECT_EQ(d->m_iStepLimit, 60000);
+    EXPECT_FALSE(d->bSupportBuzzer);
+}
+
+TEST_F(DeviceOpen, UnitAtThePowerOnPositionGetsTheSavedPositionWithoutMoving)
+{
+    nkrsim::UnitId unit;
+    int id = openQuiet(unitWithFirmware(336), &unit);
+    ASSERT_EQ(NKRMove(id, 41234), NKR_SUCCESS);
+    nkrsim::advanceMicros(60'000'000);
+    ASSERT_EQ(nkrsim::state(unit).position, 41234);
+    ASSERT_EQ(NKRClose(id), NKR_SUCCESS);
+
+    // Power cycle: the unit comes back at 30000.
+    nkrsim::unplug(unit);
+    nkrsim::replug(unit);
+    ASSERT_EQ(nkrsim::state(unit).position, 30000);
+    nkrsim::clearSentReports(unit);
+    ASSERT_EQ(NKROpen(id), NKR_SUCCESS);
+    std::vector<Bytes> frames = devicetest::controlFrames(unit);
+    ASSERT_EQ(frames.size(), 1u);
+    EXPECT_EQ(frames[0][4], 0);   // run flag off
+    EXPECT_EQ(frames[0][10], 1);  // set-position mode
+    EXPECT_EQ(nkrsim::state(unit).position, 41234);
+    EXPECT_EQ(nkrsim::state(unit).runState, 0);
+}
+
+TEST_F(DeviceOpen, UnitElsewhereIsLeftAlone)
+{
+    nkrsim::UnitSpec spec = unitWithFirmware(336);
+    spec.position = 1234;
+    nkrsim::UnitId unit;
+    int id = plugAndScan(spec, &unit);
+    ASSERT_EQ(NKROpen(id), NKR_SUCCESS);
+    EXPECT_TRUE(devicetest::controlFrames(unit).empty());
+    EXPECT_EQ(dev(id)->step, 1234);
+}
+
+TEST_F(DeviceOpen, RefusedOpenFailsAndCloseStopsARunningMove)
+{
+    nkrsim::UnitId refused;
+    int id = plugAndScan(unitWithFirmware(336), &refused);
+    nkrsim::refuseOpen(refused, true);
+    EXPECT_EQ(NKROpen(id), NKR_ERROR_REMOVED);
+    EXPECT_EQ(dev(id), nullptr);
+
+    nkrsim::UnitId unit;
+    id = openQuiet(unitWithFirmware(336), &unit);
+    ASSERT_EQ(NKRMove(id, 50000), NKR_SUCCESS);
+    ASSERT_EQ(nkrsim::state(unit).runState, 1);
+    // Storing the configuration is refused while moving; close stops the motor.
+    ASSERT_EQ(NKRClose(id), NKR_SUCCESS);
+    Bytes last = devicetest::lastControlFrame(unit);
+    ASSERT_FALSE(last.empty());
+    EXPECT_EQ(last[4], 0);
+    EXPECT_EQ(nkrsim::state(unit).runState, 0);
+}
+
+TEST_F(DeviceOpen, CloseStoresTheConfigurationWithRunOff)
+{
+    nkrsim::UnitId unit;
+    int id = openQuiet(unitWithFirmware(336), &unit);
+    ASSERT_EQ(NKRSetBacklash(id, 12), NKR_SUCCESS);
+    nkrsim::clearSentReports(unit);
+    ASSERT_EQ(NKRClose(id), NKR_SUCCESS);
+    std::vector<Bytes> frames = devicetest::controlFrames(unit);
+    ASSERT_EQ(frames.size(), 1u);
+    EXPECT_EQ(frames[0][4], 0);
+    EXPECT_EQ(frames[0][5], 12);
+    EXPECT_EQ(frames[0][10], 0);
+}
+
+TEST_F(DeviceOpen, DestroyingAnOpenObjectIsSafe)
+{
+    // The destructor frees the report buffers before it closes.
+    nkrsim::UnitId unit = nkrsim::addUnit(unitWithFirmware(336));
+    std::string path = nkrsim::usbPath(unit);
+    auto* d = new CNKR;
+    ASSERT_TRUE(d->open(path.c_str()));
+    EXPECT_TRUE(d->open(path.c_str()));  // already open
+    ASSERT_EQ(d->SetStep(40000, false), NKR_SUCCESS);
+    delete d;
+    SUCCEED();
+}
+
+}  // namespace
