@@ -17,6 +17,13 @@ namespace nkrlog {
 inline constexpr const char* kLogDir = "/tmp/htx/log/nkr_sdk/";
 // Deletes the oldest ".txt" files of dir so that at most keep remain.
 void removeOldLogFiles(const std::string& dir, size_t keep);
+// Creates dir one component at a time (0755) and checks each component with
+// lstat: a symbolic link, a non-directory or (below the top level) a directory
+// owned by another user makes it unsafe. False, with the reason on stderr,
+// when the logger must not write there.
+bool prepareLogDir(const std::string& dir = kLogDir);
+// File the logger writes to; empty until InitLogger has succeeded.
+std::string currentLogFile();
 
 // Source tag of a log line: the file name without folder and extension.
 constexpr std::string_view sourceTag(std::string_view path)
