@@ -1,0 +1,186 @@
+// Diagnostic log: pruning at start-up, the directory checks against a hostile
+// /tmp, and the shape of a written line.
+#include <dirent.h>
+#include <gtest/gtest.h>
+#include <spdlog/spdlog.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <fstream>
+#include <regex>
+#include <set>
+#include <string>
+
+#include "log/Log.h"
+
+namespace {
+
+class TempDir {
+public:
+    TempDir()
+    {
+        char name[] = "/tmp/nkr-logtest-XXXXXX";
+        if (mkdtemp(name) != nullptr) path_ = name;
+    }
+    ~TempDir()
+    {
+        if (!path_.empty()) std::system(("rm -rf '" + path_ + "'").c_str());
+    }
+    const std::string& path() const { return path_; }
+
+private:
+    std::string path_;
+};
+
+void touch(const std::string& path, time_t mtime)
+{
+    std::ofstream(path) << "x";
+    struct timeval times[2] = {{mtime, 0}, {mtime, 0}};
+    utimes(path.c_str(), times);
+}
+
+std::set<std::string> listDir(const std::string& dir)
+{
+    std::set<std::string> names;
+    if (DIR* d = opendir(dir.c_str())) {
+        while (struct dirent* e = readdir(d))
+            if (e->d_name[0] != '.') names.insert(e->d_name);
+        closedir(d);
+    }
+    return names;
+}
+
+bool isRealDir(const std::string& path)
+{
+    struct stat st {};
+    return lstat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+TEST(Log, PruningKeepsTheTwentyNewestTxtFiles)
+{
+    TempDir tmp;
+    ASSERT_FALSE(tmp.path().empty());
+    const std::string dir = tmp.path() + "/";
+    const time_t base = 1700000000;
+    touch(dir + "notes.txt.bak", base);  // oldest, and counted: its name contains ".txt"
+    char name[32];
+    for (int i = 1; i <= 24; ++i) {
+        std::snprintf(name, sizeof name, "log_%02d.txt", i);
+        touch(dir + name, base + 10 * i);
+    }
+    // Not regular files or not ".txt": never counted (the newest two would push
+    // log_05 out) and never deleted (old.log is the oldest of all).
+    mkdir((dir + "x.txt").c_str(), 0755);
+    touch(dir + "old.log", base - 50);
+    touch(tmp.path() + "-target", base - 60);
+    symlink((tmp.path() + "-target").c_str(), (dir + "link.txt").c_str());
+
+    nkrlog::removeOldLogFiles(dir, 20);
+
+    std::set<std::string> left = listDir(dir);
+    for (const char* gone : {"notes.txt.bak", "log_01.txt", "log_02.txt", "log_03.txt", "log_04.txt"})
+        EXPECT_EQ(left.count(gone), 0u) << gone;
+    for (int i = 5; i <= 24; ++i) {
+        std::snprintf(name, sizeof name, "log_%02d.txt", i);
+        EXPECT_EQ(left.count(name), 1u) << name;
+    }
+    EXPECT_TRUE(isRealDir(dir + "x.txt"));
+    EXPECT_EQ(left.count("old.log"), 1u);
+    EXPECT_EQ(left.count("link.txt"), 1u);
+    EXPECT_EQ(left.size(), 23u);
+    unlink((tmp.path() + "-target").c_str());
+
+    // At or under the limit nothing goes.
+    nkrlog::removeOldLogFiles(dir, 20);
+    EXPECT_EQ(listDir(dir).size(), 23u);
+    nkrlog::removeOldLogFiles(dir + "missing/", 20);  // only a message on stderr
+}
+
+TEST(Log, PlantedLinksFilesAndForeignDirectoriesAreRefused)
+{
+    TempDir tmp;
+    ASSERT_FALSE(tmp.path().empty());
+    const std::string victim = tmp.path() + "/victim";
+    ASSERT_EQ(mkdir(victim.c_str(), 0755), 0);
+
+    // A link in place of the first directory the library creates.
+    mkdir((tmp.path() + "/a").c_str(), 0755);
+    symlink(victim.c_str(), (tmp.path() + "/a/htx").c_str());
+    EXPECT_FALSE(nkrlog::prepareLogDir(tmp.path() + "/a/htx/log/nkr_sdk/"));
+
+    // A link in place of the last one.
+    mkdir((tmp.path() + "/b").c_str(), 0755);
+    mkdir((tmp.path() + "/b/htx").c_str(), 0755);
+    mkdir((tmp.path() + "/b/htx/log").c_str(), 0755);
+    symlink(victim.c_str(), (tmp.path() + "/b/htx/log/nkr_sdk").c_str());
+    EXPECT_FALSE(nkrlog::prepareLogDir(tmp.path() + "/b/htx/log/nkr_sdk/"));
+    EXPECT_TRUE(listDir(victim).empty());
+
+    // A plain file in place of a directory.
+    mkdir((tmp.path() + "/c").c_str(), 0755);
+    touch(tmp.path() + "/c/htx", 0);
+    EXPECT_FALSE(nkrlog::prepareLogDir(tmp.path() + "/c/htx/log/nkr_sdk/"));
+
+    // A directory someone else owns (only root can arrange that here).
+    if (geteuid() == 0) {
+        mkdir((tmp.path() + "/d").c_str(), 0755);
+        mkdir((tmp.path() + "/d/htx").c_str(), 0777);
+        ASSERT_EQ(chown((tmp.path() + "/d/htx").c_str(), 65534, 65534), 0);
+        EXPECT_FALSE(nkrlog::prepareLogDir(tmp.path() + "/d/htx/log/nkr_sdk/"));
+        EXPECT_FALSE(isRealDir(tmp.path() + "/d/htx/log"));
+    }
+
+    // A clean tree is created, and accepted again once it exists.
+    EXPECT_TRUE(nkrlog::prepareLogDir(tmp.path() + "/e/htx/log/nkr_sdk/"));
+    EXPECT_TRUE(isRealDir(tmp.path() + "/e/htx/log/nkr_sdk"));
+    EXPECT_TRUE(nkrlog::prepareLogDir(tmp.path() + "/e/htx/log/nkr_sdk/"));
+}
+
+TEST(Log, LinesCarryTimeLevelAndSourceInOneFilePerProcess)
+{
+    EXPECT_EQ(nkrlog::currentLogFile(), "");
+    LogInfo("dropped before the logger exists", "log_test", 1, "f");
+
+    InitLogger();
+    const std::string file = nkrlog::currentLogFile();
+    if (file.empty()) GTEST_SKIP() << "log directory unusable on this machine";
+    EXPECT_TRUE(std::regex_match(
+        file, std::regex("/tmp/htx/log/nkr_sdk/log_\\d{4}-\\d\\d-\\d\\d_\\d\\d-\\d\\d-\\d\\d\\.txt")))
+        << file;
+    auto logger = spdlog::get("rotating_file_logger");
+    ASSERT_NE(logger, nullptr);
+    EXPECT_EQ(logger, spdlog::default_logger());
+
+    // A second set-up (a second device object) keeps the same logger and file.
+    InitLogger();
+    EXPECT_EQ(nkrlog::currentLogFile(), file);
+    EXPECT_EQ(spdlog::get("rotating_file_logger"), logger);
+
+    const std::string marker = "marker-" + std::to_string(getpid()) + "-" +
+                               std::to_string(reinterpret_cast<uintptr_t>(&marker));
+    LogInfo(marker + "-info", "log_test", 42, "someFunc");
+    LogDebug(marker + "-debug", "log_test", 43, "otherFunc");
+    const int line = __LINE__ + 1;
+    NKR_LOG("%s-macro %d", marker.c_str(), 7);
+    logger->flush();
+
+    const std::string stamp = "^\\[\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{3}\\] ";
+    const std::regex info(stamp + "\\[info\\] \\[log_test:42 someFunc\\] " + marker + "-info$");
+    const std::regex debug(stamp + "\\[debug\\] \\[log_test:43 otherFunc\\] " + marker + "-debug$");
+    const std::regex macro(stamp + "\\[info\\] \\[log_test:" + std::to_string(line) +
+                           " TestBody\\] " + marker + "-macro 7$");
+    int matched = 0;
+    std::ifstream in(file);
+    for (std::string text; std::getline(in, text);) {
+        if (text.find(marker) == std::string::npos) continue;
+        EXPECT_TRUE(std::regex_match(text, info) || std::regex_match(text, debug) ||
+                    std::regex_match(text, macro))
+            << text;
+        ++matched;
+    }
+    EXPECT_EQ(matched, 3);
+}
+
+}  // namespace
