@@ -1,0 +1,180 @@
+// Driver life cycle: properties, unit selection, connect and disconnect, the
+// poll timer and the routing of client requests.
+#include "nkr_focuser.h"
+
+#include <cstring>
+
+#include "NKR_focuser.h"
+#include "error_text.h"
+#include "unit_identity.h"
+
+namespace {
+
+constexpr uint32_t kDefaultPollMillis = 500;
+constexpr int kUsbSelector = 0;
+constexpr int kBleSelector = 1;
+
+}  // namespace
+
+NkrFocuser::NkrFocuser()
+{
+    setVersion(1, 0);
+    SetCapability(FOCUSER_CAN_ABS_MOVE | FOCUSER_CAN_REL_MOVE | FOCUSER_CAN_ABORT |
+                  FOCUSER_CAN_REVERSE | FOCUSER_CAN_SYNC | FOCUSER_HAS_BACKLASH);
+    // The SDK finds and opens units itself: no serial or network port to choose.
+    setSupportedConnections(CONNECTION_NONE);
+}
+
+const char* NkrFocuser::getDefaultName()
+{
+    return "NKR Focuser";
+}
+
+bool NkrFocuser::initProperties()
+{
+    INDI::Focuser::initProperties();
+
+    m_unitSelectTP[kUsbSelector].fill("USB", "USB serial or alias", "");
+    m_unitSelectTP[kBleSelector].fill("BLE", "Bluetooth name or address", "");
+    m_unitSelectTP.fill(getDeviceName(), "NKR_UNIT", "Unit", CONNECTION_TAB, IP_RW, 60, IPS_IDLE);
+
+    m_temperatureNP[0].fill("TEMPERATURE", "Celsius", "%6.2f", -50, 70, 0, 0);
+    m_temperatureNP.fill(getDeviceName(), "FOCUS_TEMPERATURE", "Temperature", MAIN_CONTROL_TAB,
+                         IP_RO, 0, IPS_IDLE);
+
+    // The unit takes 0..255 steps of backlash compensation.
+    FocusBacklashN[0].min = 0;
+    FocusBacklashN[0].max = 255;
+    FocusBacklashN[0].step = 1;
+    FocusBacklashN[0].value = 0;
+
+    initExtraProperties();
+
+    addDebugControl();
+    addConfigurationControl();
+    setDefaultPollingPeriod(kDefaultPollMillis);
+    addPollPeriodControl();
+    return true;
+}
+
+void NkrFocuser::ISGetProperties(const char* dev)
+{
+    INDI::Focuser::ISGetProperties(dev);
+    defineProperty(m_unitSelectTP);
+    // Every client asks for the properties; the saved choice is read once.
+    if (!m_unitChoiceLoaded) loadConfig(true, m_unitSelectTP.getName());
+    m_unitChoiceLoaded = true;
+}
+
+bool NkrFocuser::updateProperties()
+{
+    INDI::Focuser::updateProperties();
+    if (isConnected()) {
+        defineProperty(m_temperatureNP);
+        defineExtraProperties();
+    } else {
+        deleteProperty(m_temperatureNP.getName());
+        deleteExtraProperties();
+    }
+    return true;
+}
+
+bool NkrFocuser::Connect()
+{
+    const std::string ble = nkrindi::trimmed(m_unitSelectTP[kBleSelector].getText());
+    const std::string problem = ble.empty()
+                                    ? m_unit.openUsb(m_unitSelectTP[kUsbSelector].getText())
+                                    : m_unit.openBle(ble);
+    if (!problem.empty()) {
+        LOGF_ERROR("%s", problem.c_str());
+        return false;
+    }
+    LOGF_INFO("Connected to the focuser on %s.", m_unit.description().c_str());
+
+    readCapabilities();
+    readIdentity();
+    readMotorSettings();
+    readExtraSettings();
+    pollTemperature();
+    m_pollFailed = false;
+    m_lastPowerPoll = std::chrono::steady_clock::now();
+    m_timerId = SetTimer(getCurrentPollingPeriod());
+    return true;
+}
+
+bool NkrFocuser::Disconnect()
+{
+    if (m_timerId >= 0) RemoveTimer(m_timerId);
+    m_timerId = -1;
+    const bool wasUsb = m_unit.isOpen() && !m_unit.overBle();
+    m_unit.close();
+    LOG_INFO(wasUsb ? "Focuser closed; its position is saved for the next session."
+                    : "Focuser disconnected.");
+    return true;
+}
+
+void NkrFocuser::TimerHit()
+{
+    m_timerId = -1;
+    if (!isConnected() || !m_unit.isOpen()) return;
+    pollMotion();
+    pollTemperature();
+    pollPowerState();
+    m_timerId = SetTimer(getCurrentPollingPeriod());
+}
+
+bool NkrFocuser::saveConfigItems(FILE* fp)
+{
+    INDI::Focuser::saveConfigItems(fp);
+    m_unitSelectTP.save(fp);
+    return true;
+}
+
+bool NkrFocuser::ISNewText(const char* dev, const char* name, char* texts[], char* names[], int n)
+{
+    if (dev != nullptr && std::strcmp(dev, getDeviceName()) == 0) {
+        if (m_unitSelectTP.isNameMatch(name)) {
+            const std::string before = unitChoice();
+            m_unitSelectTP.update(texts, names, n);
+            m_unitSelectTP.setState(IPS_OK);
+            m_unitSelectTP.apply();
+            saveConfig(true, m_unitSelectTP.getName());
+            if (isConnected() && unitChoice() != before)
+                LOG_INFO("The new unit choice takes effect at the next connect.");
+            return true;
+        }
+        if (handleExtraText(name, texts, names, n)) return true;
+    }
+    return INDI::Focuser::ISNewText(dev, name, texts, names, n);
+}
+
+bool NkrFocuser::ISNewNumber(const char* dev, const char* name, double values[], char* names[],
+                             int n)
+{
+    if (dev != nullptr && std::strcmp(dev, getDeviceName()) == 0 &&
+        handleExtraNumber(name, values, names, n))
+        return true;
+    return INDI::Focuser::ISNewNumber(dev, name, values, names, n);
+}
+
+bool NkrFocuser::ISNewSwitch(const char* dev, const char* name, ISState* states, char* names[],
+                             int n)
+{
+    if (dev != nullptr && std::strcmp(dev, getDeviceName()) == 0 &&
+        handleExtraSwitch(name, states, names, n))
+        return true;
+    return INDI::Focuser::ISNewSwitch(dev, name, states, names, n);
+}
+
+std::string NkrFocuser::unitChoice()
+{
+    return nkrindi::trimmed(m_unitSelectTP[kUsbSelector].getText()) + '\n' +
+           nkrindi::trimmed(m_unitSelectTP[kBleSelector].getText());
+}
+
+bool NkrFocuser::succeeded(int rc, const char* what)
+{
+    if (rc == NKR_SUCCESS) return true;
+    LOGF_ERROR("%s failed: %s (%d)", what, nkrindi::errorText(rc), rc);
+    return false;
+}

@@ -1,0 +1,106 @@
+// INDI driver for the NKR focuser: an INDI::Focuser over the SDK's C
+// interface. One driver process drives one unit, USB or Bluetooth LE.
+#pragma once
+
+#include <chrono>
+#include <string>
+
+#include <indifocuser.h>
+#include <indipropertynumber.h>
+#include <indipropertyswitch.h>
+#include <indipropertytext.h>
+
+#include "unit_link.h"
+
+class NkrFocuser : public INDI::Focuser {
+public:
+    NkrFocuser();
+
+    const char* getDefaultName() override;
+    bool initProperties() override;
+    bool updateProperties() override;
+    void ISGetProperties(const char* dev) override;
+    bool ISNewNumber(const char* dev, const char* name, double values[], char* names[],
+                     int n) override;
+    bool ISNewSwitch(const char* dev, const char* name, ISState* states, char* names[],
+                     int n) override;
+    bool ISNewText(const char* dev, const char* name, char* texts[], char* names[],
+                   int n) override;
+
+protected:
+    bool Connect() override;
+    bool Disconnect() override;
+    void TimerHit() override;
+    bool saveConfigItems(FILE* fp) override;
+
+    // Focuser interface, in nkr_focuser_motion.cpp.
+    IPState MoveAbsFocuser(uint32_t targetTicks) override;
+    IPState MoveRelFocuser(FocusDirection dir, uint32_t ticks) override;
+    bool AbortFocuser() override;
+    bool ReverseFocuser(bool enabled) override;
+    bool SyncFocuser(uint32_t ticks) override;
+    bool SetFocuserMaxPosition(uint32_t ticks) override;
+    bool SetFocuserBacklash(int32_t steps) override;
+    bool SetFocuserBacklashEnabled(bool enabled) override;
+
+private:
+    // nkr_focuser_motion.cpp
+    void readMotorSettings();
+    void pollMotion();
+    void finishMove(IPState state);
+    void publishPosition(int position);
+
+    // nkr_focuser_extras.cpp: what the standard focuser properties lack.
+    void initExtraProperties();
+    void readCapabilities();
+    void readIdentity();
+    void readExtraSettings();
+    void defineExtraProperties();
+    void deleteExtraProperties();
+    void pollTemperature();
+    // Battery and error codes change slowly: read every few seconds, or now.
+    void pollPowerState(bool now = false);
+    bool handleExtraNumber(const char* name, double values[], char* names[], int n);
+    bool handleExtraSwitch(const char* name, ISState* states, char* names[], int n);
+    bool handleExtraText(const char* name, char* texts[], char* names[], int n);
+
+    // Both selector texts, trimmed, to tell a real change from a reload.
+    std::string unitChoice();
+    // Logs a failed SDK call as "<what> failed: <reason> (<code>)"; true on success.
+    bool succeeded(int rc, const char* what);
+
+    nkrindi::UnitLink m_unit;
+    int m_timerId = -1;
+
+    // Which unit to open: USB serial number / alias, or Bluetooth name / address.
+    INDI::PropertyText m_unitSelectTP{2};
+    bool m_unitChoiceLoaded = false;
+
+    INDI::PropertyNumber m_temperatureNP{1};
+    INDI::PropertyText m_infoTP{4};
+    INDI::PropertyText m_aliasTP{1};
+    INDI::PropertySwitch m_beepSP{2};
+    INDI::PropertyNumber m_forceNP{1};
+    INDI::PropertyNumber m_stepRangeNP{1};
+    INDI::PropertyNumber m_batteryNP{7};
+    INDI::PropertySwitch m_ledSP{2};
+    INDI::PropertyText m_errorCodesTP{2};
+
+    bool m_hasBattery = false;
+    bool m_hasLed = false;
+    bool m_hasErrorCodes = false;
+
+    // Who moves the motor, as far as the driver knows.
+    enum class Mover { None, Host, HandController };
+
+    // Motion bookkeeping between polls.
+    Mover m_mover = Mover::None;
+    int m_target = 0;
+    int m_lastPosition = -1;
+    std::chrono::steady_clock::time_point m_lastProgress{};
+    // Backlash the unit uses while the toggle is on; the unit itself has no
+    // on/off, so "off" sends 0 and keeps this value for the next "on".
+    int m_backlashSteps = 0;
+    bool m_pollFailed = false;
+    std::chrono::steady_clock::time_point m_lastPowerPoll{};
+};

@@ -1,0 +1,268 @@
+// Driver properties for what the standard focuser set lacks: identity, alias,
+// beep, motor force, step range, temperature, and on battery units the battery,
+// LED and stored error codes.
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+
+#include "NKR_focuser.h"
+#include "error_text.h"
+#include "nkr_focuser.h"
+#include "unit_identity.h"
+
+namespace {
+
+// Feature ids of the SDK's control list.
+constexpr int kControlLed = 1;
+constexpr int kControlBattery = 4;
+constexpr int kControlErrorCodes = 5;
+
+constexpr auto kPowerPollInterval = std::chrono::seconds(10);
+constexpr int kAliasLength = 8;
+
+enum InfoField { kFirmware, kSerial, kModel, kLink };
+enum BatteryField { kPercent, kVoltage, kChargeVoltage, kChargeCurrent, kDischargeCurrent,
+                    kBatteryTemperature, kHealth };
+
+constexpr int kOn = INDI::BaseDevice::INDI_ENABLED;
+constexpr int kOff = INDI::BaseDevice::INDI_DISABLED;
+
+void fillOnOff(INDI::PropertySwitch& property, bool on)
+{
+    property[kOn].setState(on ? ISS_ON : ISS_OFF);
+    property[kOff].setState(on ? ISS_OFF : ISS_ON);
+}
+
+}  // namespace
+
+void NkrFocuser::initExtraProperties()
+{
+    const char* dev = getDeviceName();
+
+    m_infoTP[kFirmware].fill("FIRMWARE", "Firmware", "");
+    m_infoTP[kSerial].fill("SERIAL", "Serial number", "");
+    m_infoTP[kModel].fill("MODEL", "Model", "");
+    m_infoTP[kLink].fill("LINK", "Link", "");
+    m_infoTP.fill(dev, "NKR_INFO", "Unit", INFO_TAB, IP_RO, 0, IPS_IDLE);
+
+    m_aliasTP[0].fill("ALIAS", "Alias (8 characters)", "");
+    m_aliasTP.fill(dev, "NKR_ALIAS", "Alias", INFO_TAB, IP_RW, 60, IPS_IDLE);
+
+    m_stepRangeNP[0].fill("RANGE", "Steps", "%.0f", 0, 600000, 0, 0);
+    m_stepRangeNP.fill(dev, "NKR_STEP_RANGE", "Step range", INFO_TAB, IP_RO, 0, IPS_IDLE);
+
+    m_beepSP[kOn].fill("INDI_ENABLED", "On", ISS_OFF);
+    m_beepSP[kOff].fill("INDI_DISABLED", "Off", ISS_ON);
+    m_beepSP.fill(dev, "NKR_BEEP", "Beep", OPTIONS_TAB, IP_RW, ISR_1OFMANY, 60, IPS_IDLE);
+
+    m_forceNP[0].fill("FORCE", "Force (0-15)", "%.0f", 0, 15, 1, 0);
+    m_forceNP.fill(dev, "NKR_MOTOR_FORCE", "Motor force", OPTIONS_TAB, IP_RW, 60, IPS_IDLE);
+
+    m_ledSP[kOn].fill("INDI_ENABLED", "On", ISS_OFF);
+    m_ledSP[kOff].fill("INDI_DISABLED", "Off", ISS_ON);
+    m_ledSP.fill(dev, "NKR_LED", "LED", OPTIONS_TAB, IP_RW, ISR_1OFMANY, 60, IPS_IDLE);
+
+    m_batteryNP[kPercent].fill("PERCENT", "Charge (%)", "%.0f", 0, 100, 0, 0);
+    m_batteryNP[kVoltage].fill("VOLTAGE", "Voltage", "%.0f", 0, 65535, 0, 0);
+    m_batteryNP[kChargeVoltage].fill("CHARGE_VOLTAGE", "Charge voltage", "%.0f", 0, 65535, 0, 0);
+    m_batteryNP[kChargeCurrent].fill("CHARGE_CURRENT", "Charge current", "%.0f", 0, 65535, 0, 0);
+    m_batteryNP[kDischargeCurrent].fill("DISCHARGE_CURRENT", "Discharge current", "%.0f", 0,
+                                        65535, 0, 0);
+    m_batteryNP[kBatteryTemperature].fill("TEMPERATURE", "Temperature (C)", "%.0f", -40, 87, 0, 0);
+    m_batteryNP[kHealth].fill("HEALTH", "Health", "%.0f", 0, 255, 0, 0);
+    m_batteryNP.fill(dev, "NKR_BATTERY", "Battery", INFO_TAB, IP_RO, 0, IPS_IDLE);
+
+    m_errorCodesTP[0].fill("MOTOR", "Motor", "");
+    m_errorCodesTP[1].fill("BATTERY", "Battery", "");
+    m_errorCodesTP.fill(dev, "NKR_ERROR_CODES", "Error codes", INFO_TAB, IP_RO, 0, IPS_IDLE);
+}
+
+void NkrFocuser::readCapabilities()
+{
+    m_hasBattery = m_hasLed = m_hasErrorCodes = false;
+    int count = 0;
+    if (NKRGetNumOfControls(m_unit.id(), &count) != NKR_SUCCESS) return;
+    for (int index = 0; index < count; ++index) {
+        _NKR_CONTROL_CAPS caps{};
+        if (NKRGetControlCaps(m_unit.id(), index, &caps) != NKR_SUCCESS || caps.Supported == 0)
+            continue;
+        m_hasLed = m_hasLed || caps.ControlType == kControlLed;
+        m_hasBattery = m_hasBattery || caps.ControlType == kControlBattery;
+        m_hasErrorCodes = m_hasErrorCodes || caps.ControlType == kControlErrorCodes;
+    }
+}
+
+void NkrFocuser::readIdentity()
+{
+    const int id = m_unit.id();
+    unsigned char major = 0, minor = 0, build = 0;
+    char firmware[16] = "unknown";
+    if (NKRGetFirmwareVersion(id, &major, &minor, &build) == NKR_SUCCESS)
+        std::snprintf(firmware, sizeof firmware, "%u.%u.%u", major, minor, build);
+
+    std::string serial = nkrindi::readSerial(id);
+    if (serial.empty()) serial = "not reported";
+
+    // Older units report no model text; they are the plain model.
+    _NKR_TYPE type{};
+    std::string model;
+    if (NKRGetType(id, &type) == NKR_SUCCESS) model = std::string(type.Type, strnlen(type.Type, sizeof type.Type));
+    if (model.empty()) model = "NKR";
+
+    int range = 0;
+    NKRStepRange(id, &range);
+
+    m_infoTP[kFirmware].setText(firmware);
+    m_infoTP[kSerial].setText(serial);
+    m_infoTP[kModel].setText(model);
+    m_infoTP[kLink].setText(m_unit.description());
+    m_infoTP.setState(IPS_OK);
+    m_aliasTP[0].setText(nkrindi::readAlias(id));
+    m_aliasTP.setState(IPS_IDLE);
+    m_stepRangeNP[0].setValue(range);
+    m_stepRangeNP.setState(IPS_OK);
+    LOGF_INFO("Model %s, firmware %s, serial number %s, step range %d.", model.c_str(), firmware,
+              serial.c_str(), range);
+}
+
+void NkrFocuser::readExtraSettings()
+{
+    const int id = m_unit.id();
+    bool beep = false;
+    m_beepSP.setState(NKRGetBeep(id, &beep) == NKR_SUCCESS ? IPS_OK : IPS_ALERT);
+    fillOnOff(m_beepSP, beep);
+
+    int force = 0;
+    m_forceNP.setState(NKRGetMaxForce(id, &force) == NKR_SUCCESS ? IPS_OK : IPS_ALERT);
+    m_forceNP[0].setValue(force);
+
+    if (m_hasLed) {
+        bool led = false;
+        m_ledSP.setState(NKRGetLedState(id, &led) == NKR_SUCCESS ? IPS_OK : IPS_ALERT);
+        fillOnOff(m_ledSP, led);
+    }
+    pollPowerState(true);
+}
+
+void NkrFocuser::defineExtraProperties()
+{
+    defineProperty(m_infoTP);
+    defineProperty(m_aliasTP);
+    defineProperty(m_stepRangeNP);
+    defineProperty(m_beepSP);
+    defineProperty(m_forceNP);
+    if (m_hasLed) defineProperty(m_ledSP);
+    if (m_hasBattery) defineProperty(m_batteryNP);
+    if (m_hasErrorCodes) defineProperty(m_errorCodesTP);
+}
+
+void NkrFocuser::deleteExtraProperties()
+{
+    deleteProperty(m_infoTP.getName());
+    deleteProperty(m_aliasTP.getName());
+    deleteProperty(m_stepRangeNP.getName());
+    deleteProperty(m_beepSP.getName());
+    deleteProperty(m_forceNP.getName());
+    if (m_hasLed) deleteProperty(m_ledSP.getName());
+    if (m_hasBattery) deleteProperty(m_batteryNP.getName());
+    if (m_hasErrorCodes) deleteProperty(m_errorCodesTP.getName());
+}
+
+void NkrFocuser::pollTemperature()
+{
+    float celsius = 0;
+    const int rc = NKRGetTemp(m_unit.id(), &celsius);
+    // 7 comes with the last good temperature: show it, marked doubtful.
+    const bool hasValue = rc == NKR_SUCCESS || rc == NKR_ERROR_GENERAL;
+    const IPState state = rc == NKR_SUCCESS ? IPS_OK : IPS_ALERT;
+    const double shown = hasValue ? celsius : m_temperatureNP[0].getValue();
+    if (state == m_temperatureNP.getState() && std::fabs(shown - m_temperatureNP[0].getValue()) < 0.005)
+        return;
+    m_temperatureNP[0].setValue(shown);
+    m_temperatureNP.setState(state);
+    m_temperatureNP.apply();
+}
+
+void NkrFocuser::pollPowerState(bool now)
+{
+    const auto at = std::chrono::steady_clock::now();
+    if (!now && at - m_lastPowerPoll < kPowerPollInterval) return;
+    m_lastPowerPoll = at;
+    const int id = m_unit.id();
+
+    if (m_hasBattery) {
+        _NKR_BATTERY_INFO battery{};
+        const int rc = NKRGetBatteryInfo(id, &battery);
+        if (rc == NKR_SUCCESS) {
+            m_batteryNP[kPercent].setValue(battery.battery_percentage);
+            m_batteryNP[kVoltage].setValue(battery.battery_vol);
+            m_batteryNP[kChargeVoltage].setValue(battery.battery_charge_vol);
+            m_batteryNP[kChargeCurrent].setValue(battery.battery_charge_curr);
+            m_batteryNP[kDischargeCurrent].setValue(battery.battery_discharge_curr);
+            m_batteryNP[kBatteryTemperature].setValue(battery.battery_temp);
+            m_batteryNP[kHealth].setValue(battery.battery_health);
+        }
+        m_batteryNP.setState(rc == NKR_SUCCESS ? IPS_OK : IPS_ALERT);
+        if (!now) m_batteryNP.apply();
+    }
+    if (m_hasErrorCodes) {
+        _NKR_ERROR_MSG codes{};
+        const int rc = NKRGetErrorCode(id, &codes);
+        if (rc == NKR_SUCCESS) {
+            m_errorCodesTP[0].setText(std::string(codes.MotorErrCode, strnlen(codes.MotorErrCode, 3)));
+            m_errorCodesTP[1].setText(
+                std::string(codes.BatteryErrCode, strnlen(codes.BatteryErrCode, 3)));
+        }
+        m_errorCodesTP.setState(rc == NKR_SUCCESS ? IPS_OK : IPS_ALERT);
+        if (!now) m_errorCodesTP.apply();
+    }
+}
+
+bool NkrFocuser::handleExtraSwitch(const char* name, ISState* states, char* names[], int n)
+{
+    const bool beep = m_beepSP.isNameMatch(name);
+    if (!beep && !m_ledSP.isNameMatch(name)) return false;
+    INDI::PropertySwitch& property = beep ? m_beepSP : m_ledSP;
+    const bool wasOn = property[kOn].getState() == ISS_ON;
+    property.update(states, names, n);
+    const bool on = property[kOn].getState() == ISS_ON;
+    bool ok = false;
+    if (m_unit.isOpen()) {
+        ok = beep ? succeeded(NKRSetBeep(m_unit.id(), on), "Setting the beep")
+                  : succeeded(NKRSetLedState(m_unit.id(), on), "Setting the LED");
+    }
+    if (!ok) fillOnOff(property, wasOn);
+    property.setState(ok ? IPS_OK : IPS_ALERT);
+    property.apply();
+    return true;
+}
+
+bool NkrFocuser::handleExtraNumber(const char* name, double values[], char* names[], int n)
+{
+    if (!m_forceNP.isNameMatch(name)) return false;
+    const double previous = m_forceNP[0].getValue();
+    m_forceNP.update(values, names, n);
+    const int force = std::clamp(static_cast<int>(std::lround(m_forceNP[0].getValue())), 0, 15);
+    const bool ok = m_unit.isOpen() &&
+                    succeeded(NKRSetMaxForce(m_unit.id(), force), "Setting the motor force");
+    m_forceNP[0].setValue(ok ? force : previous);
+    m_forceNP.setState(ok ? IPS_OK : IPS_ALERT);
+    m_forceNP.apply();
+    return true;
+}
+
+bool NkrFocuser::handleExtraText(const char* name, char* texts[], char* names[], int n)
+{
+    if (!m_aliasTP.isNameMatch(name)) return false;
+    const std::string previous = m_aliasTP[0].getText();
+    m_aliasTP.update(texts, names, n);
+    const std::string alias = std::string(m_aliasTP[0].getText()).substr(0, kAliasLength);
+    _NKR_ID record{};
+    std::memcpy(record.id, alias.data(), alias.size());
+    const bool ok = m_unit.isOpen() && succeeded(NKRSetID(m_unit.id(), record), "Setting the alias");
+    m_aliasTP[0].setText(ok ? alias : previous);
+    m_aliasTP.setState(ok ? IPS_OK : IPS_ALERT);
+    m_aliasTP.apply();
+    return true;
+}

@@ -1,0 +1,207 @@
+// Moves, motor settings of the standard focuser properties, and the poll that
+// follows a move to its end.
+#include <algorithm>
+#include <cstdint>
+
+#include "NKR_focuser.h"
+#include "error_text.h"
+#include "nkr_focuser.h"
+
+namespace {
+
+// A host move whose position has not changed for this long has stalled (the
+// unit also reports its error state as "moving", so this is how it ends).
+constexpr auto kStallTimeout = std::chrono::seconds(10);
+
+}  // namespace
+
+void NkrFocuser::readMotorSettings()
+{
+    const int id = m_unit.id();
+    int range = 0;
+    int position = 0;
+    int maxStep = 0;
+    int backlash = 0;
+    bool reverse = false;
+    NKRStepRange(id, &range);
+    succeeded(NKRGetPosition(id, &position), "Reading the position");
+    succeeded(NKRGetMaxStep(id, &maxStep), "Reading the maximum position");
+    succeeded(NKRGetBacklash(id, &backlash), "Reading the backlash");
+    succeeded(NKRGetReverse(id, &reverse), "Reading the direction");
+    if (maxStep <= 0 || maxStep > range) maxStep = range;
+
+    FocusMaxPosN[0].min = 1;
+    FocusMaxPosN[0].max = range;
+    FocusMaxPosN[0].step = std::max(range / 100, 1);
+    FocusMaxPosN[0].value = maxStep;
+    FocusAbsPosN[0].min = 0;
+    FocusAbsPosN[0].max = maxStep;
+    FocusAbsPosN[0].step = std::max(maxStep / 50, 1);
+    FocusAbsPosN[0].value = position;
+    FocusRelPosN[0].min = 0;
+    FocusRelPosN[0].max = maxStep;
+    FocusRelPosN[0].step = std::max(maxStep / 100, 1);
+    FocusSyncN[0].min = 0;
+    FocusSyncN[0].max = maxStep;
+    SyncPresets(static_cast<uint32_t>(maxStep));
+
+    FocusReverseS[INDI_ENABLED].s = reverse ? ISS_ON : ISS_OFF;
+    FocusReverseS[INDI_DISABLED].s = reverse ? ISS_OFF : ISS_ON;
+    if (backlash > 0) m_backlashSteps = backlash;
+    FocusBacklashN[0].value = m_backlashSteps;
+    FocusBacklashS[INDI_ENABLED].s = backlash > 0 ? ISS_ON : ISS_OFF;
+    FocusBacklashS[INDI_DISABLED].s = backlash > 0 ? ISS_OFF : ISS_ON;
+
+    m_mover = Mover::None;
+    m_target = position;
+    m_lastPosition = position;
+    FocusAbsPosNP.s = IPS_OK;
+    FocusRelPosNP.s = IPS_IDLE;
+}
+
+IPState NkrFocuser::MoveAbsFocuser(uint32_t targetTicks)
+{
+    if (!m_unit.isOpen()) return IPS_ALERT;
+    const int target = static_cast<int>(std::min<uint32_t>(targetTicks, INT32_MAX));
+    if (!succeeded(NKRMove(m_unit.id(), target), "Starting the move")) return IPS_ALERT;
+    m_mover = Mover::Host;
+    m_target = target;
+    m_lastProgress = std::chrono::steady_clock::now();
+    LOGF_DEBUG("Moving to %d.", target);
+    return IPS_BUSY;
+}
+
+IPState NkrFocuser::MoveRelFocuser(FocusDirection dir, uint32_t ticks)
+{
+    const int64_t current = static_cast<int64_t>(FocusAbsPosN[0].value);
+    const int64_t wanted = dir == FOCUS_INWARD ? current - static_cast<int64_t>(ticks)
+                                               : current + static_cast<int64_t>(ticks);
+    const int64_t target = std::clamp<int64_t>(wanted, 0, static_cast<int64_t>(FocusAbsPosN[0].max));
+    const IPState state = MoveAbsFocuser(static_cast<uint32_t>(target));
+    if (state == IPS_BUSY && FocusAbsPosNP.s != IPS_BUSY) {
+        FocusAbsPosNP.s = IPS_BUSY;
+        IDSetNumber(&FocusAbsPosNP, nullptr);
+    }
+    return state;
+}
+
+bool NkrFocuser::AbortFocuser()
+{
+    if (!m_unit.isOpen()) return false;
+    if (!succeeded(NKRStop(m_unit.id()), "Stopping the motor")) return false;
+    m_mover = Mover::None;
+    // Report where it stopped now rather than at the next poll.
+    int position = 0;
+    if (NKRGetPosition(m_unit.id(), &position) == NKR_SUCCESS) publishPosition(position);
+    return true;
+}
+
+bool NkrFocuser::ReverseFocuser(bool enabled)
+{
+    return m_unit.isOpen() &&
+           succeeded(NKRSetReverse(m_unit.id(), enabled), "Setting the direction");
+}
+
+bool NkrFocuser::SyncFocuser(uint32_t ticks)
+{
+    if (!m_unit.isOpen()) return false;
+    const int position = static_cast<int>(std::min<uint32_t>(ticks, INT32_MAX));
+    if (!succeeded(NKRResetPostion(m_unit.id(), position), "Setting the position")) return false;
+    m_target = position;
+    publishPosition(position);
+    return true;
+}
+
+bool NkrFocuser::SetFocuserMaxPosition(uint32_t ticks)
+{
+    if (!m_unit.isOpen()) return false;
+    const int maxStep = static_cast<int>(std::min<uint32_t>(ticks, INT32_MAX));
+    if (!succeeded(NKRSetMaxStep(m_unit.id(), maxStep), "Setting the maximum position"))
+        return false;
+    // Positions beyond the new maximum can no longer be asked for.
+    for (INumberVectorProperty* limited : {&FocusAbsPosNP, &FocusRelPosNP, &FocusSyncNP}) {
+        limited->np[0].max = maxStep;
+        IUUpdateMinMax(limited);
+    }
+    return INDI::Focuser::SetFocuserMaxPosition(ticks);
+}
+
+bool NkrFocuser::SetFocuserBacklash(int32_t steps)
+{
+    m_backlashSteps = std::clamp(steps, 0, 255);
+    if (FocusBacklashS[INDI_ENABLED].s != ISS_ON) return true;  // sent when switched on
+    return m_unit.isOpen() &&
+           succeeded(NKRSetBacklash(m_unit.id(), m_backlashSteps), "Setting the backlash");
+}
+
+bool NkrFocuser::SetFocuserBacklashEnabled(bool enabled)
+{
+    return m_unit.isOpen() && succeeded(NKRSetBacklash(m_unit.id(), enabled ? m_backlashSteps : 0),
+                                        "Setting the backlash");
+}
+
+void NkrFocuser::publishPosition(int position)
+{
+    m_lastPosition = position;
+    FocusAbsPosN[0].value = position;
+    IDSetNumber(&FocusAbsPosNP, nullptr);
+}
+
+void NkrFocuser::finishMove(IPState state)
+{
+    m_mover = Mover::None;
+    FocusAbsPosNP.s = state;
+    IDSetNumber(&FocusAbsPosNP, nullptr);
+    if (FocusRelPosNP.s == IPS_BUSY) {
+        FocusRelPosNP.s = state;
+        IDSetNumber(&FocusRelPosNP, nullptr);
+    }
+}
+
+void NkrFocuser::pollMotion()
+{
+    const int id = m_unit.id();
+    bool moving = false;
+    bool handMoving = false;
+    int position = 0;
+    int rc = NKRIsMoving(id, &moving, &handMoving);
+    if (rc == NKR_SUCCESS) rc = NKRGetPosition(id, &position);
+    if (rc != NKR_SUCCESS) {
+        if (!m_pollFailed)
+            LOGF_ERROR("Reading the focuser failed: %s (%d)", nkrindi::errorText(rc), rc);
+        m_pollFailed = true;
+        if (m_mover != Mover::None) finishMove(IPS_ALERT);
+        return;
+    }
+    if (m_pollFailed) LOG_INFO("The focuser answers again.");
+    m_pollFailed = false;
+
+    const auto now = std::chrono::steady_clock::now();
+    if (position != m_lastPosition) {
+        m_lastProgress = now;
+        publishPosition(position);
+    }
+    if (handMoving && m_mover == Mover::None) {
+        LOG_INFO("The hand controller moves the focuser.");
+        m_mover = Mover::HandController;
+        m_lastProgress = now;
+        FocusAbsPosNP.s = IPS_BUSY;
+        IDSetNumber(&FocusAbsPosNP, nullptr);
+    }
+
+    if (moving) {
+        if (m_mover == Mover::Host && now - m_lastProgress > kStallTimeout) {
+            LOGF_ERROR("The motor has not moved for %d s; stopping it.",
+                       static_cast<int>(kStallTimeout.count()));
+            NKRStop(id);
+            finishMove(IPS_ALERT);
+        }
+        return;
+    }
+    if (m_mover == Mover::Host && position != m_target) {
+        LOGF_WARN("The focuser stopped at %d instead of %d.", position, m_target);
+        finishMove(IPS_ALERT);
+    } else if (m_mover != Mover::None) {
+        finishMove(IPS_OK);
+    }
+}
