@@ -80,6 +80,13 @@ struct UnitState {
 void reset();
 // Adds the default set (an older USB unit, a newer USB unit, a Bluetooth Pro
 // unit). A program that never calls reset() gets these automatically.
+//
+// The environment variable NKR_SIM_UNITS replaces that set: comma-separated
+// entries "link:fw[:letter[:type]]", link one of usb, ble or both, fw three
+// digits (major, minor, build), letter the model letter, type the model text;
+// e.g. "usb:335,usb:382:E:NKRN,ble:382:E:NKR Pro" (the default set). Bluetooth
+// units are named "<type>_<suffix>" with suffixes A1B2, A1B3, ... in order.
+// An empty value gives no units; malformed entries are skipped.
 void addDefaultUnits();
 
 // ---- units ------------------------------------------------------------------

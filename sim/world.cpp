@@ -15,6 +15,8 @@ namespace {
 
 // A huge jump of the clock must not overflow the step arithmetic.
 constexpr uint64_t kMaxStepInterval = 1'000'000'000'000ULL;
+// 100 kOhm thermistor under a 10 kOhm series resistor at 25 degrees, 10-bit ADC.
+constexpr int kThermistorAdc25 = 931;
 
 uint64_t steadyMicros()
 {
@@ -36,6 +38,8 @@ void applySpec(const UnitSpec& spec, UnitState& s)
 {
     s.maxStep = spec.maxStep;
     s.tempRaw = spec.tempRaw;
+    // A thermistor unit left at the scaled default reads about 25 degrees as ADC.
+    if (spec.thermistor && spec.tempRaw == UnitSpec{}.tempRaw) s.tempRaw = kThermistorAdc25;
     s.serial = spec.serial;
     s.alias = spec.alias;
     s.bleNameSuffix = spec.bleNameSuffix;
