@@ -181,7 +181,7 @@ void NkrFocuser::pollTemperature()
         return;
     m_temperatureNP[0].setValue(shown);
     m_temperatureNP.setState(state);
-    m_temperatureNP.apply();
+    if (isConnected()) m_temperatureNP.apply();  // while connecting it is not defined yet
 }
 
 void NkrFocuser::pollPowerState(bool now)
