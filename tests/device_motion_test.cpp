@@ -1,0 +1,210 @@
+// Motion and motor settings: the control frame byte for byte, clamps, the
+// moving lock-out and stop.
+#include <cerrno>
+
+#include "device_support.h"
+
+namespace {
+using devicetest::Bytes;
+using devicetest::DeviceTest;
+using nkrtest::unitWithFirmware;
+
+class DeviceMotion : public DeviceTest {};
+class DeviceSettings : public DeviceTest {};
+
+Bytes slice(const Bytes& b, size_t from, size_t to) { return Bytes(b.begin() + from, b.begin() + to); }
+
+TEST_F(DeviceMotion, SixteenBitFrameCarriesSpeedAndTarget)
+{
+    nkrsim::UnitId unit;
+    int id = openQuiet(unitWithFirmware(335), &unit);
+    ASSERT_EQ(NKRSetSpeed(id, 0x0102), NKR_SUCCESS);
+    ASSERT_EQ(NKRMove(id, 1000), NKR_SUCCESS);
+    Bytes f = devicetest::lastControlFrame(unit);
+    ASSERT_EQ(f.size(), 16u);
+    EXPECT_EQ(slice(f, 0, 6), (Bytes{0x03, 0x7E, 0x5A, 0x03, 0x01, 0x00}));
+    EXPECT_EQ(slice(f, 6, 11), (Bytes{0x01, 0x02, 0x03, 0xE8, 0x00}));
+    EXPECT_EQ(slice(f, 14, 16), (Bytes{0xEA, 0x60}));  // maximum 60000 as reported
+    EXPECT_EQ(nkrsim::state(unit).target, 1000);
+}
+
+TEST_F(DeviceMotion, TwentyFourBitFrameCarriesHighBytesInsteadOfSpeed)
+{
+    nkrsim::UnitSpec spec = unitWithFirmware(336);
+    spec.maxStep = 0x050607;
+    nkrsim::UnitId unit;
+    int id = openQuiet(spec, &unit);
+    ASSERT_EQ(NKRMove(id, 0x012345), NKR_SUCCESS);
+    Bytes f = devicetest::lastControlFrame(unit);
+    ASSERT_EQ(f.size(), 16u);
+    EXPECT_EQ(slice(f, 6, 10), (Bytes{0x05, 0x01, 0x23, 0x45}));
+    EXPECT_EQ(slice(f, 14, 16), (Bytes{0x06, 0x07}));
+    EXPECT_EQ(nkrsim::state(unit).target, 0x012345);
+}
+
+TEST_F(DeviceMotion, TargetsAreClampedToTheStepRangeNotToTheMaximum)
+{
+    nkrsim::UnitId unit;
+    int id = openQuiet(unitWithFirmware(335), &unit);
+    ASSERT_EQ(NKRSetMaxStep(id, 1000), NKR_SUCCESS);
+    ASSERT_EQ(NKRMove(id, 5000), NKR_SUCCESS);
+    EXPECT_EQ(slice(devicetest::lastControlFrame(unit), 8, 10), (Bytes{0x13, 0x88}));
+    ASSERT_EQ(NKRStop(id), NKR_SUCCESS);
+    ASSERT_EQ(NKRMove(id, -5), NKR_SUCCESS);
+    EXPECT_EQ(slice(devicetest::lastControlFrame(unit), 8, 10), (Bytes{0x00, 0x00}));
+    ASSERT_EQ(NKRStop(id), NKR_SUCCESS);
+    ASSERT_EQ(NKRMove(id, 70000), NKR_SUCCESS);
+    EXPECT_EQ(slice(devicetest::lastControlFrame(unit), 8, 10), (Bytes{0xEA, 0x60}));
+    EXPECT_EQ(dev(id)->step, 60000);
+}
+
+TEST_F(DeviceMotion, MoveWaits200msOnlyWhenTheFrameWasSent)
+{
+    nkrsim::UnitId unit;
+    int id = openQuiet(unitWithFirmware(336), &unit);
+    uint64_t t0 = nkrsim::nowMicros();
+    ASSERT_EQ(NKRMove(id, 30000), NKR_SUCCESS);  // already there: ends at once
+    EXPECT_EQ(nkrsim::nowMicros() - t0, 200000u);
+
+    bool moving = true;
+    ASSERT_EQ(NKRIsMoving(id, &moving, nullptr), NKR_SUCCESS);
+    ASSERT_FALSE(moving);
+    nkrsim::failTransfers(unit, 1, EIO);
+    t0 = nkrsim::nowMicros();
+    EXPECT_EQ(NKRMove(id, 31000), NKR_ERROR_GENERAL);
+    EXPECT_EQ(nkrsim::nowMicros(), t0);
+    // The run flag stays set after a failed send until the next status read.
+    EXPECT_EQ(NKRMove(id, 31000), NKR_ERROR_MOVING);
+    ASSERT_EQ(NKRIsMoving(id, &moving, nullptr), NKR_SUCCESS);
+    EXPECT_FALSE(moving);
+    EXPECT_EQ(NKRMove(id, 31000), NKR_SUCCESS);
+}
+
+TEST_F(DeviceMotion, NothingChangesWhileMovingButStopIsAllowed)
+{
+    nkrsim::UnitId unit;
+    int id = openQuiet(unitWithFirmware(336), &unit);
+    ASSERT_EQ(NKRMove(id, 50000), NKR_SUCCESS);
+    nkrsim::clearSentReports(unit);
+
+    EXPECT_EQ(NKRMove(id, 40000), NKR_ERROR_MOVING);
+    EXPECT_EQ(NKRResetPostion(id, 100), NKR_ERROR_MOVING);
+    EXPECT_EQ(NKRSetSpeed(id, 100), NKR_ERROR_MOVING);
+    EXPECT_EQ(NKRSetBacklash(id, 10), NKR_ERROR_MOVING);
+    EXPECT_EQ(NKRSetMaxStep(id, 100), NKR_ERROR_MOVING);
+    EXPECT_EQ(NKRSetBeep(id, true), NKR_ERROR_MOVING);
+    EXPECT_EQ(NKRSetReverse(id, true), NKR_ERROR_MOVING);
+    EXPECT_EQ(NKRSetMaxForce(id, 3), NKR_ERROR_MOVING);
+    EXPECT_EQ(dev(id)->saveFWConf(), NKR_ERROR_MOVING);
+    EXPECT_TRUE(nkrsim::sentReports(unit).empty());
+
+    // Stop clears errors first (a status exchange), then sends run = 0.
+    ASSERT_EQ(NKRStop(id), NKR_SUCCESS);
+    std::vector<Bytes> sent = nkrsim::sentReports(unit);
+    ASSERT_EQ(sent.size(), 2u);
+    EXPECT_EQ(slice(sent[0], 0, 5), (Bytes{0x03, 0x7E, 0x5A, 0x02, 0x03}));
+    EXPECT_TRUE(devicetest::isControlFrame(sent[1]));
+    EXPECT_EQ(sent[1][4], 0);
+    EXPECT_EQ(nkrsim::state(unit).runState, 0);
+    EXPECT_EQ(NKRSetBeep(id, true), NKR_SUCCESS);
+}
+
+TEST_F(DeviceMotion, StopIsNotSentWhenClearingErrorsFails)
+{
+    nkrsim::UnitId unit;
+    int id = openQuiet(unitWithFirmware(336), &unit);
+    ASSERT_EQ(NKRMove(id, 50000), NKR_SUCCESS);
+    nkrsim::clearSentReports(unit);
+    nkrsim::failTransfers(unit, 1, EIO);
+    EXPECT_EQ(NKRStop(id), NKR_ERROR_GENERAL);
+    EXPECT_TRUE(devicetest::controlFrames(unit).empty());
+    EXPECT_EQ(nkrsim::state(unit).runState, 1);
+}
+
+TEST_F(DeviceMotion, ResetPositionRedefinesWithoutMovingOrPausing)
+{
+    nkrsim::UnitId unit;
+    int id = openQuiet(unitWithFirmware(335), &unit);
+    uint64_t t0 = nkrsim::nowMicros();
+    ASSERT_EQ(NKRResetPostion(id, 70000), NKR_SUCCESS);
+    EXPECT_EQ(nkrsim::nowMicros(), t0);
+    Bytes f = devicetest::lastControlFrame(unit);
+    EXPECT_EQ(f[4], 0);
+    EXPECT_EQ(f[10], 1);
+    EXPECT_EQ(slice(f, 8, 10), (Bytes{0xEA, 0x60}));
+    EXPECT_EQ(nkrsim::state(unit).position, 60000);
+    EXPECT_EQ(nkrsim::state(unit).runState, 0);
+}
+
+TEST_F(DeviceMotion, CommandsNeedALink)
+{
+    CNKR bare;
+    EXPECT_EQ(bare.SetStep(10, false), NKR_ERROR_INVALID_ID);
+    EXPECT_EQ(bare.resetStep(10, false), NKR_ERROR_INVALID_ID);
+    EXPECT_EQ(bare.SetSpeed(10), NKR_ERROR_INVALID_ID);
+    EXPECT_EQ(bare.setBeep(true, false), NKR_ERROR_INVALID_ID);
+    EXPECT_EQ(bare.saveFWConf(), NKR_ERROR_INVALID_ID);
+    EXPECT_EQ(bare.stopMove(false), NKR_ERROR_INVALID_ID);
+    EXPECT_FALSE(bare.bBeep);
+    EXPECT_EQ(bare.step, 0);
+}
+
+TEST_F(DeviceSettings, ForceBeepAndReverseShareByte13)
+{
+    nkrsim::UnitId unit;
+    int id = openQuiet(unitWithFirmware(336), &unit);
+    ASSERT_EQ(NKRSetBeep(id, true), NKR_SUCCESS);
+    EXPECT_EQ(devicetest::lastControlFrame(unit)[13], 0x01);
+    ASSERT_EQ(NKRSetMaxForce(id, 20), NKR_SUCCESS);  // 0x14: the low nibble 4 travels
+    EXPECT_EQ(devicetest::lastControlFrame(unit)[13], 0x41);
+    EXPECT_EQ(dev(id)->cMaxForce, 20);
+    ASSERT_EQ(NKRSetReverse(id, true), NKR_SUCCESS);
+    EXPECT_EQ(devicetest::lastControlFrame(unit)[13], 0x43);
+    int force = -1;
+    ASSERT_EQ(NKRGetMaxForce(id, &force), NKR_SUCCESS);
+    EXPECT_EQ(force, 4);
+
+    // Only the low byte is kept.
+    ASSERT_EQ(NKRSetMaxForce(id, 0x1F3), NKR_SUCCESS);
+    EXPECT_EQ(dev(id)->cMaxForce, -13);
+    EXPECT_EQ(devicetest::lastControlFrame(unit)[13], 0x33);
+}
+
+TEST_F(DeviceSettings, BacklashRangeAndMaximumClamp)
+{
+    nkrsim::UnitId unit;
+    int id = openQuiet(unitWithFirmware(335), &unit);
+    EXPECT_EQ(NKRSetBacklash(id, 256), NKR_ERROR_INVALID_VALUE);
+    EXPECT_EQ(NKRSetBacklash(id, -1), NKR_ERROR_INVALID_VALUE);
+    EXPECT_TRUE(nkrsim::sentReports(unit).empty());
+    EXPECT_EQ(dev(id)->iBacklash, 0);
+    ASSERT_EQ(NKRSetBacklash(id, 255), NKR_SUCCESS);
+    Bytes f = devicetest::lastControlFrame(unit);
+    EXPECT_EQ(f[5], 255);
+    EXPECT_EQ(f[10], 0);
+
+    ASSERT_EQ(NKRSetMaxStep(id, 1000000), NKR_SUCCESS);
+    EXPECT_EQ(dev(id)->maxstep, 60000);
+    f = devicetest::lastControlFrame(unit);
+    EXPECT_EQ(f[10], 2);
+    EXPECT_EQ(slice(f, 14, 16), (Bytes{0xEA, 0x60}));
+    ASSERT_EQ(NKRSetMaxStep(id, -3), NKR_SUCCESS);
+    EXPECT_EQ(dev(id)->maxstep, 0);
+    EXPECT_EQ(nkrsim::state(unit).maxStep, 0);
+}
+
+TEST_F(DeviceSettings, StepRangeAnswersWithoutTheUnit)
+{
+    nkrsim::UnitId unit;
+    int id = openQuiet(unitWithFirmware(336), &unit);
+    nkrsim::unplug(unit);
+    int range = 0;
+    EXPECT_EQ(NKRStepRange(id, &range), NKR_SUCCESS);
+    EXPECT_EQ(range, 600000);
+    EXPECT_EQ(dev(id)->getStepRange(nullptr, false), NKR_ERROR_INVALID_VALUE);
+    CNKR bare;
+    EXPECT_EQ(bare.getStepRange(&range, false), NKR_SUCCESS);
+    EXPECT_EQ(range, 60000);
+}
+
+}  // namespace
