@@ -1,0 +1,89 @@
+// The Bluetooth branches of the status read and the control frame.
+#include "ble_test_support.h"
+#include "device_support.h"
+
+namespace {
+using devicetest::Bytes;
+using nkrtest::bleUnitWithFirmware;
+
+class DeviceBle : public nkrtest::BleTest {};
+
+// Payload of a request frame: 00 len seq cmd payload lenHigh 00 00 00 sum.
+Bytes requestPayload(const Bytes& frame) { return Bytes(frame.begin() + 4, frame.end() - 5); }
+
+TEST_F(DeviceBle, StatusAnswerIsLaidOverTheHidPositions)
+{
+    nkrsim::UnitId unit;
+    auto d = connect(bleUnitWithFirmware(336), &unit);
+    d->fwVersion = 336;
+    nkrsim::update(unit, [](nkrsim::UnitState& s) {
+        s.position = 600000;
+        s.maxStep = 0x050607;
+        s.backlash = 9;
+        s.force = 5;
+        s.beep = true;
+    });
+    nkrsim::clearSentFrames(unit);
+    int pos = -1;
+    ASSERT_EQ(d->getStep(&pos, true), NKR_SUCCESS);
+    EXPECT_EQ(pos, 600000);
+    EXPECT_EQ(d->maxstep, 0x050607);
+    EXPECT_EQ(d->iBacklash, 9);
+    EXPECT_EQ(d->cMaxForce, 5);
+    EXPECT_TRUE(d->bBeep);
+    std::vector<Bytes> frames = nkrsim::sentFrames(unit);
+    ASSERT_EQ(frames.size(), 1u);
+    EXPECT_EQ(frames[0][3], BLEProtocol::CMD_DEVICE);
+    EXPECT_EQ(requestPayload(frames[0]), (Bytes{0x7E, 0x5A, 0x02, 0x03}));
+}
+
+TEST_F(DeviceBle, ShortStatusAnswerIsRefusedWithoutTouchingTheCache)
+{
+    nkrsim::UnitId unit;
+    auto d = connect(bleUnitWithFirmware(336), &unit);
+    d->fwVersion = 336;
+    int pos = -1;
+    ASSERT_EQ(d->getStep(&pos, true), NKR_SUCCESS);
+    const int step = d->step;
+    const uint8_t nextSeq = static_cast<uint8_t>(nkrsim::sentFrames(unit).back()[2] + 1);
+
+    // A good response whose answer ends at byte 14 of the HID layout.
+    Bytes frame = {0x01, 0x0B, nextSeq, 0x00, 0x7E, 0x5A, 0x02, 0x01, 0x00, 0x01, 0x02, 0x03, 0x04, 0x05};
+    uint8_t sum = 0;
+    for (uint8_t b : frame) sum = static_cast<uint8_t>(sum + b);
+    frame.push_back(sum);
+    nkrsim::bleRawAnswer(unit, frame);
+    nkrsim::update(unit, [](nkrsim::UnitState& s) { s.position = 1234; });
+    pos = -77;
+    EXPECT_EQ(d->getStep(&pos, true), NKR_ERROR_GENERAL);
+    EXPECT_EQ(pos, -77);
+    EXPECT_EQ(d->step, step);
+    EXPECT_EQ(d->m_iMoveState.load(), 0);
+}
+
+TEST_F(DeviceBle, ControlFrameTravelsWithoutItsReportIdAndWithoutWaiting)
+{
+    nkrsim::UnitId unit;
+    auto d = connect(bleUnitWithFirmware(336), &unit);
+    d->fwVersion = 336;
+    d->m_iStepLimit = 600000;
+    nkrsim::clearSentFrames(unit);
+    ASSERT_EQ(d->SetStep(0x012345, true), NKR_SUCCESS);
+    std::vector<Bytes> frames = nkrsim::sentFrames(unit);
+    ASSERT_EQ(frames.size(), 1u);
+    EXPECT_EQ(frames[0][3], BLEProtocol::CMD_DEVICE);
+    Bytes payload = requestPayload(frames[0]);
+    ASSERT_EQ(payload.size(), 15u);
+    // The same bytes as the HID frame from byte 1.
+    EXPECT_EQ(Bytes(payload.begin(), payload.end()), Bytes(d->pszOutBuf + 1, d->pszOutBuf + 16));
+    EXPECT_EQ(Bytes(payload.begin(), payload.begin() + 4), (Bytes{0x7E, 0x5A, 0x03, 0x01}));
+    EXPECT_EQ(Bytes(payload.begin() + 6, payload.begin() + 9), (Bytes{0x01, 0x23, 0x45}));
+    EXPECT_EQ(nkrsim::state(unit).target, 0x012345);
+    EXPECT_EQ(nkrsim::state(unit).runState, 1);
+
+    // Stop over the same link.
+    ASSERT_EQ(d->stopMove(true), NKR_SUCCESS);
+    EXPECT_EQ(nkrsim::state(unit).runState, 0);
+}
+
+}  // namespace
