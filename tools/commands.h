@@ -1,0 +1,41 @@
+// The sub-commands of the tool. Each add...Command function declares its
+// sub-command (arguments and help) on the application and returns how to run
+// it; main runs the one that was chosen after parsing, so nothing touches a
+// unit before the command line is known to be good.
+#pragma once
+
+#include <functional>
+#include <string>
+
+namespace CLI {
+class App;
+}
+
+namespace nkrtool {
+
+// Options that apply to every command.
+struct GlobalOptions {
+    bool json = false;
+    bool simulate = false;
+    bool realHome = false;
+    std::string ble;          // --ble NAME-OR-ADDRESS: the unit of a per-unit command
+    int bleScanSeconds = 3;   // --ble-scan: how long to look for that unit
+};
+
+struct Command {
+    CLI::App* app = nullptr;
+    std::function<int()> run;   // returns the exit status
+    bool needsSimulator = false;
+};
+
+Command addListCommand(CLI::App& app, const GlobalOptions& globals);
+Command addInfoCommand(CLI::App& app, const GlobalOptions& globals);
+Command addMoveCommand(CLI::App& app, const GlobalOptions& globals);
+Command addStopCommand(CLI::App& app, const GlobalOptions& globals);
+Command addSyncCommand(CLI::App& app, const GlobalOptions& globals);
+Command addSetCommand(CLI::App& app, const GlobalOptions& globals);
+Command addWatchCommand(CLI::App& app, const GlobalOptions& globals);
+Command addFirmwareCommand(CLI::App& app, const GlobalOptions& globals);
+Command addDemoCommand(CLI::App& app, const GlobalOptions& globals);
+
+}  // namespace nkrtool

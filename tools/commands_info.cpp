@@ -1,0 +1,195 @@
+// nkr info: everything one unit can tell about itself. A value the unit
+// cannot give is shown as "not supported" or "unavailable", never as an
+// error, so one missing feature does not hide the rest.
+#include <NKR_focuser.h>
+
+#include <CLI/CLI.hpp>
+#include <cmath>
+#include <memory>
+
+#include "arguments.h"
+#include "commands.h"
+#include "errors.h"
+#include "output.h"
+#include "report.h"
+#include "session.h"
+#include "unit_info.h"
+
+namespace nkrtool {
+namespace {
+
+struct InfoOptions {
+    std::string id;
+};
+
+void addIdentity(Report& r, const UnitSession& unit, const Identity& ident, const Controls& controls)
+{
+    r.section("unit", "Unit");
+    r.add("id", "id", unit.id(), std::to_string(unit.id()));
+    r.add("link", "link", unit.isBle() ? "ble" : "usb", unit.isBle() ? "Bluetooth LE" : "USB");
+    r.add("name", "name", ident.name, ident.name);
+    r.add("alias", "alias", ident.alias.empty() ? Json() : Json(ident.alias),
+          ident.alias.empty() ? "(none)" : ident.alias);
+    r.addRead("firmware", "firmware", ident.firmware.code, ident.firmware.text(), ident.firmware.text());
+    r.addRead("type", "type", ident.typeCode, ident.type, ident.type.empty() ? "(none)" : ident.type);
+    r.addRead("serial", "serial number", ident.serialCode, ident.serial, ident.serial);
+    // The Bluetooth name can only be read over USB, from units that have a radio.
+    if (unit.isBle()) {
+        r.add("ble_name", "Bluetooth name", unit.bleName(), unit.bleName());
+        r.add("ble_address", "Bluetooth address", unit.bleAddress(), unit.bleAddress());
+    } else if (!controls.has(kFeatureBleName)) {
+        r.addUnavailable("ble_name", "Bluetooth name", "not supported");
+    } else {
+        char name[64] = {};
+        int code = NKRGetBLEName(unit.id(), name);
+        std::string text = printableText(name, sizeof name);
+        r.addRead("ble_name", "Bluetooth name", code, text, text);
+    }
+}
+
+void addStatus(Report& r, int id, const Status& st)
+{
+    r.section("status", "Status");
+    r.addRead("position", "position", st.positionCode, st.position, std::to_string(st.position));
+    r.addRead("moving", "moving", st.movingCode, st.moving, yesNo(st.moving));
+    r.addRead("hand_moving", "hand-controller move", st.movingCode, st.handMoving, yesNo(st.handMoving));
+    int speed = 0;
+    int code = NKRGetSpeed(id, &speed);
+    r.addRead("speed", "speed", code, speed, std::to_string(speed));
+    r.addRead("temperature", "temperature", st.temperatureCode, st.temperature,
+              formatFixed(st.temperature, 2) + " \u00B0C");
+}
+
+void addSettings(Report& r, int id, const Controls& controls)
+{
+    r.section("settings", "Settings");
+    int value = 0;
+    bool flag = false;
+    int code = NKRGetMaxStep(id, &value);
+    r.addRead("max_step", "maximum step", code, value, std::to_string(value));
+    code = NKRStepRange(id, &value);
+    r.addRead("step_range", "step range", code, value, "0.." + std::to_string(value));
+    code = NKRGetBacklash(id, &value);
+    r.addRead("backlash", "backlash", code, value, std::to_string(value) + " steps");
+    code = NKRGetBeep(id, &flag);
+    r.addRead("beep", "beep", code, flag, onOff(flag));
+    code = NKRGetReverse(id, &flag);
+    r.addRead("reverse", "reverse", code, flag, onOff(flag));
+    code = NKRGetMaxForce(id, &value);
+    r.addRead("force", "motor force", code, value, std::to_string(value) + " of 15");
+    if (controls.has(kFeatureLed)) {
+        code = NKRGetLedState(id, &flag);
+        r.addRead("led", "LED", code, flag, onOff(flag));
+    } else {
+        r.addUnavailable("led", "LED", "not supported");
+    }
+}
+
+void addBattery(Report& r, int id, const Controls& controls)
+{
+    if (!controls.has(kFeatureBattery)) {
+        r.sectionUnavailable("battery", "Battery", "not supported");
+        return;
+    }
+    r.section("battery", "Battery");
+    const char* keys[] = {"temperature", "voltage", "charge_current", "percentage",
+                          "discharge_current", "health", "charge_voltage"};
+    const char* labels[] = {"temperature", "voltage", "charge current", "charge",
+                            "discharge current", "health", "charge voltage"};
+    const char* units[] = {" \u00B0C", "", "", " %", "", "", ""};
+    _NKR_BATTERY_INFO b{};
+    int code = NKRGetBatteryInfo(id, &b);
+    const int values[] = {b.battery_temp,           b.battery_vol,    b.battery_charge_curr,
+                          b.battery_percentage,     b.battery_discharge_curr,
+                          b.battery_health,         b.battery_charge_vol};
+    for (size_t k = 0; k < std::size(values); ++k)
+        r.addRead(keys[k], labels[k], code, values[k], std::to_string(values[k]) + units[k]);
+}
+
+void addDiagnostics(Report& r, int id, const Controls& controls)
+{
+    r.section("diagnostics", "Diagnostics");
+    if (controls.has(kFeatureErrorCodes)) {
+        _NKR_ERROR_MSG msg{};
+        int code = NKRGetErrorCode(id, &msg);
+        std::string motor = printableText(msg.MotorErrCode, sizeof msg.MotorErrCode);
+        std::string battery = printableText(msg.BatteryErrCode, sizeof msg.BatteryErrCode);
+        r.addRead("motor_error", "motor error code", code, motor, motor.empty() ? "(none)" : motor);
+        r.addRead("battery_error", "battery error code", code, battery,
+                  battery.empty() ? "(none)" : battery);
+    } else {
+        r.addUnavailable("motor_error", "motor error code", "not supported");
+        r.addUnavailable("battery_error", "battery error code", "not supported");
+    }
+    // The power-off reason belongs to the battery model.
+    if (controls.has(kFeatureBattery)) {
+        int reason = 0;
+        int code = NKRGetReason(id, &reason);
+        r.addRead("power_off_reason", "last power-off", code, reason,
+                  reason == 0 ? "normal" : "shipping mode (reason " + std::to_string(reason) + ")");
+    } else {
+        r.addUnavailable("power_off_reason", "last power-off", "not supported");
+    }
+}
+
+void printControls(const Controls& controls)
+{
+    sayHeading("Controls");
+    if (controls.code != NKR_SUCCESS) {
+        sayField("controls", paint(Colour::Dim, unavailableText(controls.code)));
+        return;
+    }
+    std::vector<std::vector<std::string>> rows;
+    for (const Control& c : controls.list)
+        rows.push_back({"  " + c.name, c.supported ? "supported" : "not supported",
+                        c.writable ? "settable" : "read-only", c.description});
+    printTable({"  FEATURE", "SUPPORT", "ACCESS", "DESCRIPTION"}, rows);
+}
+
+int runInfo(const InfoOptions& options, const GlobalOptions& globals)
+{
+    std::vector<std::string> args = givenArgs({options.id});
+    UnitTarget target = takeTarget(args, globals.ble, globals.bleScanSeconds);
+    UnitSession unit(target);
+
+    Identity ident = readIdentity(unit.id());
+    Controls controls = readControls(unit.id());
+    Status st = readStatus(unit.id());
+
+    Report r;
+    addIdentity(r, unit, ident, controls);
+    addStatus(r, unit.id(), st);
+    addSettings(r, unit.id(), controls);
+    addBattery(r, unit.id(), controls);
+    addDiagnostics(r, unit.id(), controls);
+
+    if (jsonMode()) {
+        Json doc = r.toJson();
+        doc.set("controls", controls.code == NKR_SUCCESS ? controlsJson(controls) : Json());
+        emitJson(doc);
+    } else {
+        r.print();
+        printControls(controls);
+    }
+    return kExitOk;
+}
+
+}  // namespace
+
+Command addInfoCommand(CLI::App& app, const GlobalOptions& globals)
+{
+    auto options = std::make_shared<InfoOptions>();
+    CLI::App* sub = app.add_subcommand(
+        "info",
+        "Show everything one unit reports: identity (name, alias, firmware, type, serial), "
+        "position and motion, settings (maximum, step range, backlash, beep, reverse, force, "
+        "LED), temperature, its optional features, and on battery models the battery, error "
+        "codes and last power-off reason. Values the unit cannot give are shown as "
+        "\"not supported\" or \"unavailable\".");
+    sub->add_option("ID", options->id,
+                    "Slot id of a USB unit (see 'nkr list'); leave out when --ble names the unit");
+    sub->footer("Examples:\n  nkr info 0\n  nkr --ble \"NKR Pro_A1B2\" info\n  nkr --json info 0");
+    return {sub, [options, &globals] { return runInfo(*options, globals); }, false};
+}
+
+}  // namespace nkrtool

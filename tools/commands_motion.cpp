@@ -1,0 +1,175 @@
+// nkr move / stop / sync: driving the motor and redefining the position.
+#include <NKR_focuser.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <memory>
+
+#include "arguments.h"
+#include "commands.h"
+#include "errors.h"
+#include "move_follow.h"
+#include "output.h"
+#include "session.h"
+
+namespace nkrtool {
+namespace {
+
+struct MoveOptions {
+    std::string id, step;
+    bool noWait = false;
+};
+
+struct PositionOptions {
+    std::string id, step;
+};
+
+const char* kIdHelp = "Slot id of a USB unit (see 'nkr list'); leave out when --ble names the unit";
+
+
+// The one value argument left after the unit was taken from args.
+std::string takeValue(std::vector<std::string>& args, const std::string& what)
+{
+    if (args.empty()) usageError("missing " + what);
+    if (args.size() > 1) usageError("unexpected argument '" + args[1] + "'");
+    return args.front();
+}
+
+int readPosition(int id, const std::string& action)
+{
+    int position = 0;
+    check(NKRGetPosition(id, &position), action);
+    return position;
+}
+
+int runMove(const MoveOptions& options, const GlobalOptions& globals)
+{
+    std::vector<std::string> args = givenArgs({options.id, options.step});
+    UnitTarget target = takeTarget(args, globals.ble, globals.bleScanSeconds);
+    std::string stepText = takeValue(args, "STEP (a position, or +N / -N steps)");
+    UnitSession unit(target);
+
+    int start = readPosition(unit.id(), "reading the position");
+    bool relative = false;
+    long long wanted = parseStepTarget(stepText, start, relative);
+    int range = 0;
+    check(NKRStepRange(unit.id(), &range), "reading the step range");
+    // The library clamps the same way; doing it here shows the real target.
+    int goal = static_cast<int>(std::clamp<long long>(wanted, 0, range));
+    if (goal != wanted)
+        warn("position " + std::to_string(wanted) + " is outside 0.." + std::to_string(range) +
+             "; moving to " + std::to_string(goal) + " instead");
+
+    if (options.noWait) {
+        check(NKRMove(unit.id(), goal), "starting the move");
+        // Closing the unit would stop the motor: leave it running.
+        unit.leaveOpen();
+        if (jsonMode())
+            emitJson(Json::object()
+                         .set("event", "started")
+                         .set("id", unit.id())
+                         .set("start", start)
+                         .set("target", goal)
+                         .set("moving", true));
+        else
+            say("Moving " + unit.label() + " from " + std::to_string(start) + " to " +
+                std::to_string(goal) + " (not waiting).");
+        return kExitOk;
+    }
+
+    say("Moving " + unit.label() + " from " + std::to_string(start) + " to " + std::to_string(goal) +
+        (interactive() ? " (Ctrl-C stops the motor)" : "") + ".");
+    MoveResult result = moveAndFollow(unit.id(), start, goal, true);
+    if (result.interrupted) {
+        say("Stopped by Ctrl-C at position " + std::to_string(result.position) + ".");
+        return kExitInterrupted;
+    }
+    if (result.position == goal)
+        say(paint(Colour::Green, "Reached position " + std::to_string(result.position) + "."));
+    else
+        say("Stopped at position " + std::to_string(result.position) + " (target " +
+            std::to_string(goal) + ").");
+    return kExitOk;
+}
+
+int runStop(const PositionOptions& options, const GlobalOptions& globals)
+{
+    std::vector<std::string> args = givenArgs({options.id, options.step});
+    UnitTarget target = takeTarget(args, globals.ble, globals.bleScanSeconds);
+    if (!args.empty()) usageError("unexpected argument '" + args.front() + "'");
+    UnitSession unit(target);
+    check(NKRStop(unit.id()), "stopping the motor");
+    int position = readPosition(unit.id(), "reading the position");
+    if (jsonMode())
+        emitJson(Json::object().set("id", unit.id()).set("stopped", true).set("position", position));
+    else
+        say("Stopped " + unit.label() + " at position " + std::to_string(position) + ".");
+    return kExitOk;
+}
+
+int runSync(const PositionOptions& options, const GlobalOptions& globals)
+{
+    std::vector<std::string> args = givenArgs({options.id, options.step});
+    UnitTarget target = takeTarget(args, globals.ble, globals.bleScanSeconds);
+    long long step = parseNumber(takeValue(args, "STEP (the position to declare)"), "step");
+    if (step < 0) usageError("STEP must be 0 or more");
+    UnitSession unit(target);
+    int range = 0;
+    check(NKRStepRange(unit.id(), &range), "reading the step range");
+    if (step > range)
+        usageError("STEP " + std::to_string(step) + " is beyond the unit's step range 0.." +
+                   std::to_string(range));
+    int before = readPosition(unit.id(), "reading the position");
+    check(NKRResetPostion(unit.id(), static_cast<int>(step)), "setting the position");
+    int after = readPosition(unit.id(), "reading the position");
+    if (jsonMode())
+        emitJson(Json::object().set("id", unit.id()).set("previous", before).set("position", after));
+    else
+        say("The position of " + unit.label() + " is now " + std::to_string(after) + " (was " +
+            std::to_string(before) + "); the motor did not move.");
+    return kExitOk;
+}
+
+}  // namespace
+
+Command addMoveCommand(CLI::App& app, const GlobalOptions& globals)
+{
+    auto options = std::make_shared<MoveOptions>();
+    CLI::App* sub = app.add_subcommand(
+        "move",
+        "Move a unit to an absolute position (move ID 12000) or by a number of steps from "
+        "where it is (move ID +500, move ID -500). Shows a live progress bar until the "
+        "motor stops; Ctrl-C stops the motor before the tool exits.");
+    sub->add_option("ID", options->id, kIdHelp);
+    sub->add_option("STEP", options->step,
+                    "Target: a position, or +N / -N steps from the current one");
+    sub->add_flag("--no-wait", options->noWait,
+                  "Start the move and return at once; the motor keeps running after the tool exits");
+    sub->footer("Examples:\n  nkr move 0 12000\n  nkr move 0 +500\n  nkr move 0 -500\n"
+                "  nkr move 0 20000 --no-wait\n  nkr --ble \"NKR Pro_A1B2\" move 15000");
+    return {sub, [options, &globals] { return runMove(*options, globals); }, false};
+}
+
+Command addStopCommand(CLI::App& app, const GlobalOptions& globals)
+{
+    auto options = std::make_shared<PositionOptions>();
+    CLI::App* sub = app.add_subcommand("stop", "Stop the unit's motor at once and show where it stopped.");
+    sub->add_option("ID", options->id, kIdHelp);
+    sub->footer("Example:\n  nkr stop 0");
+    return {sub, [options, &globals] { return runStop(*options, globals); }, false};
+}
+
+Command addSyncCommand(CLI::App& app, const GlobalOptions& globals)
+{
+    auto options = std::make_shared<PositionOptions>();
+    CLI::App* sub = app.add_subcommand(
+        "sync",
+        "Declare the unit's current position to be STEP without moving the motor (for "
+        "example after focusing by hand at a known mark).");
+    sub->add_option("ID", options->id, kIdHelp);
+    sub->add_option("STEP", options->step, "The position to declare, in steps");
+    sub->footer("Example:\n  nkr sync 0 25000");
+    return {sub, [options, &globals] { return runSync(*options, globals); }, false};
+}
+
+}  // namespace nkrtool

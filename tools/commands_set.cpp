@@ -1,0 +1,196 @@
+// nkr set: change one or more settings of a unit. Every NAME=VALUE is
+// checked before anything is sent, so a typo changes nothing.
+#include <NKR_focuser.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cstring>
+#include <functional>
+#include <memory>
+
+#include "arguments.h"
+#include "commands.h"
+#include "errors.h"
+#include "output.h"
+#include "session.h"
+#include "unit_info.h"
+
+namespace nkrtool {
+namespace {
+
+struct SetOptions {
+    std::string id;
+    std::vector<std::string> assignments;
+};
+
+// One checked change, ready to send.
+struct Change {
+    std::string name;
+    Json value;        // as the user asked, for the report
+    std::string text;  // as shown to people
+    std::function<int(int id)> apply;
+    std::function<int(int id, Json& value, std::string& text)> readBack;  // null: none
+};
+
+bool printableAscii(const std::string& s)
+{
+    return std::all_of(s.begin(), s.end(), [](unsigned char c) { return c >= 0x20 && c < 0x7F; });
+}
+
+int boundedNumber(const std::string& name, const std::string& text, long long low, long long high)
+{
+    long long v = parseNumber(text, name);
+    if (v < low || v > high)
+        usageError(name + " must be between " + std::to_string(low) + " and " + std::to_string(high) +
+                   " (got " + text + ")");
+    return static_cast<int>(v);
+}
+
+using IntGetter = int (*)(int, int*);
+using BoolGetter = int (*)(int, bool*);
+
+std::function<int(int, Json&, std::string&)> readInt(IntGetter get)
+{
+    return [get](int id, Json& value, std::string& text) {
+        int v = 0;
+        int rc = get(id, &v);
+        if (rc == NKR_SUCCESS) {
+            value = v;
+            text = std::to_string(v);
+        }
+        return rc;
+    };
+}
+
+std::function<int(int, Json&, std::string&)> readBool(BoolGetter get)
+{
+    return [get](int id, Json& value, std::string& text) {
+        bool v = false;
+        int rc = get(id, &v);
+        if (rc == NKR_SUCCESS) {
+            value = v;
+            text = onOff(v);
+        }
+        return rc;
+    };
+}
+
+Change intChange(const std::string& name, int v, int (*set)(int, int), IntGetter get)
+{
+    return {name, v, std::to_string(v), [set, v](int id) { return set(id, v); }, readInt(get)};
+}
+
+Change boolChange(const std::string& name, bool v, int (*set)(int, bool), BoolGetter get)
+{
+    return {name, v, onOff(v), [set, v](int id) { return set(id, v); }, readBool(get)};
+}
+
+Change parseAssignment(const std::string& assignment, bool ble)
+{
+    size_t eq = assignment.find('=');
+    if (eq == std::string::npos || eq == 0)
+        usageError("'" + assignment + "' is not NAME=VALUE (for example backlash=20)");
+    std::string name = assignment.substr(0, eq);
+    std::string value = assignment.substr(eq + 1);
+
+    if (name == "backlash")
+        return intChange(name, boundedNumber(name, value, 0, 255), NKRSetBacklash, NKRGetBacklash);
+    if (name == "max-step")
+        return intChange(name, boundedNumber(name, value, 0, 600000), NKRSetMaxStep, NKRGetMaxStep);
+    if (name == "force")
+        return intChange(name, boundedNumber(name, value, 0, 15), NKRSetMaxForce, NKRGetMaxForce);
+    if (name == "speed")
+        return intChange(name, boundedNumber(name, value, 0, 65535), NKRSetSpeed, NKRGetSpeed);
+    if (name == "beep") return boolChange(name, parseSwitch(value, name), NKRSetBeep, NKRGetBeep);
+    if (name == "reverse")
+        return boolChange(name, parseSwitch(value, name), NKRSetReverse, NKRGetReverse);
+    if (name == "led")
+        return boolChange(name, parseSwitch(value, name), NKRSetLedState, NKRGetLedState);
+    if (name == "alias") {
+        if (value.size() > sizeof(_NKR_ID::id) || !printableAscii(value))
+            usageError("alias must be at most 8 plain characters (got '" + value + "')");
+        _NKR_ID alias{};
+        std::memcpy(alias.id, value.data(), value.size());
+        return {name, value, value.empty() ? "(none)" : value,
+                [alias](int id) { return NKRSetID(id, alias); },
+                [](int id, Json& v, std::string& text) {
+                    _NKR_INFO info{};
+                    int rc = NKRGetProperty(id, &info);
+                    if (rc == NKR_SUCCESS) {
+                        v = printableText(info.Name, sizeof info.Name);
+                        text = printableText(info.Name, sizeof info.Name);
+                    }
+                    return rc;
+                }};
+    }
+    if (name == "ble-name") {
+        if (!ble)
+            usageError("ble-name can only be changed over Bluetooth: name the unit with "
+                       "--ble NAME-OR-ADDRESS instead of an ID");
+        if (value.empty() || value.size() > 11 || !printableAscii(value))
+            usageError("ble-name must be 1 to 11 plain characters (got '" + value + "')");
+        _NKR_BLE_NAME bleName{};
+        std::memcpy(bleName.name, value.data(), value.size());
+        return {name, value, value, [bleName](int id) { return NKRSetBLEName(id, bleName); }, nullptr};
+    }
+    usageError("unknown setting '" + name +
+               "'; settings are backlash, max-step, beep, reverse, force, speed, led, alias, ble-name");
+}
+
+int runSet(const SetOptions& options, const GlobalOptions& globals)
+{
+    std::vector<std::string> args = givenArgs({options.id});
+    args.insert(args.end(), options.assignments.begin(), options.assignments.end());
+    UnitTarget target = takeTarget(args, globals.ble, globals.bleScanSeconds);
+    if (args.empty()) usageError("nothing to set: give NAME=VALUE, for example backlash=20");
+    std::vector<Change> changes;
+    for (const std::string& a : args) changes.push_back(parseAssignment(a, !target.ble.empty()));
+
+    UnitSession unit(target);
+    for (const Change& c : changes) {
+        if (c.name == "speed") {
+            Firmware fw = readFirmware(unit.id());
+            if (fw.code == NKR_SUCCESS && fw.number() >= 336)
+                warn("firmware " + fw.text() + " ignores the speed setting (3.3.6 and later run at a fixed speed)");
+        }
+        check(c.apply(unit.id()), "setting " + c.name + " to " + c.text);
+    }
+
+    Json applied = Json::object();
+    for (Change& c : changes) {
+        Json value = c.value;
+        std::string text = c.text;
+        // Show what the unit now reports, which may differ (a clamped maximum).
+        if (c.readBack && c.readBack(unit.id(), value, text) != NKR_SUCCESS) {
+            value = c.value;
+            text = c.text;
+        }
+        applied.set(c.name, value);
+        if (!jsonMode()) sayField(c.name, text);
+    }
+    if (jsonMode()) emitJson(Json::object().set("id", unit.id()).set("set", applied));
+    else say(paint(Colour::Green, "Settings of " + unit.label() + " changed."));
+    return kExitOk;
+}
+
+}  // namespace
+
+Command addSetCommand(CLI::App& app, const GlobalOptions& globals)
+{
+    auto options = std::make_shared<SetOptions>();
+    CLI::App* sub = app.add_subcommand(
+        "set",
+        "Change settings of a unit, each given as NAME=VALUE: backlash=0..255 (steps), "
+        "max-step=N (largest position), beep=on|off, reverse=on|off (motor direction), "
+        "force=0..15 (motor force), speed=N (firmware before 3.3.6 only), led=on|off "
+        "(battery model), alias=TEXT (up to 8 characters, shown in the name), "
+        "ble-name=TEXT (up to 11 characters; over Bluetooth only). All values are checked "
+        "before any is sent; the values the unit then reports are shown.");
+    sub->add_option("ID", options->id,
+                    "Slot id of a USB unit (see 'nkr list'); leave out when --ble names the unit");
+    sub->add_option("SETTINGS", options->assignments, "One or more NAME=VALUE");
+    sub->footer("Examples:\n  nkr set 0 backlash=20\n  nkr set 0 beep=off reverse=on max-step=50000\n  nkr set 1 alias=Main\n  nkr --ble \"NKR Pro_A1B2\" set ble-name=Scope1 led=off");
+    return {sub, [options, &globals] { return runSet(*options, globals); }, false};
+}
+
+}  // namespace nkrtool

@@ -1,0 +1,102 @@
+// nkr watch: a live status line (position, moving, temperature) refreshed
+// about four times a second until Ctrl-C or --count updates.
+#include <NKR_focuser.h>
+
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <memory>
+
+#include "arguments.h"
+#include "commands.h"
+#include "errors.h"
+#include "interrupt.h"
+#include "output.h"
+#include "session.h"
+#include "unit_info.h"
+
+namespace nkrtool {
+namespace {
+
+struct WatchOptions {
+    std::string id;
+    int count = 0;  // 0: until Ctrl-C
+    int intervalMs = 250;
+};
+
+std::string statusText(const Status& st)
+{
+    std::string pos = st.positionCode == NKR_SUCCESS ? std::to_string(st.position) : "?";
+    std::string moving = st.movingCode != NKR_SUCCESS ? "?"
+                         : st.moving                 ? (st.handMoving ? "hand move" : "moving")
+                                                     : "still";
+    std::string temp = st.temperatureCode == NKR_SUCCESS ? formatFixed(st.temperature, 2) + " \u00B0C"
+                                                         : unavailableText(st.temperatureCode);
+    return "position " + pos + "  " + moving + "  temperature " + temp;
+}
+
+Json statusJson(int id, int sequence, const Status& st)
+{
+    auto orNull = [](int code, Json v) { return code == NKR_SUCCESS ? v : Json(); };
+    return Json::object()
+        .set("id", id)
+        .set("update", sequence)
+        .set("position", orNull(st.positionCode, st.position))
+        .set("moving", orNull(st.movingCode, st.moving))
+        .set("hand_moving", orNull(st.movingCode, st.handMoving))
+        .set("temperature", orNull(st.temperatureCode, st.temperature));
+}
+
+int runWatch(const WatchOptions& options, const GlobalOptions& globals)
+{
+    std::vector<std::string> args = givenArgs({options.id});
+    UnitTarget target = takeTarget(args, globals.ble, globals.bleScanSeconds);
+    if (!args.empty()) usageError("unexpected argument '" + args.front() + "'");
+    UnitSession unit(target);
+
+    if (interactive()) say(paint(Colour::Dim, "Watching " + unit.label() + " (Ctrl-C ends)"));
+    for (int sequence = 1; options.count == 0 || sequence <= options.count; ++sequence) {
+        Status st = readStatus(unit.id());
+        // A unit that is gone ends the watch instead of printing "?" forever.
+        if (st.positionCode == NKR_ERROR_REMOVED || st.positionCode == NKR_ERROR_INVALID_ID ||
+            st.positionCode == NKR_ERROR_CLOSED) {
+            if (interactive()) std::printf("\n");
+            check(st.positionCode, "watching " + unit.label());
+        }
+        if (jsonMode()) {
+            emitJson(statusJson(unit.id(), sequence, st));
+        } else if (interactive()) {
+            std::printf("\r%s\033[K", statusText(st).c_str());
+            std::fflush(stdout);
+        } else {
+            say(statusText(st));
+        }
+        bool last = options.count != 0 && sequence == options.count;
+        if (last || sleepUnlessInterrupted(options.intervalMs)) break;
+    }
+    if (interactive()) std::printf("\n");
+    return kExitOk;
+}
+
+}  // namespace
+
+Command addWatchCommand(CLI::App& app, const GlobalOptions& globals)
+{
+    auto options = std::make_shared<WatchOptions>();
+    CLI::App* sub = app.add_subcommand(
+        "watch",
+        "Show a live status line of a unit (position, moving or still, temperature), "
+        "refreshed about four times a second until Ctrl-C. In JSON mode, or when output is "
+        "not a terminal, each update is printed on a line of its own.");
+    sub->add_option("ID", options->id,
+                    "Slot id of a USB unit (see 'nkr list'); leave out when --ble names the unit");
+    sub->add_option("--count", options->count, "Stop after this many updates (0: until Ctrl-C)")
+        ->type_name("N")
+        ->check(CLI::NonNegativeNumber);
+    sub->add_option("--interval", options->intervalMs, "Milliseconds between updates")
+        ->type_name("MS")
+        ->check(CLI::Range(50, 60000));
+    sub->footer("Examples:\n  nkr watch 0\n  nkr --json watch 0 --count 10");
+    return {sub, [options, &globals] { return runWatch(*options, globals); }, false};
+}
+
+}  // namespace nkrtool

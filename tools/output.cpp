@@ -1,0 +1,180 @@
+#include "output.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace nkrtool {
+namespace {
+
+struct OutputState {
+    bool json = false;
+    bool tty = false;
+    bool colour = false;
+    bool stderrColour = false;
+};
+
+OutputState& state()
+{
+    static OutputState s;
+    return s;
+}
+
+bool colourAllowed(int fd)
+{
+    if (!isatty(fd)) return false;
+    if (std::getenv("NO_COLOR") != nullptr) return false;
+    const char* term = std::getenv("TERM");
+    return term == nullptr || std::strcmp(term, "dumb") != 0;
+}
+
+const char* colourCode(Colour colour)
+{
+    switch (colour) {
+    case Colour::Bold: return "\033[1m";
+    case Colour::Green: return "\033[32m";
+    case Colour::Yellow: return "\033[33m";
+    case Colour::Red: return "\033[31m";
+    case Colour::Dim: return "\033[2m";
+    }
+    return "";
+}
+
+constexpr int kLabelWidth = 24;
+constexpr int kBarWidth = 30;
+
+}  // namespace
+
+void initOutput(bool json)
+{
+    OutputState& s = state();
+    s.json = json;
+    s.tty = isatty(STDOUT_FILENO) != 0;
+    s.colour = !json && colourAllowed(STDOUT_FILENO);
+    s.stderrColour = colourAllowed(STDERR_FILENO);
+}
+
+bool jsonMode() { return state().json; }
+bool interactive() { return state().tty && !state().json; }
+
+void emitJson(const Json& doc)
+{
+    std::string text = doc.dump();
+    std::fwrite(text.data(), 1, text.size(), stdout);
+    std::fputc('\n', stdout);
+    std::fflush(stdout);
+}
+
+void say(const std::string& line)
+{
+    if (jsonMode()) return;
+    std::fputs(line.c_str(), stdout);
+    std::fputc('\n', stdout);
+    std::fflush(stdout);
+}
+
+void sayField(const std::string& label, const std::string& value)
+{
+    std::string padded = "  " + label + " ";
+    while (padded.size() < static_cast<size_t>(kLabelWidth)) padded += '.';
+    say(padded + " " + value);
+}
+
+void sayHeading(const std::string& title) { say(paint(Colour::Bold, title)); }
+
+void printTable(const std::vector<std::string>& headers,
+                const std::vector<std::vector<std::string>>& rows)
+{
+    std::vector<size_t> widths(headers.size());
+    for (size_t c = 0; c < headers.size(); ++c) widths[c] = headers[c].size();
+    for (const auto& row : rows)
+        for (size_t c = 0; c < row.size() && c < widths.size(); ++c)
+            widths[c] = std::max(widths[c], row[c].size());
+
+    auto line = [&](const std::vector<std::string>& cells) {
+        std::string out;
+        for (size_t c = 0; c < widths.size(); ++c) {
+            std::string cell = c < cells.size() ? cells[c] : "";
+            out += cell;
+            if (c + 1 < widths.size()) out += std::string(widths[c] - cell.size() + 2, ' ');
+        }
+        while (!out.empty() && out.back() == ' ') out.pop_back();
+        return out;
+    };
+    say(paint(Colour::Bold, line(headers)));
+    for (const auto& row : rows) say(line(row));
+}
+
+std::string paint(Colour colour, const std::string& text)
+{
+    if (!state().colour) return text;
+    return std::string(colourCode(colour)) + text + "\033[0m";
+}
+
+void warn(const std::string& message)
+{
+    std::fflush(stdout);
+    std::fprintf(stderr, "nkr: %s\n", message.c_str());
+}
+
+void printErrorMessage(const std::string& message)
+{
+    std::fflush(stdout);
+    if (state().stderrColour)
+        std::fprintf(stderr, "\033[31mnkr: error:\033[0m %s\n", message.c_str());
+    else
+        std::fprintf(stderr, "nkr: error: %s\n", message.c_str());
+}
+
+ProgressBar::~ProgressBar() { finish(); }
+
+bool ProgressBar::visible() const { return interactive(); }
+
+void ProgressBar::update(double fraction, const std::string& detail)
+{
+    if (!visible()) return;
+    fraction = std::clamp(std::isfinite(fraction) ? fraction : 0.0, 0.0, 1.0);
+    int filled = static_cast<int>(std::lround(fraction * kBarWidth));
+    std::string bar = paint(Colour::Green, std::string(filled, '#')) +
+                      std::string(kBarWidth - filled, '-');
+    char percent[16];
+    std::snprintf(percent, sizeof percent, "%3d%%", static_cast<int>(std::lround(fraction * 100)));
+    // \r returns to the line start, \033[K clears what a longer line left.
+    std::printf("\r[%s] %s %s\033[K", bar.c_str(), percent, detail.c_str());
+    std::fflush(stdout);
+    drawn_ = true;
+}
+
+void ProgressBar::finish()
+{
+    if (!drawn_) return;
+    std::fputc('\n', stdout);
+    std::fflush(stdout);
+    drawn_ = false;
+}
+
+std::string onOff(bool on) { return on ? "on" : "off"; }
+std::string yesNo(bool yes) { return yes ? "yes" : "no"; }
+
+std::string formatFixed(double value, int decimals)
+{
+    char buf[64];
+    std::snprintf(buf, sizeof buf, "%.*f", decimals, value);
+    return buf;
+}
+
+std::string printableText(const char* text, size_t maxLen)
+{
+    std::string out;
+    for (size_t k = 0; k < maxLen && text[k] != '\0'; ++k) {
+        unsigned char c = static_cast<unsigned char>(text[k]);
+        out += (c >= 0x20 && c < 0x7F) ? static_cast<char>(c) : '?';
+    }
+    return out;
+}
+
+}  // namespace nkrtool

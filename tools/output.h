@@ -1,0 +1,65 @@
+// How the tool talks to the person or script that runs it: plain text or
+// JSON on stdout, tables, aligned fields, a live progress line and colours
+// (the last two only when stdout is a terminal).
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "json.h"
+
+namespace nkrtool {
+
+// Chooses the output form once, before any command runs.
+void initOutput(bool json);
+bool jsonMode();
+// True when stdout is a terminal: live lines and colours are allowed.
+bool interactive();
+
+// Prints one JSON document on its own line and flushes it at once, so a
+// script reading line by line sees each update when it happens.
+void emitJson(const Json& doc);
+
+// Text output; prints nothing in JSON mode.
+void say(const std::string& line);
+// "  label ......... value" with the labels of one block aligned.
+void sayField(const std::string& label, const std::string& value);
+// A heading line for a block of output.
+void sayHeading(const std::string& title);
+void printTable(const std::vector<std::string>& headers,
+                const std::vector<std::vector<std::string>>& rows);
+
+enum class Colour { Bold, Green, Yellow, Red, Dim };
+// Wraps text in a terminal colour when colours are on, else returns it as is.
+std::string paint(Colour colour, const std::string& text);
+
+// A message to stderr, prefixed with the tool's name.
+void warn(const std::string& message);
+void printErrorMessage(const std::string& message);
+
+// A one-line progress bar redrawn in place. Draws only in text mode on a
+// terminal; finish() leaves the last state on screen and ends the line.
+class ProgressBar {
+public:
+    ProgressBar() = default;
+    ProgressBar(const ProgressBar&) = delete;
+    ProgressBar& operator=(const ProgressBar&) = delete;
+    ~ProgressBar();
+
+    // fraction 0..1; detail is printed after the bar.
+    void update(double fraction, const std::string& detail);
+    void finish();
+    bool visible() const;
+
+private:
+    bool drawn_ = false;
+};
+
+// Helpers for values shown to people.
+std::string onOff(bool on);
+std::string yesNo(bool yes);
+std::string formatFixed(double value, int decimals);
+// A device text made safe to print: non-printable bytes become '?'.
+std::string printableText(const char* text, size_t maxLen);
+
+}  // namespace nkrtool
