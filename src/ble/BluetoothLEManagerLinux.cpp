@@ -132,6 +132,10 @@ void BluetoothLEManagerLinux::unload()
 bool BluetoothLEManagerLinux::ensureLoaded()
 {
     if (m_hLib != nullptr) return m_bleMgr != nullptr;
+    // One attempt per manager from here, so a missing helper is logged once
+    // rather than on every call; the support query still retries.
+    if (m_loadAttempted) return false;
+    m_loadAttempted = true;
     return init() == 0;
 }
 

@@ -54,6 +54,7 @@ private:
 
     void* m_hLib = nullptr;
     void* m_bleMgr = nullptr;
+    bool m_loadAttempted = false;
     int m_trampolineSlot = -1;  // pool slot bound to this manager, -1 for none
 
     pfn_ble_manager_create m_create = nullptr;
