@@ -1,0 +1,145 @@
+#include "bench_env.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <thread>
+
+#include "NKR_focuser.h"
+#include "api/Registry.h"
+#include "device/Sleep.h"
+
+namespace nkrbench {
+namespace {
+
+std::string& homeDir()
+{
+    static std::string dir;
+    return dir;
+}
+
+// The library pauses 200 ms after every move; here that costs nothing.
+void skipPause(unsigned /*microseconds*/) {}
+
+int slotOfPath(const std::string& path)
+{
+    for (int id = 0; id < NKR_MAX_SLOTS; ++id)
+        if (path == DevPathArray[id]) return id;
+    return -1;
+}
+
+}  // namespace
+
+void prepareProcess()
+{
+    // Settings saves end in fsync: on tmpfs they measure the library, not the disk.
+    struct stat st {};
+    const char* base = stat("/dev/shm", &st) == 0 && S_ISDIR(st.st_mode) ? "/dev/shm" : "/tmp";
+    std::string pattern = std::string(base) + "/nkr-bench-XXXXXX";
+    if (mkdtemp(pattern.data()) != nullptr) {
+        homeDir() = pattern;
+        setenv("HOME", pattern.c_str(), 1);
+    }
+    setenv("NKR_BLE_HELPER", NKR_BENCH_HELPER, 0);
+    nkr::setSleepHook(&skipPause);
+}
+
+void finishProcess()
+{
+    closeAll();
+    if (!homeDir().empty()) {
+        std::error_code ec;
+        std::filesystem::remove_all(homeDir(), ec);
+    }
+}
+
+void closeAll()
+{
+    for (int id = 0; id < NKR_BLE_FIRST_ID; ++id) NKRClose(id);
+    for (int id = NKR_MAX_SLOTS - 1; id >= NKR_BLE_FIRST_ID; --id)
+        if (pNKR[id].load() != nullptr) NKRBLEDisconnect(id);
+}
+
+void resetWorld()
+{
+    closeAll();
+    nkrsim::reset();
+    NKRGetNum();  // forget the paths of the units just removed
+}
+
+nkrsim::UnitSpec usbSpec()
+{
+    nkrsim::UnitSpec spec;
+    spec.fwMajor = 3;
+    spec.fwMinor = 7;
+    spec.fwBuild = 0;
+    return spec;
+}
+
+nkrsim::UnitSpec bleSpec()
+{
+    nkrsim::UnitSpec spec;
+    spec.fwMajor = 3;
+    spec.fwMinor = 8;
+    spec.fwBuild = 2;
+    spec.modelLetter = 'E';
+    spec.typeText = "NKR Pro";
+    spec.usb = false;
+    spec.ble = true;
+    return spec;
+}
+
+std::vector<int> openUsbUnits(int count, std::vector<nkrsim::UnitId>* units)
+{
+    std::vector<nkrsim::UnitId> added;
+    for (int i = 0; i < count; ++i) added.push_back(nkrsim::addUnit(usbSpec()));
+    NKRGetNum();
+    std::vector<int> ids;
+    for (nkrsim::UnitId u : added) {
+        const int id = slotOfPath(nkrsim::usbPath(u));
+        if (id < 0 || NKROpen(id) != NKR_SUCCESS) return {};
+        ids.push_back(id);
+    }
+    if (units != nullptr) *units = added;
+    return ids;
+}
+
+int connectBleUnit(nkrsim::UnitId unit)
+{
+    const std::string address = nkrsim::bleAddress(unit);
+    int id = -1;
+    // The helper connects by the first text it is given; the address is unique.
+    if (NKRBLEConnect(address.c_str(), address.c_str(), &id) != NKR_SUCCESS) return -1;
+    if (NKRBLEPair(id) != NKR_SUCCESS) return -1;
+    return id;
+}
+
+bool runStatusReads(const std::vector<int>& ids, int perThread)
+{
+    std::atomic<bool> ok{true};
+    std::vector<std::thread> threads;
+    for (int id : ids)
+        threads.emplace_back([id, perThread, &ok] {
+            int step = 0;
+            for (int i = 0; i < perThread; ++i)
+                if (NKRGetPosition(id, &step) != NKR_SUCCESS) ok = false;
+        });
+    for (std::thread& t : threads) t.join();
+    return ok;
+}
+
+long residentBytes()
+{
+    std::FILE* f = std::fopen("/proc/self/statm", "r");
+    if (f == nullptr) return -1;
+    long size = 0, resident = -1;
+    if (std::fscanf(f, "%ld %ld", &size, &resident) != 2) resident = -1;
+    std::fclose(f);
+    return resident < 0 ? -1 : resident * sysconf(_SC_PAGESIZE);
+}
+
+}  // namespace nkrbench

@@ -1,0 +1,97 @@
+// Host threads, each driving a unit of its own: the library must not make
+// them wait for each other. Every iteration starts the threads, lets each do
+// a batch of status reads on its unit and joins them; the throughput of two
+// threads is compared with that of one. The bare transport on the same
+// simulated units shows how far the simulator itself lets two threads go (it
+// serialises every transfer on one world lock); the library alone is measured
+// over a stand-in transport by nkr_bench_standin.
+#include <benchmark/benchmark.h>
+#include <hidapi/hidapi.h>
+
+#include <atomic>
+#include <thread>
+#include <vector>
+
+#include "NKR_focuser.h"
+#include "bench_env.h"
+
+namespace {
+
+// Long enough that starting the threads is noise beside the batch.
+constexpr int kBatch = 4000;
+
+void dropTraffic(const std::vector<nkrsim::UnitId>& units, bool ble)
+{
+    for (nkrsim::UnitId u : units) ble ? nkrsim::clearSentFrames(u) : nkrsim::clearSentReports(u);
+}
+
+void threadsOwnUnit(benchmark::State& state, bool ble)
+{
+    const auto threadCount = static_cast<int>(state.range(0));
+    nkrbench::resetWorld();
+    std::vector<int> ids;
+    std::vector<nkrsim::UnitId> units;
+    if (ble) {
+        for (int i = 0; i < threadCount; ++i) {
+            units.push_back(nkrsim::addUnit(nkrbench::bleSpec()));
+            ids.push_back(nkrbench::connectBleUnit(units.back()));
+            if (ids.back() < 0) return state.SkipWithError("no Bluetooth unit");
+        }
+    } else {
+        ids = nkrbench::openUsbUnits(threadCount, &units);
+        if (ids.empty()) return state.SkipWithError("no USB unit");
+    }
+    for (auto _ : state) {
+        if (!nkrbench::runStatusReads(ids, kBatch)) return state.SkipWithError("a status read failed");
+        state.PauseTiming();
+        dropTraffic(units, ble);
+        state.ResumeTiming();
+    }
+    state.SetItemsProcessed(state.iterations() * threadCount * kBatch);
+    nkrbench::closeAll();
+}
+
+void usbThreads(benchmark::State& state) { threadsOwnUnit(state, false); }
+void bleThreads(benchmark::State& state) { threadsOwnUnit(state, true); }
+
+// The same batches as bare status round trips, one hidapi handle per unit.
+void usbBareThreads(benchmark::State& state)
+{
+    const auto threadCount = static_cast<int>(state.range(0));
+    nkrbench::resetWorld();
+    std::vector<nkrsim::UnitId> units;
+    std::vector<hid_device*> handles;
+    for (int i = 0; i < threadCount; ++i) {
+        units.push_back(nkrsim::addUnit(nkrbench::usbSpec()));
+        handles.push_back(hid_open_path(nkrsim::usbPath(units.back()).c_str()));
+        if (handles.back() == nullptr) return state.SkipWithError("no USB unit");
+    }
+    const unsigned char request[16] = {0x03, 0x7E, 0x5A, 0x02, 0x03};
+    for (auto _ : state) {
+        std::atomic<bool> ok{true};
+        std::vector<std::thread> threads;
+        for (hid_device* dev : handles)
+            threads.emplace_back([dev, &request, &ok] {
+                unsigned char in[17];
+                for (int i = 0; i < kBatch; ++i) {
+                    in[0] = 0x01;
+                    if (hid_send_feature_report(dev, request, sizeof request) < 0 ||
+                        hid_get_feature_report(dev, in, sizeof in) < 0)
+                        ok = false;
+                }
+            });
+        for (std::thread& t : threads) t.join();
+        if (!ok) return state.SkipWithError("a bare transfer failed");
+        state.PauseTiming();
+        dropTraffic(units, false);
+        state.ResumeTiming();
+    }
+    state.SetItemsProcessed(state.iterations() * threadCount * kBatch);
+    for (hid_device* dev : handles) hid_close(dev);
+}
+
+}  // namespace
+
+BENCHMARK(usbThreads)->Name("threads/usb_get_position")->Arg(1)->Arg(2)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(usbBareThreads)->Name("threads/usb_bare_round_trip")->Arg(1)->Arg(2)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(bleThreads)->Name("threads/ble_get_position")->Arg(1)->Arg(2)->UseRealTime()->Unit(benchmark::kMillisecond);
