@@ -48,6 +48,7 @@ void threadsOwnUnit(benchmark::State& state, bool ble)
         state.ResumeTiming();
     }
     state.SetItemsProcessed(state.iterations() * threadCount * kBatch);
+    state.counters["calls"] = threadCount * kBatch;  // per iteration
     nkrbench::closeAll();
 }
 
@@ -87,11 +88,12 @@ void usbBareThreads(benchmark::State& state)
         state.ResumeTiming();
     }
     state.SetItemsProcessed(state.iterations() * threadCount * kBatch);
+    state.counters["calls"] = threadCount * kBatch;  // per iteration
     for (hid_device* dev : handles) hid_close(dev);
 }
 
 }  // namespace
 
-BENCHMARK(usbThreads)->Name("threads/usb_get_position")->Arg(1)->Arg(2)->UseRealTime()->Unit(benchmark::kMillisecond);
-BENCHMARK(usbBareThreads)->Name("threads/usb_bare_round_trip")->Arg(1)->Arg(2)->UseRealTime()->Unit(benchmark::kMillisecond);
-BENCHMARK(bleThreads)->Name("threads/ble_get_position")->Arg(1)->Arg(2)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(usbThreads)->Name("threads/usb_get_position")->Arg(1)->Arg(2)->UseRealTime()->MeasureProcessCPUTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(usbBareThreads)->Name("threads/usb_bare_round_trip")->Arg(1)->Arg(2)->UseRealTime()->MeasureProcessCPUTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(bleThreads)->Name("threads/ble_get_position")->Arg(1)->Arg(2)->UseRealTime()->MeasureProcessCPUTime()->Unit(benchmark::kMillisecond);

@@ -51,7 +51,7 @@ bool runStandinSuite(const std::vector<std::string>& args, Collector& results)
     while (std::fgets(line, sizeof line, pipe) != nullptr) {
         char key[512];
         Sample s;
-        if (std::sscanf(line, "sample %511s %lf %lf", key, &s.ns, &s.rate) == 3) {
+        if (std::sscanf(line, "sample %511s %lf %lf %lf", key, &s.ns, &s.rate, &s.cpuPerCallNs) == 4) {
             s.key = key;
             results.add(s);
             std::fputc('.', stderr);

@@ -47,10 +47,15 @@ int fail(const char* what)
 int main(int argc, char** argv)
 {
     if (argc != 2) return fail("usage: nkr_load_footprint libNKR_focuser.so");
-    // The settings file goes to a private HOME, not the user's.
-    char home[] = "/tmp/nkr-footprint-XXXXXX";
-    if (mkdtemp(home) == nullptr) return fail("no temporary HOME");
-    setenv("HOME", home, 1);
+    // The settings file goes to a private HOME, not the user's (on tmpfs, so
+    // that closing 128 units does not wait for the disk).
+    char home[] = "/dev/shm/nkr-footprint-XXXXXX";
+    char fallback[] = "/tmp/nkr-footprint-XXXXXX";
+    const char* made = mkdtemp(home);
+    if (made == nullptr) made = mkdtemp(fallback);
+    if (made == nullptr) return fail("no temporary HOME");
+    const std::string homeDir = made;
+    setenv("HOME", homeDir.c_str(), 1);
 
     nkrsim::reset();
     nkrsim::addUnit(nkrsim::UnitSpec{});
@@ -83,6 +88,6 @@ int main(int argc, char** argv)
                 (all - plugged) / (kUnits - 1), kUnits);
     for (int slot : ids) close(slot);
     std::error_code ec;
-    std::filesystem::remove_all(home, ec);
+    std::filesystem::remove_all(homeDir, ec);
     return 0;
 }

@@ -51,6 +51,7 @@ void standinThreads(benchmark::State& state)
             break;
         }
     state.SetItemsProcessed(state.iterations() * threadCount * kBatch);
+    state.counters["calls"] = threadCount * kBatch;  // per iteration
     nkrbench::standin::stopAll();
     nkrbench::closeAll();
 }
@@ -65,7 +66,7 @@ public:
         for (const Run& run : runs) {
             if (!nkrbench::sampleOf(run, s)) continue;
             if (!s.error.empty()) std::printf("error %s %s\n", s.key.c_str(), s.error.c_str());
-            else std::printf("sample %s %.3f %.3f\n", s.key.c_str(), s.ns, s.rate);
+            else std::printf("sample %s %.3f %.3f %.3f\n", s.key.c_str(), s.ns, s.rate, s.cpuPerCallNs);
         }
         std::fflush(stdout);
     }
@@ -77,7 +78,7 @@ BENCHMARK(standinThreads)
     ->Name("threads/usb_get_position_standin")
     ->Arg(1)
     ->Arg(2)
-    ->UseRealTime()
+    ->UseRealTime()->MeasureProcessCPUTime()
     ->Unit(benchmark::kMillisecond);
 
 int main(int argc, char** argv)

@@ -154,6 +154,9 @@ bool sampleOf(const benchmark::BenchmarkReporter::Run& run, Sample& out)
     out.ns = toNs(wall ? run.GetAdjustedRealTime() : run.GetAdjustedCPUTime(), run.time_unit);
     auto items = run.counters.find("items_per_second");
     if (items != run.counters.end()) out.rate = items->second.value;
+    auto calls = run.counters.find("calls");
+    if (calls != run.counters.end() && calls->second.value > 0)
+        out.cpuPerCallNs = toNs(run.GetAdjustedCPUTime(), run.time_unit) / calls->second.value;
     return true;
 }
 
@@ -175,6 +178,7 @@ void Collector::add(const Sample& sample)
     }
     ns_[sample.key].push_back(sample.ns);
     if (sample.rate >= 0) rate_[sample.key].push_back(sample.rate);
+    if (sample.cpuPerCallNs >= 0) cpuPerCall_[sample.key].push_back(sample.cpuPerCallNs);
 }
 
 void Collector::Finalize() { std::cerr << '\n'; }
@@ -184,6 +188,13 @@ double Collector::medianNs(const std::string& name) const
     if (errors_.count(name)) return -1;
     auto it = ns_.find(name);
     return it == ns_.end() ? -1 : median(it->second);
+}
+
+double Collector::medianCpuPerCall(const std::string& name) const
+{
+    if (errors_.count(name)) return -1;
+    auto it = cpuPerCall_.find(name);
+    return it == cpuPerCall_.end() ? -1 : median(it->second);
 }
 
 double Collector::medianRate(const std::string& name) const
@@ -249,6 +260,14 @@ void printSummary(const Collector& r, const Footprint& fp, int repetitions, cons
         rows.push_back({"4", what + ", throughput 2 threads / 1", known ? fmt("%.2f", two / one) : "n/a",
                         goal ? fmt("≥ %.1f", kMinThreadScaling) : "",
                         goal ? verdict(known, two / one >= kMinThreadScaling) : "info"});
+        // CPU spent per call does not depend on how busy the machine is:
+        // threads that slowed each other down (contended locks, shared cache
+        // lines) would spend more on each call.
+        const double cpuOne = r.medianCpuPerCall(base + "/1");
+        const double cpuTwo = r.medianCpuPerCall(base + "/2");
+        if (goal)
+            rows.push_back({"4", what + ", CPU per call 2 threads / 1 (diagnostic)",
+                            cpuOne > 0 && cpuTwo > 0 ? fmt("%.2f", cpuTwo / cpuOne) : "n/a", "", "info"});
     };
     threadRows("threads/usb_get_position_standin", "USB NKRGetPosition, stand-in transport", true);
     threadRows("threads/usb_get_position", "USB NKRGetPosition, simulator", false);

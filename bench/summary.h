@@ -23,6 +23,7 @@ struct Sample {
     std::string key;    // benchmark name and arguments, e.g. "scale/scan_open_read_close/16"
     double ns = -1;     // time per iteration
     double rate = -1;   // items per second, when the benchmark counts items
+    double cpuPerCallNs = -1;  // process CPU time per call, when it counts calls
     std::string error;  // set when the run failed
 };
 
@@ -44,11 +45,14 @@ public:
     double medianNs(const std::string& name) const;
     // Median over repetitions of items per second.
     double medianRate(const std::string& name) const;
+    // Median over repetitions of the process CPU time per call, in nanoseconds.
+    double medianCpuPerCall(const std::string& name) const;
     const std::map<std::string, std::string>& errors() const { return errors_; }
 
 private:
     std::map<std::string, std::vector<double>> ns_;
     std::map<std::string, std::vector<double>> rate_;
+    std::map<std::string, std::vector<double>> cpuPerCall_;
     std::map<std::string, std::string> errors_;
 };
 
