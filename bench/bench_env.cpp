@@ -1,5 +1,7 @@
 #include "bench_env.h"
 
+#include <pthread.h>
+#include <sched.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -130,6 +132,27 @@ bool runStatusReads(const std::vector<int>& ids, int perThread)
         });
     for (std::thread& t : threads) t.join();
     return ok;
+}
+
+bool RealtimeScope::requested()
+{
+    const char* value = std::getenv("NKR_BENCH_REALTIME");
+    return value != nullptr && std::string(value) == "1";
+}
+
+RealtimeScope::RealtimeScope()
+{
+    if (!requested()) return;
+    sched_param param{};
+    param.sched_priority = 1;
+    raised_ = pthread_setschedparam(pthread_self(), SCHED_RR, &param) == 0;
+}
+
+RealtimeScope::~RealtimeScope()
+{
+    if (!raised_) return;
+    sched_param param{};
+    pthread_setschedparam(pthread_self(), SCHED_OTHER, &param);
 }
 
 long residentBytes()

@@ -34,6 +34,23 @@ void closeAll();
 // perThread times through the export, and joins them; false when a read failed.
 bool runStatusReads(const std::vector<int>& ids, int perThread);
 
+// With NKR_BENCH_REALTIME=1, the calling thread (and the threads it starts)
+// runs under real-time round-robin scheduling while this lives, so that host
+// threads get the machine's cores even while other work keeps it busy. Off
+// otherwise, and when the system refuses it.
+class RealtimeScope {
+public:
+    RealtimeScope();
+    ~RealtimeScope();
+    RealtimeScope(const RealtimeScope&) = delete;
+    RealtimeScope& operator=(const RealtimeScope&) = delete;
+    // True when NKR_BENCH_REALTIME=1 asks for it.
+    static bool requested();
+
+private:
+    bool raised_ = false;
+};
+
 // Resident set size of this process, in bytes.
 long residentBytes();
 

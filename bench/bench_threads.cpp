@@ -41,6 +41,7 @@ void threadsOwnUnit(benchmark::State& state, bool ble)
         ids = nkrbench::openUsbUnits(threadCount, &units);
         if (ids.empty()) return state.SkipWithError("no USB unit");
     }
+    nkrbench::RealtimeScope realtime;
     for (auto _ : state) {
         if (!nkrbench::runStatusReads(ids, kBatch)) return state.SkipWithError("a status read failed");
         state.PauseTiming();
@@ -68,6 +69,7 @@ void usbBareThreads(benchmark::State& state)
         if (handles.back() == nullptr) return state.SkipWithError("no USB unit");
     }
     const unsigned char request[16] = {0x03, 0x7E, 0x5A, 0x02, 0x03};
+    nkrbench::RealtimeScope realtime;
     for (auto _ : state) {
         std::atomic<bool> ok{true};
         std::vector<std::thread> threads;

@@ -45,6 +45,7 @@ void standinThreads(benchmark::State& state)
         if (reply.empty() || dev == nullptr || !nkrbench::standin::serve(dev->m_hDev, reply))
             return state.SkipWithError("stand-in transport not set up");
     }
+    nkrbench::RealtimeScope realtime;
     for (auto _ : state)
         if (!nkrbench::runStatusReads(ids, kBatch)) {
             state.SkipWithError("a status read failed");

@@ -9,6 +9,8 @@
 #include <fstream>
 #include <iostream>
 
+#include "bench_env.h"
+
 namespace nkrbench {
 namespace {
 
@@ -223,7 +225,10 @@ void printSummary(const Collector& r, const Footprint& fp, int repetitions, cons
               << "; load average before " << loadBefore << ", after " << loadAfter << "\n"
               << "figures: medians of " << repetitions
               << " interleaved repetitions on simulated units (manual clock); times per call are the\n"
-              << "calling thread's CPU time, thread throughputs are wall-clock\n"
+              << "calling thread's CPU time, thread throughputs are wall-clock ("
+              << (RealtimeScope::requested() ? "thread runs under real-time scheduling, NKR_BENCH_REALTIME=1"
+                                             : "normal scheduling")
+              << ")\n"
               << "note: the library's 200 ms pause after every move is replaced by a no-op sleep hook "
                  "(nkr::setSleepHook)\n\n";
 
