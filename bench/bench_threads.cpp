@@ -14,11 +14,14 @@
 
 #include "NKR_focuser.h"
 #include "bench_env.h"
+#include "log/Log.h"
 
 namespace {
 
-// Long enough that starting the threads is noise beside the batch.
-constexpr int kBatch = 4000;
+// Calls per thread and iteration: enough that starting and joining the
+// threads (tens of microseconds on a busy machine) is noise beside them.
+constexpr int kUsbBatch = 50000;
+constexpr int kBleBatch = 2000;
 
 void dropTraffic(const std::vector<nkrsim::UnitId>& units, bool ble)
 {
@@ -28,6 +31,7 @@ void dropTraffic(const std::vector<nkrsim::UnitId>& units, bool ble)
 void threadsOwnUnit(benchmark::State& state, bool ble)
 {
     const auto threadCount = static_cast<int>(state.range(0));
+    const int batch = ble ? kBleBatch : kUsbBatch;
     nkrbench::resetWorld();
     std::vector<int> ids;
     std::vector<nkrsim::UnitId> units;
@@ -43,13 +47,13 @@ void threadsOwnUnit(benchmark::State& state, bool ble)
     }
     nkrbench::RealtimeScope realtime;
     for (auto _ : state) {
-        if (!nkrbench::runStatusReads(ids, kBatch)) return state.SkipWithError("a status read failed");
+        if (!nkrbench::runStatusReads(ids, batch)) return state.SkipWithError("a status read failed");
         state.PauseTiming();
         dropTraffic(units, ble);
         state.ResumeTiming();
     }
-    state.SetItemsProcessed(state.iterations() * threadCount * kBatch);
-    state.counters["calls"] = threadCount * kBatch;  // per iteration
+    state.SetItemsProcessed(state.iterations() * threadCount * batch);
+    state.counters["calls"] = threadCount * batch;  // per iteration
     nkrbench::closeAll();
 }
 
@@ -76,7 +80,7 @@ void usbBareThreads(benchmark::State& state)
         for (hid_device* dev : handles)
             threads.emplace_back([dev, &request, &ok] {
                 unsigned char in[17];
-                for (int i = 0; i < kBatch; ++i) {
+                for (int i = 0; i < kUsbBatch; ++i) {
                     in[0] = 0x01;
                     if (hid_send_feature_report(dev, request, sizeof request) < 0 ||
                         hid_get_feature_report(dev, in, sizeof in) < 0)
@@ -89,9 +93,30 @@ void usbBareThreads(benchmark::State& state)
         dropTraffic(units, false);
         state.ResumeTiming();
     }
-    state.SetItemsProcessed(state.iterations() * threadCount * kBatch);
-    state.counters["calls"] = threadCount * kBatch;  // per iteration
+    state.SetItemsProcessed(state.iterations() * threadCount * kUsbBatch);
+    state.counters["calls"] = threadCount * kUsbBatch;  // per iteration
     for (hid_device* dev : handles) hid_close(dev);
+}
+
+// Info lines written from host threads at once: every Bluetooth exchange
+// writes two, and they all go through the one log file.
+void logThreads(benchmark::State& state)
+{
+    const auto threadCount = static_cast<int>(state.range(0));
+    nkrbench::resetWorld();
+    if (nkrbench::openUsbUnits(1).empty()) return state.SkipWithError("no USB unit");  // sets the log up
+    nkrbench::RealtimeScope realtime;
+    for (auto _ : state) {
+        std::vector<std::thread> threads;
+        for (int t = 0; t < threadCount; ++t)
+            threads.emplace_back([] {
+                for (int i = 0; i < kBleBatch; ++i) NKR_LOG("input:%02x, %02x, iCommandId:%d", 0x02, 0x03, i & 0xFF);
+            });
+        for (std::thread& t : threads) t.join();
+    }
+    state.SetItemsProcessed(state.iterations() * threadCount * kBleBatch);
+    state.counters["calls"] = threadCount * kBleBatch;  // per iteration
+    nkrbench::closeAll();
 }
 
 }  // namespace
@@ -99,3 +124,4 @@ void usbBareThreads(benchmark::State& state)
 BENCHMARK(usbThreads)->Name("threads/usb_get_position")->Arg(1)->Arg(2)->UseRealTime()->MeasureProcessCPUTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(usbBareThreads)->Name("threads/usb_bare_round_trip")->Arg(1)->Arg(2)->UseRealTime()->MeasureProcessCPUTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(bleThreads)->Name("threads/ble_get_position")->Arg(1)->Arg(2)->UseRealTime()->MeasureProcessCPUTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(logThreads)->Name("threads/log_line")->Arg(1)->Arg(2)->UseRealTime()->MeasureProcessCPUTime()->Unit(benchmark::kMillisecond);

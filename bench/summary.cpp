@@ -278,6 +278,7 @@ void printSummary(const Collector& r, const Footprint& fp, int repetitions, cons
     threadRows("threads/usb_get_position", "USB NKRGetPosition, simulator", false);
     threadRows("threads/usb_bare_round_trip", "USB bare round trip, simulator", false);
     threadRows("threads/ble_get_position", "BLE NKRGetPosition, simulator", false);
+    threadRows("threads/log_line", "info log lines (2 per BLE exchange)", false);
 
     double perUnit[3];
     bool scaleKnown = true;
