@@ -33,7 +33,9 @@ public:
     void chapter(const std::string& title)
     {
         ++chapter_;
+        // A short pause lets a person read each chapter before the next.
         if (interactive() && chapter_ > 1) sleepUnlessInterrupted(400);
+        if (interrupted()) throw ToolError("demo stopped with Ctrl-C", -1, kExitInterrupted);
         say("");
         say(paint(Colour::Bold, "[" + std::to_string(chapter_) + "/" + std::to_string(kChapters) + "] " + title));
     }
@@ -225,7 +227,8 @@ bool reopenKeepsPosition(Tour& tour, UnitSession& session, const SavedSettings& 
 int runDemo()
 {
     Tour tour;
-    say(paint(Colour::Bold, "NKR focuser SDK tour") + " (SDK " + get_NKR_SDK_Ver() + ", simulated units)");
+    say(paint(Colour::Bold, "NKR focuser SDK tour") + " on simulated units (SDK version " +
+        get_NKR_SDK_Ver() + ")");
     std::vector<BleUnit> ble;
     std::vector<FoundUnit> usb = findUnits(tour, ble);
     auto byFirmware = [](const FoundUnit& a, const FoundUnit& b) {

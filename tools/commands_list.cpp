@@ -58,20 +58,28 @@ int runList(const ListOptions& options)
     for (int id : slots) listUsbUnit(id, units, rows);
 
     size_t bleCount = 0;
+    std::string bleError;  // a failed Bluetooth scan still lists the USB units
     if (options.bleSeconds > 0) {
-        if (!jsonMode() && interactive())
+        if (interactive())
             say(paint(Colour::Dim, "Looking for Bluetooth units for " +
                                        std::to_string(options.bleSeconds) + " s..."));
-        for (const BleUnit& u : scanBluetooth(options.bleSeconds)) {
-            units.push(Json::object().set("link", "ble").set("name", u.name).set("address", u.address));
-            rows.push_back({"-", "ble", u.name, "-", "-", "-", u.address});
-            ++bleCount;
+        try {
+            for (const BleUnit& u : scanBluetooth(options.bleSeconds)) {
+                units.push(Json::object().set("link", "ble").set("name", u.name).set("address", u.address));
+                rows.push_back({"-", "ble", u.name, "-", "-", "-", u.address});
+                ++bleCount;
+            }
+        } catch (const ToolError& e) {
+            bleError = e.what();
         }
     }
 
     if (jsonMode()) {
-        emitJson(Json::object().set("units", units).set("ble_scanned", options.bleSeconds > 0));
-        return kExitOk;
+        Json doc = Json::object().set("units", units).set("ble_scanned", options.bleSeconds > 0);
+        if (!bleError.empty()) doc.set("ble_error", bleError);
+        emitJson(doc);
+        if (!bleError.empty()) printErrorMessage(bleError);
+        return bleError.empty() ? kExitOk : kExitDeviceError;
     }
     if (rows.empty()) {
         say("No focusers found.");
@@ -82,12 +90,16 @@ int runList(const ListOptions& options)
         say(paint(Colour::Dim, "(add --ble SECONDS to look for Bluetooth units as well)"));
     else if (bleCount > 0)
         say(paint(Colour::Dim, "(use a Bluetooth unit with: nkr --ble \"NAME\" COMMAND)"));
+    if (!bleError.empty()) {
+        printErrorMessage(bleError);
+        return kExitDeviceError;
+    }
     return kExitOk;
 }
 
 }  // namespace
 
-Command addListCommand(CLI::App& app, const GlobalOptions&)
+Command addListCommand(CLI::App& app, const GlobalOptions& globals)
 {
     auto options = std::make_shared<ListOptions>();
     CLI::App* sub = app.add_subcommand(
@@ -100,7 +112,14 @@ Command addListCommand(CLI::App& app, const GlobalOptions&)
         ->type_name("SECONDS")
         ->check(CLI::Range(0, 60));
     sub->footer("Examples:\n  nkr list\n  nkr list --ble 3\n  nkr --json list --ble 3");
-    return {sub, [options] { return runList(*options); }, false};
+    return {sub,
+            [options, &globals] {
+                // "nkr --ble 3 list" puts the seconds on the global option.
+                if (!globals.ble.empty())
+                    usageError("list takes the scan time after the command: nkr list --ble SECONDS");
+                return runList(*options);
+            },
+            false};
 }
 
 }  // namespace nkrtool

@@ -66,7 +66,7 @@ int main(int argc, char** argv)
 {
     CLI::App app{kDescription, "nkr"};
     app.set_version_flag("--version",
-                         std::string("nkr ") + NKR_TOOL_VERSION + " (SDK " + get_NKR_SDK_Ver() + ")");
+                         std::string("nkr ") + NKR_TOOL_VERSION + " (SDK version " + get_NKR_SDK_Ver() + ")");
     app.require_subcommand(1);
     app.fallthrough();  // global options may also follow the sub-command
 

@@ -1,0 +1,89 @@
+// The nkr tool's errors, Bluetooth sessions, firmware update and demo.
+#include "tool_support.h"
+
+namespace nkrtest {
+namespace {
+
+TEST_F(ToolTest, ToolErrorsNameTheCodeAndSetTheExitStatus)
+{
+    ToolRun unknown = run("--json info 7");
+    EXPECT_EQ(unknown.status, 2);
+    EXPECT_NE(unknown.err.find("NKR_ERROR_INVALID_ID (2)"), std::string::npos) << unknown.err;
+    EXPECT_EQ(jsonString(unknown.out, "name"), "NKR_ERROR_INVALID_ID");
+
+    EXPECT_EQ(run("info abc").status, 2);
+    EXPECT_EQ(run("info 60").status, 2) << "Bluetooth ids live only inside one program";
+    EXPECT_EQ(run("move 0").status, 2) << "missing step";
+    EXPECT_EQ(run("move 0 12x").status, 2);
+    EXPECT_EQ(run("list --bogus").status, 2);
+    EXPECT_EQ(run("").status, 2) << "no sub-command";
+
+    ToolRun missing = run("--ble 'No Such Unit' info");
+    EXPECT_EQ(missing.status, 2);
+    EXPECT_NE(missing.err.find("No Such Unit"), std::string::npos) << missing.err;
+}
+
+TEST_F(ToolTest, ToolBluetoothUnitByNameOrAddress)
+{
+    ToolRun r = run("--json --ble 'NKR Pro_A1B2' info");
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(jsonString(r.out, "link"), "ble");
+    EXPECT_GE(jsonInt(r.out, "id").value_or(0), 50);
+    EXPECT_EQ(jsonString(r.out, "type"), "NKR Pro");
+    EXPECT_EQ(jsonInt(r.out, "percentage"), 87);
+    EXPECT_EQ(jsonInt(r.out, "power_off_reason"), 0);
+    std::optional<std::string> address = jsonString(r.out, "ble_address");
+    ASSERT_TRUE(address.has_value());
+
+    // The same unit by its address, moved; the option may follow the command.
+    ToolRun moved = run("--json move +300 --ble '" + *address + "'");
+    ASSERT_EQ(moved.status, 0) << moved.err;
+    EXPECT_EQ(jsonInt(moved.lines().back(), "position"), jsonInt(moved.lines().front(), "start").value_or(0) + 300);
+
+    ToolRun named = run("--json --ble 'NKR Pro_A1B2' set ble-name=Scope1");
+    ASSERT_EQ(named.status, 0) << named.err;
+    EXPECT_EQ(jsonString(named.out, "ble-name"), "Scope1");
+}
+
+TEST_F(ToolTest, ToolFirmwareUpdateReportsTheNewVersion)
+{
+    std::string image = home_ + "/image.bin";
+    {
+        std::ofstream out(image, std::ios::binary);
+        for (int k = 0; k < 1234; ++k) out.put(static_cast<char>(k * 7));
+    }
+    ToolRun usb = run("--json firmware 1 '" + image + "'");
+    ASSERT_EQ(usb.status, 0) << usb.err;
+    EXPECT_EQ(jsonString(usb.out, "previous_firmware"), "3.8.2");
+    EXPECT_EQ(jsonString(usb.out, "firmware"), "3.9.0");
+    EXPECT_EQ(jsonInt(usb.out, "bytes"), 1234);
+
+    ToolRun ble = run("--json --ble 'NKR Pro_A1B2' firmware '" + image + "'");
+    ASSERT_EQ(ble.status, 0) << ble.err;
+    EXPECT_EQ(jsonString(ble.out, "firmware"), "3.9.0");
+
+    // The older unit cannot be updated over USB: a device error, not a hang.
+    ToolRun old = run("firmware 0 '" + image + "'");
+    EXPECT_EQ(old.status, 1);
+    EXPECT_NE(old.err.find("NKR_ERROR_NOT_SUPPORTED"), std::string::npos) << old.err;
+
+    EXPECT_EQ(run("firmware 1 '" + home_ + "/missing.bin'").status, 2);
+}
+
+TEST_F(ToolTest, ToolDemoRunsToItsSummary)
+{
+    ToolRun r = run("demo");
+    ASSERT_EQ(r.status, 0) << r.out << r.err;
+    EXPECT_NE(r.out.find("[6/6]"), std::string::npos);
+    EXPECT_NE(r.out.find("Summary: 3 units found"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("battery 87 %"), std::string::npos);
+    EXPECT_NE(r.out.find("position kept after reopening"), std::string::npos);
+
+    ToolRun json = run("--json demo");
+    ASSERT_EQ(json.status, 0) << json.err;
+    ASSERT_EQ(json.lines().size(), 1u);
+    EXPECT_EQ(jsonRaw(json.out, "ok"), "true");
+}
+
+}  // namespace
+}  // namespace nkrtest

@@ -1,0 +1,163 @@
+// The nkr tool on the simulator's default units: listing, reading, moving,
+// settings and position, as a user or a script would run it.
+#include <chrono>
+
+#include "tool_support.h"
+
+namespace nkrtest {
+namespace {
+
+TEST_F(ToolTest, ToolListShowsTheThreeDefaultUnits)
+{
+    ToolRun r = run("--json list --ble 1");
+    ASSERT_EQ(r.status, 0) << r.err;
+    ASSERT_EQ(r.lines().size(), 1u) << "one JSON document";
+    const std::string& doc = r.out;
+    EXPECT_EQ(countOf(doc, "\"link\":\"usb\""), 2u);
+    EXPECT_EQ(countOf(doc, "\"link\":\"ble\""), 1u);
+    EXPECT_NE(doc.find("\"firmware\":\"3.3.5\""), std::string::npos);
+    EXPECT_NE(doc.find("\"firmware\":\"3.8.2\""), std::string::npos);
+    EXPECT_NE(doc.find("\"type\":\"NKRN\""), std::string::npos);
+    EXPECT_NE(doc.find("\"name\":\"NKR Pro_A1B2\""), std::string::npos);
+
+    // Without --ble only the USB units, and the table form names them too.
+    ToolRun text = run("list");
+    ASSERT_EQ(text.status, 0) << text.err;
+    EXPECT_NE(text.out.find("3.3.5"), std::string::npos);
+    EXPECT_NE(text.out.find("NKRN"), std::string::npos);
+    EXPECT_EQ(text.out.find("NKR Pro_A1B2"), std::string::npos);
+}
+
+TEST_F(ToolTest, ToolInfoOfEachUsbUnit)
+{
+    ToolRun older = run("--json info 0");
+    ASSERT_EQ(older.status, 0) << older.err;
+    EXPECT_EQ(jsonString(older.out, "firmware"), "3.3.5");
+    EXPECT_EQ(jsonInt(older.out, "position"), 30000);
+    EXPECT_EQ(jsonInt(older.out, "step_range"), 60000);
+    // Features of the battery model are reported missing, not as errors.
+    EXPECT_EQ(jsonRaw(older.out, "battery"), "null");
+    EXPECT_NE(older.out.find("\"led\":\"not supported\""), std::string::npos);
+    EXPECT_TRUE(older.err.empty()) << older.err;
+
+    ToolRun newer = run("--json info 1");
+    ASSERT_EQ(newer.status, 0) << newer.err;
+    EXPECT_EQ(jsonString(newer.out, "firmware"), "3.8.2");
+    EXPECT_EQ(jsonString(newer.out, "type"), "NKRN");
+    EXPECT_EQ(jsonInt(newer.out, "step_range"), 600000);
+    EXPECT_EQ(jsonRaw(newer.out, "led"), "false");
+    EXPECT_EQ(jsonString(newer.out, "motor_error"), "E0");
+    EXPECT_NE(newer.out.find("\"name\":\"USB update NKR FW\""), std::string::npos);
+
+    ToolRun text = run("info 1");
+    ASSERT_EQ(text.status, 0) << text.err;
+    EXPECT_NE(text.out.find("not supported"), std::string::npos);
+}
+
+TEST_F(ToolTest, ToolMoveWaitsForTheTargetAndFollowsRelativeSteps)
+{
+    ToolRun up = run("--json move 1 +600");
+    ASSERT_EQ(up.status, 0) << up.err;
+    std::vector<std::string> lines = up.lines();
+    ASSERT_FALSE(lines.empty());
+    for (const std::string& line : lines) EXPECT_EQ(line.front(), '{') << line;
+    const std::string& last = lines.back();
+    EXPECT_EQ(jsonString(last, "event"), "done");
+    EXPECT_EQ(jsonInt(last, "target"), 30600);
+    EXPECT_EQ(jsonInt(last, "position"), 30600);
+    EXPECT_EQ(jsonRaw(last, "reached"), "true");
+
+    // The next run opens a unit that powered up at 30000 and gets the saved
+    // position back, so a relative move starts from where the last one ended.
+    ToolRun down = run("--json move 1 -400");
+    ASSERT_EQ(down.status, 0) << down.err;
+    EXPECT_EQ(jsonInt(down.lines().front(), "start"), 30600);
+    EXPECT_EQ(jsonInt(down.lines().back(), "position"), 30200);
+
+    ToolRun absolute = run("--json move 0 29500");
+    ASSERT_EQ(absolute.status, 0) << absolute.err;
+    EXPECT_EQ(jsonInt(absolute.lines().back(), "position"), 29500);
+
+    // Beyond the step range: clamped, with a warning.
+    ASSERT_EQ(run("sync 0 59800").status, 0);
+    ToolRun far = run("--json move 0 70000");
+    ASSERT_EQ(far.status, 0) << far.err;
+    EXPECT_EQ(jsonInt(far.lines().back(), "target"), 60000);
+    EXPECT_NE(far.err.find("60000"), std::string::npos);
+}
+
+TEST_F(ToolTest, ToolMoveWithoutWaitReturnsAtOnce)
+{
+    auto started = std::chrono::steady_clock::now();
+    // 20000 steps take 10 s of motor time.
+    ToolRun r = run("--json move 1 50000 --no-wait");
+    double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+    ASSERT_EQ(r.status, 0) << r.err;
+    ASSERT_EQ(r.lines().size(), 1u);
+    EXPECT_EQ(jsonString(r.out, "event"), "started");
+    EXPECT_EQ(jsonInt(r.out, "target"), 50000);
+    EXPECT_EQ(jsonRaw(r.out, "moving"), "true");
+    EXPECT_LT(seconds, 5.0);
+}
+
+TEST_F(ToolTest, ToolSetBacklashIsShownByInfo)
+{
+    ToolRun set = run("--json set 0 backlash=20 beep=on");
+    ASSERT_EQ(set.status, 0) << set.err;
+    EXPECT_EQ(jsonInt(set.out, "backlash"), 20);
+    EXPECT_EQ(jsonRaw(set.out, "beep"), "true");
+
+    ToolRun info = run("--json info 0");
+    ASSERT_EQ(info.status, 0) << info.err;
+    EXPECT_EQ(jsonInt(info.out, "backlash"), 20);
+    EXPECT_EQ(jsonRaw(info.out, "beep"), "true");
+
+    // A bad value anywhere in the list changes nothing at all.
+    ToolRun bad = run("--json set 0 backlash=30 beep=maybe");
+    EXPECT_EQ(bad.status, 2);
+    EXPECT_NE(bad.err.find("beep"), std::string::npos);
+    EXPECT_EQ(run("set 0 backlash=256").status, 2);
+    EXPECT_EQ(run("set 0 colour=red").status, 2);
+    EXPECT_EQ(run("set 0 ble-name=Scope").status, 2) << "USB slots cannot take a Bluetooth name";
+    EXPECT_EQ(jsonInt(run("--json info 0").out, "backlash"), 20);
+
+    // An alias with a quote is read back in the name, escaped in the JSON.
+    ToolRun alias = run("--json set 1 'alias=Ma\"in'");
+    ASSERT_EQ(alias.status, 0) << alias.err;
+    EXPECT_NE(alias.out.find("\"alias\":\"NKR(Ma\\\"in)\""), std::string::npos) << alias.out;
+}
+
+TEST_F(ToolTest, ToolSyncDeclaresThePositionWithoutMoving)
+{
+    ToolRun r = run("--json sync 1 12345");
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(jsonInt(r.out, "previous"), 30000);
+    EXPECT_EQ(jsonInt(r.out, "position"), 12345);
+    EXPECT_EQ(jsonInt(run("--json info 1").out, "position"), 12345);
+
+    EXPECT_EQ(run("sync 0 70000").status, 2) << "beyond the step range of the older unit";
+    EXPECT_EQ(run("sync 0 -5").status, 2);
+}
+
+TEST_F(ToolTest, ToolWatchStopsAfterTheCount)
+{
+    ToolRun r = run("--json watch 0 --count 3 --interval 50");
+    ASSERT_EQ(r.status, 0) << r.err;
+    std::vector<std::string> lines = r.lines();
+    ASSERT_EQ(lines.size(), 3u);
+    EXPECT_EQ(jsonInt(lines[2], "update"), 3);
+    EXPECT_EQ(jsonInt(lines[2], "position"), 30000);
+    EXPECT_EQ(jsonRaw(lines[2], "moving"), "false");
+}
+
+TEST_F(ToolTest, ToolSimulatorKeepsItsStateOutOfTheRealHome)
+{
+    ASSERT_EQ(run("--json sync 0 1000").status, 0);
+    std::ifstream privateFile(home_ + "/state/nkr-sim/.HTX/NKRconfig.xml");
+    EXPECT_TRUE(privateFile.good()) << "settings saved in the simulator's own state directory";
+    std::ifstream realFile(home_ + "/.HTX/NKRconfig.xml");
+    EXPECT_FALSE(realFile.good()) << "the real settings file is not touched";
+}
+
+}  // namespace
+}  // namespace nkrtest
