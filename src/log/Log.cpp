@@ -40,9 +40,12 @@ std::mutex& initMutex()
 // The logger is read without a lock by every thread; it is published once and
 // owned by a holder that is never destroyed, so logging from static
 // destructors at process exit stays safe.
+struct LoggerState {
+    std::shared_ptr<spdlog::logger> logger;
+    std::string file;
+};
 std::atomic<spdlog::logger*> g_logger{nullptr};
-std::shared_ptr<spdlog::logger>* g_loggerOwner = nullptr;
-std::string* g_logFile = nullptr;
+LoggerState* g_state = nullptr;  // under initMutex
 
 bool isUnsafeComponent(const std::string& prefix, bool checkOwner)
 {
@@ -96,8 +99,7 @@ void createLogger(const std::string& file)
     logger->flush_on(spdlog::level::info);
     spdlog::set_default_logger(logger);
 
-    g_loggerOwner = new std::shared_ptr<spdlog::logger>(logger);
-    g_logFile = new std::string(file);
+    g_state = new LoggerState{logger, file};
     g_logger.store(logger.get(), std::memory_order_release);
 }
 
@@ -157,7 +159,7 @@ void removeOldLogFiles(const std::string& dir, size_t keep)
 std::string currentLogFile()
 {
     std::lock_guard<std::mutex> lock(initMutex());
-    return g_logFile ? *g_logFile : std::string();
+    return g_state ? g_state->file : std::string();
 }
 
 }  // namespace nkrlog
