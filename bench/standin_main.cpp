@@ -12,7 +12,7 @@
 #include "bench_env.h"
 #include "device/NKR.h"
 #include "standin_transport.h"
-#include "summary.h"
+#include "collector.h"
 
 namespace {
 

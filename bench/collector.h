@@ -1,0 +1,52 @@
+// Collects the samples of the benchmark runs (every repetition) and gives
+// their medians.
+#pragma once
+
+#include <benchmark/benchmark.h>
+
+#include <map>
+#include <string>
+#include <vector>
+
+namespace nkrbench {
+
+// The figure of one repetition of one benchmark.
+struct Sample {
+    std::string key;           // benchmark name and arguments, e.g. "scale/scan_open_read_close/16"
+    double ns = -1;            // time per iteration
+    double rate = -1;          // items per second, when the benchmark counts items
+    double cpuPerCallNs = -1;  // process CPU time per call, when it counts calls
+    std::string error;         // set when the run failed
+};
+
+// False for aggregate runs. A single calling thread is timed by its own CPU
+// time, which load from elsewhere on a shared machine does not stretch; runs
+// that start threads of their own (UseRealTime) by the wall clock.
+bool sampleOf(const benchmark::BenchmarkReporter::Run& run, Sample& out);
+
+// Keeps every repetition of every run; prints a dot per run on stderr.
+class Collector : public benchmark::BenchmarkReporter {
+public:
+    bool ReportContext(const Context& context) override;
+    void ReportRuns(const std::vector<Run>& runs) override;
+    void Finalize() override;
+    void add(const Sample& sample);
+
+    // Medians over repetitions (negative when the run is missing or failed):
+    // time per iteration in nanoseconds, items per second, process CPU time
+    // per call in nanoseconds.
+    double medianNs(const std::string& name) const;
+    double medianRate(const std::string& name) const;
+    double medianCpuPerCall(const std::string& name) const;
+    const std::map<std::string, std::string>& errors() const { return errors_; }
+
+private:
+    double medianOf(const std::map<std::string, std::vector<double>>& values, const std::string& name) const;
+
+    std::map<std::string, std::vector<double>> ns_;
+    std::map<std::string, std::vector<double>> rate_;
+    std::map<std::string, std::vector<double>> cpuPerCall_;
+    std::map<std::string, std::string> errors_;
+};
+
+}  // namespace nkrbench
