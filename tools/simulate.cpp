@@ -14,6 +14,9 @@
 #ifndef NKR_SIM_DIR
 #define NKR_SIM_DIR ""
 #endif
+#ifndef NKR_INSTALL_LIBDIR
+#define NKR_INSTALL_LIBDIR "lib"
+#endif
 
 namespace nkrtool {
 namespace {
@@ -41,9 +44,11 @@ fs::path findSimulatorDirectory(std::string& looked)
         if (fs::exists(built / kSimLibraryName, ec)) return built;
     }
     fs::path self = selfExecutable();
-    if (!self.empty()) {
-        fs::path installed = (self.parent_path() / ".." / "lib" / "nkr-sim").lexically_normal();
-        looked += (looked.empty() ? "" : " and ") + installed.string();
+    if (self.empty()) return {};
+    for (const char* libDir : {"lib", NKR_INSTALL_LIBDIR}) {
+        fs::path installed = (self.parent_path() / ".." / libDir / "nkr-sim").lexically_normal();
+        if (looked.find(installed.string()) != std::string::npos) continue;
+        looked += (looked.empty() ? "" : ", ") + installed.string();
         if (fs::exists(installed / kSimLibraryName, ec)) return installed;
     }
     return {};
