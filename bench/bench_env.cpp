@@ -3,6 +3,7 @@
 #include <pthread.h>
 #include <sched.h>
 #include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -153,6 +154,13 @@ RealtimeScope::~RealtimeScope()
     if (!raised_) return;
     sched_param param{};
     pthread_setschedparam(pthread_self(), SCHED_OTHER, &param);
+}
+
+double SideBySide::threadCpuNs()
+{
+    timespec ts{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
+    return static_cast<double>(ts.tv_sec) * 1e9 + static_cast<double>(ts.tv_nsec);
 }
 
 long residentBytes()

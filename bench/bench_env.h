@@ -3,6 +3,8 @@
 // the library.
 #pragma once
 
+#include <benchmark/benchmark.h>
+
 #include <string>
 #include <vector>
 
@@ -49,6 +51,33 @@ public:
 
 private:
     bool raised_ = false;
+};
+
+// Times blocks of calls of two or more sides, taking turns, on the calling
+// thread's CPU clock. The sides share every disturbance of a busy machine, so
+// their ratio holds even when absolute times do not.
+class SideBySide {
+public:
+    explicit SideBySide(size_t sides) : ns_(sides, 0), calls_(sides, 0) {}
+
+    // Makes count calls of one side; false as soon as a call returns false.
+    template <typename Call>
+    bool block(size_t side, int count, Call call)
+    {
+        const double start = threadCpuNs();
+        for (int i = 0; i < count; ++i)
+            if (!call()) return false;
+        ns_[side] += threadCpuNs() - start;
+        calls_[side] += count;
+        return true;
+    }
+    double nsPerCall(size_t side) const { return calls_[side] > 0 ? ns_[side] / calls_[side] : -1; }
+
+    static double threadCpuNs();
+
+private:
+    std::vector<double> ns_;
+    std::vector<double> calls_;
 };
 
 // Resident set size of this process, in bytes.

@@ -47,6 +47,7 @@ bool sampleOf(const benchmark::BenchmarkReporter::Run& run, Sample& out)
     out.ns = toNs(wall ? run.GetAdjustedRealTime() : run.GetAdjustedCPUTime(), run.time_unit);
     auto items = run.counters.find("items_per_second");
     if (items != run.counters.end()) out.rate = items->second.value;
+    for (const auto& [name, counter] : run.counters) out.counters[name] = counter.value;
     auto calls = run.counters.find("calls");
     if (calls != run.counters.end() && calls->second.value > 0)
         out.cpuPerCallNs = toNs(run.GetAdjustedCPUTime(), run.time_unit) / calls->second.value;
@@ -65,27 +66,57 @@ void Collector::ReportRuns(const std::vector<Run>& runs)
 
 void Collector::add(const Sample& sample)
 {
-    if (!sample.error.empty()) {
-        errors_[sample.key] = sample.error;
-        return;
-    }
-    ns_[sample.key].push_back(sample.ns);
-    if (sample.rate >= 0) rate_[sample.key].push_back(sample.rate);
-    if (sample.cpuPerCallNs >= 0) cpuPerCall_[sample.key].push_back(sample.cpuPerCallNs);
+    if (!sample.error.empty()) errors_[sample.key] = sample.error;
+    else samples_[sample.key].push_back(sample);
 }
 
 void Collector::Finalize() { std::cerr << '\n'; }
 
-double Collector::medianOf(const std::map<std::string, std::vector<double>>& values,
-                           const std::string& name) const
+template <typename Figure>
+double Collector::medianOf(const std::string& key, Figure figure) const
 {
-    if (errors_.count(name)) return -1;
-    auto it = values.find(name);
-    return it == values.end() ? -1 : median(it->second);
+    auto it = samples_.find(key);
+    if (errors_.count(key) || it == samples_.end()) return -1;
+    std::vector<double> values;
+    for (const Sample& s : it->second) {
+        const double v = figure(s);
+        if (v >= 0) values.push_back(v);
+    }
+    return median(values);
 }
 
-double Collector::medianNs(const std::string& name) const { return medianOf(ns_, name); }
-double Collector::medianRate(const std::string& name) const { return medianOf(rate_, name); }
-double Collector::medianCpuPerCall(const std::string& name) const { return medianOf(cpuPerCall_, name); }
+double Collector::medianNs(const std::string& key) const
+{
+    return medianOf(key, [](const Sample& s) { return s.ns; });
+}
+
+double Collector::medianRate(const std::string& key) const
+{
+    return medianOf(key, [](const Sample& s) { return s.rate; });
+}
+
+double Collector::medianCpuPerCall(const std::string& key) const
+{
+    return medianOf(key, [](const Sample& s) { return s.cpuPerCallNs; });
+}
+
+double Collector::medianCounter(const std::string& key, const std::string& counter) const
+{
+    return medianOf(key, [&](const Sample& s) {
+        auto it = s.counters.find(counter);
+        return it == s.counters.end() ? -1.0 : it->second;
+    });
+}
+
+double Collector::medianRatio(const std::string& key, const std::string& numerator,
+                              const std::string& denominator) const
+{
+    return medianOf(key, [&](const Sample& s) {
+        auto n = s.counters.find(numerator);
+        auto d = s.counters.find(denominator);
+        if (n == s.counters.end() || d == s.counters.end() || n->second < 0 || d->second <= 0) return -1.0;
+        return n->second / d->second;
+    });
+}
 
 }  // namespace nkrbench

@@ -10,12 +10,13 @@
 
 namespace nkrbench {
 
-// The figure of one repetition of one benchmark.
+// The figures of one repetition of one benchmark.
 struct Sample {
     std::string key;           // benchmark name and arguments, e.g. "scale/scan_open_read_close/16"
     double ns = -1;            // time per iteration
     double rate = -1;          // items per second, when the benchmark counts items
     double cpuPerCallNs = -1;  // process CPU time per call, when it counts calls
+    std::map<std::string, double> counters;  // the benchmark's own counters
     std::string error;         // set when the run failed
 };
 
@@ -32,20 +33,22 @@ public:
     void Finalize() override;
     void add(const Sample& sample);
 
-    // Medians over repetitions (negative when the run is missing or failed):
-    // time per iteration in nanoseconds, items per second, process CPU time
-    // per call in nanoseconds.
-    double medianNs(const std::string& name) const;
-    double medianRate(const std::string& name) const;
-    double medianCpuPerCall(const std::string& name) const;
+    // Medians over the repetitions of one benchmark; negative when it is
+    // missing or failed. Times in nanoseconds.
+    double medianNs(const std::string& key) const;
+    double medianRate(const std::string& key) const;
+    double medianCpuPerCall(const std::string& key) const;
+    double medianCounter(const std::string& key, const std::string& counter) const;
+    // Median of the per-repetition ratio of two counters (measured side by side).
+    double medianRatio(const std::string& key, const std::string& numerator,
+                       const std::string& denominator) const;
     const std::map<std::string, std::string>& errors() const { return errors_; }
 
 private:
-    double medianOf(const std::map<std::string, std::vector<double>>& values, const std::string& name) const;
+    template <typename Figure>
+    double medianOf(const std::string& key, Figure figure) const;
 
-    std::map<std::string, std::vector<double>> ns_;
-    std::map<std::string, std::vector<double>> rate_;
-    std::map<std::string, std::vector<double>> cpuPerCall_;
+    std::map<std::string, std::vector<Sample>> samples_;
     std::map<std::string, std::string> errors_;
 };
 

@@ -38,16 +38,19 @@ std::string cpuModel()
     return "unknown";
 }
 
-// Export beside bare transport: the two figures, the ratio, the library's
-// own cost and what that cost means beside a real transfer of realNs.
-void transportRows(std::vector<Row>& rows, const std::string& item, const std::string& link,
-                   double exportNs, double bareNs, const std::string& bareName, double realNs,
-                   const std::string& realName)
+// Export beside bare transport, timed side by side under key: the two
+// figures, their ratio, the library's own cost and what that cost means
+// beside a real transfer of realNs.
+void transportRows(std::vector<Row>& rows, const Collector& r, const std::string& item,
+                   const std::string& link, const std::string& key, const std::string& bareName,
+                   double realNs, const std::string& realName)
 {
+    const double exportNs = r.medianCounter(key, "export_ns");
+    const double bareNs = r.medianCounter(key, "bare_ns");
+    const double ratio = r.medianRatio(key, "export_ns", "bare_ns");
+    const bool known = exportNs > 0 && bareNs > 0 && ratio > 0;
     rows.push_back({item, link + " NKRGetPosition (export)", nsText(exportNs), "", ""});
     rows.push_back({item, link + " " + bareName, nsText(bareNs), "", ""});
-    const bool known = exportNs > 0 && bareNs > 0;
-    const double ratio = known ? exportNs / bareNs : -1;
     rows.push_back({item, link + " ratio export / bare", known ? printed("%.2f", ratio) : "n/a",
                     printed("≤ %.1f", kMaxTransportRatio), verdict(known, ratio <= kMaxTransportRatio)});
     const double cost = exportNs - bareNs;
@@ -77,7 +80,8 @@ void printSummary(const Collector& r, const Footprint& fp, int repetitions, cons
               << "; load average before " << loadBefore << ", after " << loadAfter << "\n"
               << "figures: medians of " << repetitions
               << " interleaved repetitions on simulated units (manual clock); times per call are the\n"
-              << "calling thread's CPU time, thread throughputs are wall-clock ("
+              << "calling thread's CPU time, export and bare sides timed in alternating blocks (ratios are\n"
+              << "medians of the per-repetition ratios); thread throughputs are wall-clock ("
               << (RealtimeScope::requested() ? "thread runs under real-time scheduling, NKR_BENCH_REALTIME=1"
                                              : "normal scheduling")
               << ")\n"
@@ -85,24 +89,23 @@ void printSummary(const Collector& r, const Footprint& fp, int repetitions, cons
                  "(nkr::setSleepHook)\n\n";
 
     std::vector<Row> rows;
-    transportRows(rows, "1", "USB", r.medianNs("usb/export_get_position"), r.medianNs("usb/bare_round_trip"),
-                  "bare round trip (send + get feature report)", kRealUsbRoundTripNs, "1 ms USB round trip");
+    transportRows(rows, r, "1", "USB", "usb/status_read", "bare round trip (send + get feature report)",
+                  kRealUsbRoundTripNs, "1 ms USB round trip");
     rows.push_back({"1", "USB call frame's required locking alone (diagnostic)",
                     nsText(r.medianNs("usb/frame_synchronisation")), "", "info"});
-    const double bleBare = r.medianNs("ble/bare_round_trip");
-    transportRows(rows, "2", "BLE", r.medianNs("ble/export_get_position"), bleBare,
-                  "bare round trip (helper send, wait, get)", kRealBleExchangeNs, "10 ms BLE exchange");
-    const double bleQuiet = r.medianNs("ble/export_get_position_log_off");
+    transportRows(rows, r, "2", "BLE", "ble/status_read", "bare round trip (helper send, wait, get)",
+                  kRealBleExchangeNs, "10 ms BLE exchange");
+    const double bleQuiet = r.medianCounter("ble/status_read", "export_log_off_ns");
+    const double bleQuietRatio = r.medianRatio("ble/status_read", "export_log_off_ns", "bare_ns");
     rows.push_back({"2", "BLE NKRGetPosition, logger switched off (diagnostic)", nsText(bleQuiet), "", "info"});
     rows.push_back({"2", "BLE ratio export / bare, logger switched off (diagnostic)",
-                    bleQuiet > 0 && bleBare > 0 ? printed("%.2f", bleQuiet / bleBare) : "n/a", "", "info"});
+                    bleQuietRatio > 0 ? printed("%.2f", bleQuietRatio) : "n/a", "", "info"});
 
-    const double setNs = r.medianNs("usb/export_set_backlash");
-    const double writeNs = r.medianNs("usb/bare_control_write");
-    const double logNs = r.medianNs("log/info_line");
+    const double setNs = r.medianCounter("usb/settings_change", "export_ns");
+    const double writeNs = r.medianCounter("usb/settings_change", "bare_ns");
     rows.push_back({"3", "USB NKRSetBacklash (export)", nsText(setNs), "", ""});
     rows.push_back({"3", "USB bare control write (send feature report)", nsText(writeNs), "", ""});
-    rows.push_back({"3", "one info log line (256-char message)", nsText(logNs), "", ""});
+    rows.push_back({"3", "one info log line (256-char message)", nsText(r.medianNs("log/info_line")), "", ""});
     const bool setKnown = setNs > 0 && writeNs > 0;
     rows.push_back({"3", "library's cost per settings change, log lines included",
                     setKnown ? nsText(setNs - writeNs) : "n/a", "< 10 µs",
