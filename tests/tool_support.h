@@ -90,15 +90,18 @@ protected:
     }
 
     // Runs "nkr --simulate <args>" (args are shell words) with a private
-    // HOME; a hung tool is killed after 60 s.
-    ToolRun run(const std::string& args)
+    // HOME; a hung tool is killed after 60 s. interruptAfter: seconds after
+    // which the tool gets a SIGINT, as from Ctrl-C (empty: none).
+    ToolRun run(const std::string& args, const std::string& interruptAfter = "")
     {
         ToolRun result;
 #ifdef NKR_TOOL_PATH
         std::string errFile = home_ + "/stderr.txt";
+        std::string interrupt =
+            interruptAfter.empty() ? "" : "timeout --foreground --preserve-status -s INT " + interruptAfter + " ";
         std::string command = "cd '" + home_ + "' && env -u NKR_SIM_ACTIVE -u NKR_SIMULATE HOME='" + home_ +
-                              "' XDG_STATE_HOME='" + home_ + "/state' timeout -k 5 60 '" NKR_TOOL_PATH
-                              "' --simulate " + args + " 2>'" + errFile + "'";
+                              "' XDG_STATE_HOME='" + home_ + "/state' timeout -k 5 60 " + interrupt +
+                              "'" NKR_TOOL_PATH "' --simulate " + args + " 2>'" + errFile + "'";
         FILE* pipe = popen(command.c_str(), "r");
         if (pipe == nullptr) return result;
         char buf[4096];
@@ -109,6 +112,7 @@ protected:
         result.err.assign(std::istreambuf_iterator<char>(err), std::istreambuf_iterator<char>());
 #else
         (void)args;
+        (void)interruptAfter;
 #endif
         return result;
     }

@@ -100,6 +100,20 @@ TEST_F(ToolTest, ToolMoveWithoutWaitReturnsAtOnce)
     EXPECT_LT(seconds, 5.0);
 }
 
+TEST_F(ToolTest, ToolMoveStopsTheMotorOnCtrlC)
+{
+    // 20000 steps would take 10 s; Ctrl-C comes after about one.
+    ToolRun r = run("--json move 1 +20000", "1.2");
+    EXPECT_EQ(r.status, 130) << r.err;
+    ASSERT_FALSE(r.lines().empty());
+    std::string last = r.lines().back();
+    EXPECT_EQ(jsonString(last, "event"), "stopped") << r.out << r.err;
+    long long position = jsonInt(last, "position").value_or(-1);
+    EXPECT_GT(position, 30000);
+    EXPECT_LT(position, 50000);
+    EXPECT_EQ(r.err.find("stopping the motor failed"), std::string::npos) << r.err;
+}
+
 TEST_F(ToolTest, ToolSetBacklashIsShownByInfo)
 {
     ToolRun set = run("--json set 0 backlash=20 beep=on");
