@@ -13,9 +13,12 @@ TEST(DeviceTemperatureTable, RowsAreConsecutiveStrictlyFallingAndKeepTheDatashee
 {
     EXPECT_EQ(sizeof RTlist, 3252u);
     for (int i = 0; i < RTLIST_ROWS; ++i) {
-        EXPECT_EQ(RTlist[i].temperature, i - 20);
+        // Rows are packed (the doubles sit at 4-byte offsets): compare copies.
+        const int t = RTlist[i].temperature;
+        EXPECT_EQ(t, i - 20);
         if (i > 0) {
-            EXPECT_LT(RTlist[i].resistance, RTlist[i - 1].resistance) << "row " << i;
+            const double r = RTlist[i].resistance, before = RTlist[i - 1].resistance;
+            EXPECT_LT(r, before) << "row " << i;
         }
     }
     const std::map<int, double> datasheet = {
@@ -27,7 +30,10 @@ TEST(DeviceTemperatureTable, RowsAreConsecutiveStrictlyFallingAndKeepTheDatashee
         {180, 0.8686},   {190, 0.7034},   {200, 0.574},    {210, 0.4719},   {220, 0.3907},
         {230, 0.3257},   {240, 0.2732},   {246, 0.2465},   {247, 0.2424},   {248, 0.2384},
         {249, 0.2344},   {250, 0.2305}};
-    for (auto [t, r] : datasheet) EXPECT_EQ(RTlist[t + 20].resistance, r) << t << " degrees";
+    for (auto [t, r] : datasheet) {
+        const double row = RTlist[t + 20].resistance;
+        EXPECT_EQ(row, r) << t << " degrees";
+    }
 }
 
 TEST(DeviceTemperatureTable, ResistanceOfARowGivesExactlyThatRowsTemperature)
@@ -35,7 +41,8 @@ TEST(DeviceTemperatureTable, ResistanceOfARowGivesExactlyThatRowsTemperature)
     for (const RTEntry& row : RTlist) {
         float t = 1000.0f;
         ASSERT_TRUE(RTlistInterpolate(row.resistance, &t));
-        EXPECT_EQ(t, static_cast<float>(row.temperature));
+        const int rowTemperature = row.temperature;
+        EXPECT_EQ(t, static_cast<float>(rowTemperature));
     }
     float untouched = 7.0f;
     EXPECT_FALSE(RTlistInterpolate(975.81, &untouched));

@@ -25,25 +25,16 @@ constexpr int kVerMajor = 4, kVerMinor = 5, kVerBuild = 6, kVerLetter = 7, kVerT
 
 unsigned char* newBuffer(size_t n) { return new (std::nothrow) unsigned char[n](); }
 
-// Reads firmware version and model and derives what the unit can do. A failed
-// read leaves every member as it was.
-void readFirmwareVersion(CNKR& dev)
+// Derives what the unit can do from its firmware-version answer.
+void applyFirmwareVersion(CNKR& dev, const unsigned char* reply)
 {
-    dev.m_bThermistor = true;
-    dev.m_bCanSerial = false;
-    unsigned char cmd[] = {0x03, 0x7E, 0x5A, 0x02, 0x04};
-    unsigned char reply[NKR_BUF_SIZE] = {0};
-    if (dev.sendCMD(cmd, sizeof cmd, true, reply) != NKR_SUCCESS) return;
-
     const int major = reply[kVerMajor];
     const int minor = reply[kVerMinor];
     const int build = reply[kVerBuild];
-    const unsigned char letter = reply[kVerLetter];
 
     // Only 3.0.0 and older report the raw thermistor reading.
     dev.m_bThermistor = major <= 3 && minor == 0 && build == 0;
     dev.fwVersion = major * 100 + minor * 10 + build;
-    NKR_LOG("FWVER : %d,Capabilities.OutputReportByteLength = %d.", dev.fwVersion, dev.m_iOutputReportLen);
 
     if (dev.fwVersion < kFwSerial) {
         dev.m_iStepLimit = kStepLimit16;
@@ -52,12 +43,11 @@ void readFirmwareVersion(CNKR& dev)
         dev.m_iStepLimit = dev.fwVersion < kFwWidePos ? kStepLimit16 : kStepLimit24;
     }
 
-    if (letter == kNewModelLetter) {
+    if (reply[kVerLetter] == kNewModelLetter) {
         // The model text runs to its terminator or to the end of the answer.
         const int textRoom = dev.m_iInputReportLen - kVerText;
-        const size_t textLen =
-            textRoom > 0 ? strnlen(reinterpret_cast<const char*>(reply + kVerText), static_cast<size_t>(textRoom)) : 0;
-        dev.m_strType.assign(reinterpret_cast<const char*>(reply + kVerText), textLen);
+        const char* text = reinterpret_cast<const char*>(reply + kVerText);
+        dev.m_strType.assign(text, textRoom > 0 ? strnlen(text, static_cast<size_t>(textRoom)) : 0);
         dev.m_bCanSerial = true;
         dev.m_bCanFactory = true;
         dev.m_iStepLimit = kStepLimit24;
@@ -71,7 +61,6 @@ void readFirmwareVersion(CNKR& dev)
     // Every unit has the beeper.
     dev.bSupportBuzzer = true;
     if (dev.fwVersion >= kFwUsbUpdate) dev.bSupportUsbUpdate = true;
-    NKRDbgPrint("open", "NKR Firmware Ver: %d.%d.%d-%c\n", major, minor, build, letter);
 }
 }  // namespace
 
@@ -147,7 +136,17 @@ bool CNKR::open(const char* path)
         NKR_LOG("Hid Get NKR Input/Output Capacity Failed! Input/Output default value: 16/16.");
     }
 
-    readFirmwareVersion(*this);
+    // A failed version read leaves these and every capability as they are.
+    m_bThermistor = true;
+    m_bCanSerial = false;
+    unsigned char version[] = {0x03, 0x7E, 0x5A, 0x02, 0x04};
+    unsigned char reply[NKR_BUF_SIZE] = {0};
+    if (sendCMD(version, sizeof version, true, reply) == NKR_SUCCESS) {
+        applyFirmwareVersion(*this, reply);
+        NKR_LOG("FWVER : %d,Capabilities.OutputReportByteLength = %d.", fwVersion, m_iOutputReportLen);
+        NKRDbgPrint("open", "NKR Firmware Ver: %d.%d.%d-%c\n", reply[kVerMajor], reply[kVerMinor],
+                    reply[kVerBuild], reply[kVerLetter]);
+    }
 
     getParams(false);
     if (step == NKR_POWER_ON_POSITION) {

@@ -81,7 +81,11 @@ int CNKR::handleReportErr(int result)
     }
     const int err = errno;
     char text[kErrTextMax + 1];
-    narrowText(m_hDev != nullptr ? hid_error(m_hDev) : nullptr, text, sizeof text);
+    {
+        // Under the lock: a reconnect on another thread may replace the handle.
+        CriSecLock lock(m_mutex);
+        narrowText(m_hDev != nullptr ? hid_error(m_hDev) : nullptr, text, sizeof text);
+    }
     NKR_LOG("HID Err: %s", text);
 
     // An unplugged unit is not a transfer fault worth reconnecting for.
