@@ -17,15 +17,10 @@ int CNKR::getTemp(float* temp, bool ble)
     const int rc = getParams(ble);
     if (rc != NKR_SUCCESS) return rc;
 
-    int raw;
-    bool thermistor;
-    {
-        CriSecLock lock(m_mutex);
-        raw = m_iTempRaw;
-        thermistor = m_bThermistor;
-    }
-
-    if (!thermistor) {
+    // The last-good values are shared by every caller of this device.
+    CriSecLock lock(m_mutex);
+    const int raw = m_iTempRaw;
+    if (!m_bThermistor) {
         // The word carries (degrees + 300) * 100.
         const float t = static_cast<float>(raw) / 100.0f - 300.0f;
         if (t <= kScaledFloor) {
