@@ -1,5 +1,4 @@
-// A whole move through the exported functions, over USB and over Bluetooth.
-#include "ble_test_support.h"
+// A whole move through the exported functions.
 #include "device_support.h"
 
 namespace {
@@ -43,24 +42,6 @@ TEST_F(DeviceEndToEnd, UsbMoveRunsOnTheClockAndEndsAtTheTarget)
     int backlash = -1;
     EXPECT_EQ(NKRGetBacklash(id, &backlash), NKR_SUCCESS);
     EXPECT_EQ(backlash, 3);
-}
-
-TEST_F(DeviceEndToEnd, BleMoveThroughTheExports)
-{
-    nkrsim::UnitSpec spec = nkrtest::bleUnitWithFirmware(336);
-    nkrsim::UnitId unit = nkrsim::addUnit(spec);
-    int id = -1;
-    ASSERT_EQ(NKRBLEConnect(spec.bleName.c_str(), nkrsim::bleAddress(unit).c_str(), &id), NKR_SUCCESS);
-    ASSERT_GE(id, NKR_BLE_FIRST_ID);
-    ASSERT_EQ(NKRBLEPair(id), NKR_SUCCESS);
-
-    ASSERT_EQ(NKRMove(id, 31000), NKR_SUCCESS);
-    EXPECT_EQ(NKRMove(id, 32000), NKR_ERROR_MOVING);
-    ASSERT_GT(waitUntilStill(id), 0);
-    int pos = -1;
-    ASSERT_EQ(NKRGetPosition(id, &pos), NKR_SUCCESS);
-    EXPECT_EQ(pos, 31000);
-    EXPECT_EQ(NKRBLEDisconnect(id), NKR_SUCCESS);
 }
 
 }  // namespace

@@ -136,19 +136,6 @@ TEST_F(DeviceMotion, ResetPositionRedefinesWithoutMovingOrPausing)
     EXPECT_EQ(nkrsim::state(unit).runState, 0);
 }
 
-TEST_F(DeviceMotion, CommandsNeedALink)
-{
-    CNKR bare;
-    EXPECT_EQ(bare.SetStep(10, false), NKR_ERROR_INVALID_ID);
-    EXPECT_EQ(bare.resetStep(10, false), NKR_ERROR_INVALID_ID);
-    EXPECT_EQ(bare.SetSpeed(10), NKR_ERROR_INVALID_ID);
-    EXPECT_EQ(bare.setBeep(true, false), NKR_ERROR_INVALID_ID);
-    EXPECT_EQ(bare.saveFWConf(), NKR_ERROR_INVALID_ID);
-    EXPECT_EQ(bare.stopMove(false), NKR_ERROR_INVALID_ID);
-    EXPECT_FALSE(bare.bBeep);
-    EXPECT_EQ(bare.step, 0);
-}
-
 TEST_F(DeviceSettings, ForceBeepAndReverseShareByte13)
 {
     nkrsim::UnitId unit;

@@ -141,19 +141,6 @@ TEST_F(DeviceStatus, HandControllerIsInferredFromTheSensorWordOnThermistorFirmwa
         EXPECT_EQ(d->isHandControl(&hand, false), NKR_SUCCESS);
         EXPECT_EQ(hand, expected);
     }
-
-    nkrsim::UnitId newer;
-    CNKR* n = dev(openQuiet(unitWithFirmware(336), &newer));
-    nkrsim::update(newer, [](nkrsim::UnitState& s) {
-        s.tempRaw = 200;
-        s.handControl = true;
-    });
-    bool hand = false;
-    EXPECT_EQ(n->isHandControl(&hand, false), NKR_SUCCESS);
-    EXPECT_TRUE(hand);
-    nkrsim::update(newer, [](nkrsim::UnitState& s) { s.handControl = false; });
-    EXPECT_EQ(n->isHandControl(&hand, false), NKR_SUCCESS);
-    EXPECT_FALSE(hand);
 }
 
 }  // namespace
