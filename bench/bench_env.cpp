@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -126,18 +127,62 @@ int connectBleUnit(nkrsim::UnitId unit)
     return id;
 }
 
-bool runStatusReads(const std::vector<int>& ids, int perThread)
+bool runOnThreads(int count, const std::function<bool(int)>& work)
 {
     std::atomic<bool> ok{true};
     std::vector<std::thread> threads;
-    for (int id : ids)
-        threads.emplace_back([id, perThread, &ok] {
-            int step = 0;
-            for (int i = 0; i < perThread; ++i)
-                if (NKRGetPosition(id, &step) != NKR_SUCCESS) ok = false;
+    for (int t = 0; t < count; ++t)
+        threads.emplace_back([t, &work, &ok] {
+            if (!work(t)) ok = false;
         });
     for (std::thread& t : threads) t.join();
     return ok;
+}
+
+bool runStatusReads(const std::vector<int>& ids, int perThread)
+{
+    return runOnThreads(static_cast<int>(ids.size()), [&](int t) {
+        int step = 0;
+        for (int i = 0; i < perThread; ++i)
+            if (NKRGetPosition(ids[static_cast<size_t>(t)], &step) != NKR_SUCCESS) return false;
+        return true;
+    });
+}
+
+namespace {
+double processCpuNs()
+{
+    timespec ts{};
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &ts);
+    return static_cast<double>(ts.tv_sec) * 1e9 + static_cast<double>(ts.tv_nsec);
+}
+}  // namespace
+
+void threadScaling(benchmark::State& state, int callsPerThread, const std::function<bool(int)>& batch,
+                   const std::function<void()>& between)
+{
+    double wallNs[3] = {}, cpuNs[3] = {}, calls[3] = {};
+    auto timed = [&](int threads) {
+        const auto start = std::chrono::steady_clock::now();
+        const double cpuStart = processCpuNs();
+        const bool ok = batch(threads);
+        cpuNs[threads] += processCpuNs() - cpuStart;
+        wallNs[threads] += std::chrono::duration<double, std::nano>(std::chrono::steady_clock::now() - start).count();
+        calls[threads] += static_cast<double>(threads) * callsPerThread;
+        between();
+        return ok;
+    };
+    RealtimeScope realtime;
+    bool oneFirst = true;
+    for (auto _ : state) {
+        const bool ok = oneFirst ? timed(1) && timed(2) : timed(2) && timed(1);
+        if (!ok) return state.SkipWithError("a call failed");
+        oneFirst = !oneFirst;
+    }
+    state.counters["one_rate"] = calls[1] * 1e9 / wallNs[1];
+    state.counters["two_rate"] = calls[2] * 1e9 / wallNs[2];
+    state.counters["one_cpu_ns"] = cpuNs[1] / calls[1];
+    state.counters["two_cpu_ns"] = cpuNs[2] / calls[2];
 }
 
 bool RealtimeScope::requested()

@@ -5,6 +5,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -35,6 +36,20 @@ void closeAll();
 // Starts one host thread per id, lets each read its unit's position
 // perThread times through the export, and joins them; false when a read failed.
 bool runStatusReads(const std::vector<int>& ids, int perThread);
+
+// Starts count host threads, runs work(thread index) on each and joins them;
+// false when any work returned false.
+bool runOnThreads(int count, const std::function<bool(int)>& work);
+
+// Host-thread scaling, measured side by side: every iteration runs a batch
+// with one host thread and a batch with two (taking turns which goes first),
+// each timed by the wall clock and the process's CPU clock. batch(threads)
+// runs one batch and returns false on a failure; callsPerThread is what one
+// thread does in it; between(), run after every batch outside the timing,
+// may tidy up. Reports the counters one_rate and two_rate (calls per second)
+// and one_cpu_ns and two_cpu_ns (process CPU time per call).
+void threadScaling(benchmark::State& state, int callsPerThread, const std::function<bool(int)>& batch,
+                   const std::function<void()>& between);
 
 // With NKR_BENCH_REALTIME=1, the calling thread (and the threads it starts)
 // runs under real-time round-robin scheduling while this lives, so that host

@@ -1,7 +1,8 @@
 #include "children.h"
 
 #include <cstdio>
-#include <cstring>
+#include <cstdlib>
+#include <sstream>
 
 namespace nkrbench {
 namespace {
@@ -47,19 +48,24 @@ bool runStandinSuite(const std::vector<std::string>& args, Collector& results)
     }
     std::FILE* pipe = popen(command.c_str(), "r");
     if (pipe == nullptr) return false;
-    char line[1024];
+    char line[2048];
     while (std::fgets(line, sizeof line, pipe) != nullptr) {
-        char key[512];
+        std::istringstream in(line);
+        std::string kind;
         Sample s;
-        if (std::sscanf(line, "sample %511s %lf %lf %lf", key, &s.ns, &s.rate, &s.cpuPerCallNs) == 4) {
-            s.key = key;
+        in >> kind >> s.key;
+        if (kind == "sample") {
+            in >> s.ns;
+            // name=value counters follow
+            for (std::string pair; in >> pair;) {
+                const size_t eq = pair.find('=');
+                if (eq != std::string::npos) s.counters[pair.substr(0, eq)] = std::strtod(pair.c_str() + eq + 1, nullptr);
+            }
             results.add(s);
             std::fputc('.', stderr);
-        } else if (std::sscanf(line, "error %511s", key) == 1) {
-            s.key = key;
-            const char* message = std::strstr(line, key) + std::strlen(key);
-            s.error = message[0] != '\0' ? message + 1 : "failed";
-            if (!s.error.empty() && s.error.back() == '\n') s.error.pop_back();
+        } else if (kind == "error") {
+            std::getline(in >> std::ws, s.error);
+            if (s.error.empty()) s.error = "failed";
             results.add(s);
         }
     }

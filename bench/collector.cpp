@@ -45,12 +45,7 @@ bool sampleOf(const benchmark::BenchmarkReporter::Run& run, Sample& out)
     }
     const bool wall = run.run_name.time_type == "real_time";
     out.ns = toNs(wall ? run.GetAdjustedRealTime() : run.GetAdjustedCPUTime(), run.time_unit);
-    auto items = run.counters.find("items_per_second");
-    if (items != run.counters.end()) out.rate = items->second.value;
     for (const auto& [name, counter] : run.counters) out.counters[name] = counter.value;
-    auto calls = run.counters.find("calls");
-    if (calls != run.counters.end() && calls->second.value > 0)
-        out.cpuPerCallNs = toNs(run.GetAdjustedCPUTime(), run.time_unit) / calls->second.value;
     return true;
 }
 
@@ -88,16 +83,6 @@ double Collector::medianOf(const std::string& key, Figure figure) const
 double Collector::medianNs(const std::string& key) const
 {
     return medianOf(key, [](const Sample& s) { return s.ns; });
-}
-
-double Collector::medianRate(const std::string& key) const
-{
-    return medianOf(key, [](const Sample& s) { return s.rate; });
-}
-
-double Collector::medianCpuPerCall(const std::string& key) const
-{
-    return medianOf(key, [](const Sample& s) { return s.cpuPerCallNs; });
 }
 
 double Collector::medianCounter(const std::string& key, const std::string& counter) const

@@ -14,8 +14,6 @@ namespace nkrbench {
 struct Sample {
     std::string key;           // benchmark name and arguments, e.g. "scale/scan_open_read_close/16"
     double ns = -1;            // time per iteration
-    double rate = -1;          // items per second, when the benchmark counts items
-    double cpuPerCallNs = -1;  // process CPU time per call, when it counts calls
     std::map<std::string, double> counters;  // the benchmark's own counters
     std::string error;         // set when the run failed
 };
@@ -36,8 +34,6 @@ public:
     // Medians over the repetitions of one benchmark; negative when it is
     // missing or failed. Times in nanoseconds.
     double medianNs(const std::string& key) const;
-    double medianRate(const std::string& key) const;
-    double medianCpuPerCall(const std::string& key) const;
     double medianCounter(const std::string& key, const std::string& counter) const;
     // Median of the per-repetition ratio of two counters (measured side by side).
     double medianRatio(const std::string& key, const std::string& numerator,

@@ -35,10 +35,9 @@ std::vector<uint8_t> statusReply(nkrsim::UnitId unit)
 
 void standinThreads(benchmark::State& state)
 {
-    const auto threadCount = static_cast<int>(state.range(0));
     nkrbench::resetWorld();
     std::vector<nkrsim::UnitId> units;
-    const std::vector<int> ids = nkrbench::openUsbUnits(threadCount, &units);
+    const std::vector<int> ids = nkrbench::openUsbUnits(2, &units);
     if (ids.empty()) return state.SkipWithError("no USB unit");
     for (size_t i = 0; i < ids.size(); ++i) {
         const std::vector<uint8_t> reply = statusReply(units[i]);
@@ -46,14 +45,12 @@ void standinThreads(benchmark::State& state)
         if (reply.empty() || dev == nullptr || !nkrbench::standin::serve(dev->m_hDev, reply))
             return state.SkipWithError("stand-in transport not set up");
     }
-    nkrbench::RealtimeScope realtime;
-    for (auto _ : state)
-        if (!nkrbench::runStatusReads(ids, kBatch)) {
-            state.SkipWithError("a status read failed");
-            break;
-        }
-    state.SetItemsProcessed(state.iterations() * threadCount * kBatch);
-    state.counters["calls"] = threadCount * kBatch;  // per iteration
+    nkrbench::threadScaling(
+        state, kBatch,
+        [&](int threads) {
+            return nkrbench::runStatusReads(std::vector<int>(ids.begin(), ids.begin() + threads), kBatch);
+        },
+        [] {});
     nkrbench::standin::stopAll();
     nkrbench::closeAll();
 }
@@ -67,8 +64,13 @@ public:
         nkrbench::Sample s;
         for (const Run& run : runs) {
             if (!nkrbench::sampleOf(run, s)) continue;
-            if (!s.error.empty()) std::printf("error %s %s\n", s.key.c_str(), s.error.c_str());
-            else std::printf("sample %s %.3f %.3f %.3f\n", s.key.c_str(), s.ns, s.rate, s.cpuPerCallNs);
+            if (!s.error.empty()) {
+                std::printf("error %s %s\n", s.key.c_str(), s.error.c_str());
+                continue;
+            }
+            std::printf("sample %s %.3f", s.key.c_str(), s.ns);
+            for (const auto& [name, value] : s.counters) std::printf(" %s=%.6g", name.c_str(), value);
+            std::printf("\n");
         }
         std::fflush(stdout);
     }
@@ -78,9 +80,7 @@ public:
 
 BENCHMARK(standinThreads)
     ->Name("threads/usb_get_position_standin")
-    ->Arg(1)
-    ->Arg(2)
-    ->UseRealTime()->MeasureProcessCPUTime()
+    ->UseRealTime()
     ->Unit(benchmark::kMillisecond);
 
 int main(int argc, char** argv)
