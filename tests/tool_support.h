@@ -94,14 +94,21 @@ protected:
     // which the tool gets a SIGINT, as from Ctrl-C (empty: none).
     ToolRun run(const std::string& args, const std::string& interruptAfter = "")
     {
+        return runTool("", "--simulate " + args, interruptAfter);
+    }
+
+    // Runs "nkr <args>" with extra environment assignments (shell words).
+    ToolRun runTool(const std::string& environment, const std::string& args,
+                    const std::string& interruptAfter = "")
+    {
         ToolRun result;
 #ifdef NKR_TOOL_PATH
         std::string errFile = home_ + "/stderr.txt";
         std::string interrupt =
             interruptAfter.empty() ? "" : "timeout --foreground --preserve-status -s INT " + interruptAfter + " ";
         std::string command = "cd '" + home_ + "' && env -u NKR_SIM_ACTIVE -u NKR_SIMULATE HOME='" + home_ +
-                              "' XDG_STATE_HOME='" + home_ + "/state' timeout -k 5 60 " + interrupt +
-                              "'" NKR_TOOL_PATH "' --simulate " + args + " 2>'" + errFile + "'";
+                              "' XDG_STATE_HOME='" + home_ + "/state' " + environment + " timeout -k 5 60 " +
+                              interrupt + "'" NKR_TOOL_PATH "' " + args + " 2>'" + errFile + "'";
         FILE* pipe = popen(command.c_str(), "r");
         if (pipe == nullptr) return result;
         char buf[4096];
@@ -111,6 +118,7 @@ protected:
         std::ifstream err(errFile);
         result.err.assign(std::istreambuf_iterator<char>(err), std::istreambuf_iterator<char>());
 #else
+        (void)environment;
         (void)args;
         (void)interruptAfter;
 #endif

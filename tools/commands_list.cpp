@@ -105,7 +105,7 @@ Command addListCommand(CLI::App& app, const GlobalOptions& globals)
     CLI::App* sub = app.add_subcommand(
         "list",
         "List the focusers this computer can reach: for each USB unit its ID, name (with "
-        "alias), firmware, type, maximum step and serial number; with --ble also the "
+        "alias), firmware, type, maximum step (its step range) and serial number; with --ble also the "
         "Bluetooth units in range (name and address).");
     sub->add_option("--ble", options->bleSeconds,
                     "Also scan for Bluetooth units for this many seconds")

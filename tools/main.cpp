@@ -79,6 +79,10 @@ int main(int argc, char** argv)
     };
     // After the sub-commands, which would otherwise inherit these examples.
     app.footer(kFooter);
+    for (const Command& c : commands)
+        c.app->footer(c.app->get_footer() +
+                      "\n\nGlobal options (--json, --simulate, --ble NAME-OR-ADDRESS, ...) may come "
+                      "before or after the command; see nkr --help.");
 
     try {
         app.parse(argc, argv);
