@@ -8,6 +8,7 @@
 
 #include "NKR_focuser.h"
 #include "bench_env.h"
+#include "timing.h"
 #include "log/Log.h"
 
 namespace {

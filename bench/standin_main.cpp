@@ -10,6 +10,7 @@
 
 #include "api/Registry.h"
 #include "bench_env.h"
+#include "timing.h"
 #include "device/NKR.h"
 #include "standin_transport.h"
 #include "collector.h"

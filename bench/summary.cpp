@@ -9,7 +9,7 @@
 #include <iostream>
 #include <vector>
 
-#include "bench_env.h"
+#include "timing.h"
 #include "text_table.h"
 
 namespace nkrbench {
