@@ -8,9 +8,9 @@
 
 #include "NKR_focuser.h"
 #include "bench_env.h"
-#include "timing.h"
 #include "ble/BlueShimApi.h"
 #include "ble/BluetoothLEProtocol.h"
+#include "timing.h"
 
 // The helper library's entry points, as the simulator exports them.
 extern "C" {

@@ -1,10 +1,10 @@
-// nkr_bench: runs every benchmark with repetitions interleaved at random (so
-// that load from elsewhere on the machine falls on export and bare runs
-// alike), the stand-in transport suite and the load program, and prints one
-// table. Extra arguments go to Google Benchmark and override the defaults
-// (for example --benchmark_filter=usb or --benchmark_repetitions=3).
+// nkr_bench: runs every benchmark (repetitions interleaved at random), the
+// stand-in transport suite and the load program, and prints one table. Extra
+// arguments go to Google Benchmark and override the defaults (for example
+// --benchmark_filter=usb or --benchmark_repetitions=3).
 #include <benchmark/benchmark.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>

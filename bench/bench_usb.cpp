@@ -8,8 +8,8 @@
 
 #include "NKR_focuser.h"
 #include "bench_env.h"
-#include "timing.h"
 #include "log/Log.h"
+#include "timing.h"
 
 namespace {
 

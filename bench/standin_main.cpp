@@ -10,14 +10,14 @@
 
 #include "api/Registry.h"
 #include "bench_env.h"
-#include "timing.h"
+#include "collector.h"
 #include "device/NKR.h"
 #include "standin_transport.h"
-#include "collector.h"
+#include "timing.h"
 
 namespace {
 
-// Calls per thread and iteration: starting the threads is noise beside them.
+// Calls per thread and batch: starting the threads is noise beside them.
 constexpr int kBatch = 50000;
 
 // The unit's status report as the simulator answers it.
