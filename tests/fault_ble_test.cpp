@@ -1,0 +1,243 @@
+// Bluetooth faults end to end, through the exports only: silence, stale and
+// damaged answers, a link dropped between requests and in the middle of one,
+// a unit out of range, and a helper library that is missing or not a library.
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "ble_test_support.h"
+#include "fault_support.h"
+
+namespace {
+using nkrtest::bleUnitWithFirmware;
+
+std::atomic<int> g_unitToDrop{-1};
+std::atomic<int> g_disconnectReports{0};
+
+// Pair-state callback: drops the link the moment the unit says "new
+// connection", which is in the middle of the exchange that heard it.
+void dropOnNewConnection(_NKR_ERROR_CODE code)
+{
+    if (code == NKR_ERROR_BLE_NEW_CONNECTION && g_unitToDrop.load() >= 0)
+        nkrsim::bleDropConnection(g_unitToDrop.load());
+}
+
+void countDisconnects(bool connected)
+{
+    if (!connected) g_disconnectReports.fetch_add(1);
+}
+
+class FaultBle : public nkrtest::SimTest {
+protected:
+    void TearDown() override
+    {
+        for (int id = NKR_MAX_SLOTS - 1; id >= NKR_BLE_FIRST_ID; --id) NKRBLEDisconnect(id);
+        nkrtest::SimTest::TearDown();
+    }
+
+    // Connects and pairs the unit through the exports; returns its id.
+    int connectAndPair(const nkrsim::UnitSpec& spec, nkrsim::UnitId unit)
+    {
+        int id = -1;
+        const std::string address = nkrsim::bleAddress(unit);
+        EXPECT_EQ(NKRBLEConnect(spec.bleName.c_str(), address.c_str(), &id), NKR_SUCCESS);
+        EXPECT_EQ(NKRBLERegConnStateCallback(id, &countDisconnects), NKR_SUCCESS);
+        EXPECT_EQ(NKRBLEPair(id), NKR_SUCCESS);
+        return id;
+    }
+
+    static int position(int id)
+    {
+        int pos = -1;
+        return NKRGetPosition(id, &pos) == NKR_SUCCESS ? pos : -1;
+    }
+};
+
+TEST_F(FaultBle, SilenceStaleAndDamagedAnswers)
+{
+    nkrsim::UnitSpec spec = bleUnitWithFirmware(382);
+    spec.position = 4321;
+    nkrsim::UnitId unit = nkrsim::addUnit(spec);
+    const int id = connectAndPair(spec, unit);
+    int pos = -1;
+
+    nkrsim::bleSilence(unit, 1);
+    EXPECT_EQ(NKRGetPosition(id, &pos), NKR_ERROR_BLE_NO_ANSWER);
+    EXPECT_EQ(pos, -1);
+    EXPECT_EQ(position(id), 4321) << "one silent wait costs one call";
+
+    nkrsim::bleSilence(unit, 3);
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(NKRGetPosition(id, &pos), NKR_ERROR_BLE_NO_ANSWER);
+    EXPECT_EQ(position(id), 4321);
+
+    // An answer to an earlier request is skipped, the right one is taken.
+    nkrsim::update(unit, [](nkrsim::UnitState& s) { s.position = 1234; });
+    nkrsim::bleStaleFirst(unit);
+    EXPECT_EQ(NKRGetPosition(id, &pos), NKR_SUCCESS);
+    EXPECT_EQ(pos, 1234);
+
+    nkrsim::bleCorruptChecksum(unit, 1);
+    EXPECT_EQ(NKRGetPosition(id, &pos), NKR_ERROR_BLE_CHECKSUM);
+    nkrsim::bleRefuseSend(unit, 1);
+    EXPECT_EQ(NKRGetPosition(id, &pos), NKR_ERROR_BLE_SEND);
+    // A frame too short to carry a sequence number is refused, not read past.
+    nkrsim::bleRawAnswer(unit, {0x01, 0x00});
+    EXPECT_EQ(NKRGetPosition(id, &pos), NKR_ERROR_GENERAL);
+    EXPECT_EQ(position(id), 1234);
+
+    // A move whose frame is refused leaves the host's run flag set (no state
+    // is rolled back), so changes wait for a status read or a stop.
+    nkrsim::bleRefuseSend(unit, 1);
+    EXPECT_EQ(NKRMove(id, 3000), NKR_ERROR_BLE_SEND);
+    EXPECT_EQ(NKRSetBacklash(id, 5), NKR_ERROR_MOVING);
+    EXPECT_EQ(position(id), 1234);
+    EXPECT_EQ(NKRMove(id, 3000), NKR_SUCCESS);
+}
+
+TEST_F(FaultBle, LinkDroppedBetweenAndDuringRequests)
+{
+    nkrsim::UnitSpec spec = bleUnitWithFirmware(382);
+    spec.position = 777;
+    nkrsim::UnitId unit = nkrsim::addUnit(spec);
+    int id = connectAndPair(spec, unit);
+    ASSERT_EQ(position(id), 777);
+    g_disconnectReports = 0;
+
+    // Between requests: the helper reports it from its own thread, the
+    // object stays in its slot and every request is refused.
+    nkrsim::bleDropConnection(unit);
+    nkrsim::bleFlushCallbacks();
+    EXPECT_EQ(g_disconnectReports.load(), 1);
+    int pos = -1;
+    EXPECT_EQ(NKRGetPosition(id, &pos), NKR_ERROR_BLE_SEND);
+    EXPECT_EQ(NKRMove(id, 100), NKR_ERROR_BLE_SEND);
+    _NKR_ALL_INFO info{};
+    EXPECT_EQ(NKRBLEgetAllInfo(id, &info), NKR_ERROR_INVALID_VALUE) << "no answer to fill the record";
+    EXPECT_EQ(NKRBLEPair(id), NKR_ERROR_BLE_PAIR);
+
+    // The host's way back: disconnect, connect (the same id), pair.
+    EXPECT_EQ(NKRBLEDisconnect(id), NKR_SUCCESS);
+    EXPECT_EQ(NKRGetPosition(id, &pos), NKR_ERROR_BLE_NOT_OPEN);
+    const int again = connectAndPair(spec, unit);
+    EXPECT_EQ(again, id);
+    EXPECT_EQ(position(id), 777);
+
+    // During a request: the link goes while the exchange waits for its
+    // answer. The exchange waits out its grace and reports no answer.
+    g_unitToDrop = unit;
+    ASSERT_EQ(NKRBLERegPairStateCallback(id, &dropOnNewConnection), NKR_SUCCESS);
+    nkrsim::bleNewConnection(unit, 0);
+    EXPECT_EQ(NKRGetPosition(id, &pos), NKR_ERROR_BLE_NO_ANSWER);
+    g_unitToDrop = -1;
+    nkrsim::bleFlushCallbacks();
+    EXPECT_EQ(g_disconnectReports.load(), 2);
+    EXPECT_EQ(NKRGetPosition(id, &pos), NKR_ERROR_BLE_SEND);
+    EXPECT_EQ(nkrsim::bleConnections(unit), 0);
+
+    EXPECT_EQ(NKRBLEDisconnect(id), NKR_SUCCESS);
+    EXPECT_EQ(connectAndPair(spec, unit), id);
+    EXPECT_EQ(position(id), 777);
+    EXPECT_EQ(NKRMove(id, 900), NKR_SUCCESS);
+    nkrsim::advanceMicros(1000000);
+    EXPECT_EQ(position(id), 900);
+    // Bluetooth sessions never write the settings file.
+    EXPECT_FALSE(storetest::exists(faulttest::settingsPath()));
+}
+
+TEST_F(FaultBle, UnitOutOfRangeCannotBeConnectedUntilItIsBack)
+{
+    nkrsim::UnitSpec spec = bleUnitWithFirmware(382);
+    nkrsim::UnitId unit = nkrsim::addUnit(spec);
+    int id = connectAndPair(spec, unit);
+    nkrsim::unplug(unit);  // switched off: the link drops too
+    nkrsim::bleFlushCallbacks();
+    int pos = -1;
+    EXPECT_EQ(NKRGetPosition(id, &pos), NKR_ERROR_BLE_SEND);
+    EXPECT_EQ(NKRBLEDisconnect(id), NKR_SUCCESS);
+
+    int failed = -1;
+    const std::string address = nkrsim::bleAddress(unit);
+    EXPECT_EQ(NKRBLEConnect(spec.bleName.c_str(), address.c_str(), &failed), NKR_ERROR_BLE_CONNECT);
+    EXPECT_EQ(NKRGetPosition(failed, &pos), NKR_ERROR_BLE_NOT_OPEN) << "a failed connect leaves no object";
+    nkrsim::replug(unit);
+    EXPECT_EQ(connectAndPair(spec, unit), failed) << "and gives its id back";
+    EXPECT_EQ(NKRGetPosition(failed, &pos), NKR_SUCCESS);
+}
+
+class FaultHelper : public FaultBle {};
+
+TEST_F(FaultHelper, MissingOrBrokenHelperLibraryFailsCleanly)
+{
+    const std::string dir = std::string(std::getenv("HOME")) + "/helpers";
+    ASSERT_EQ(mkdir(dir.c_str(), 0755), 0);
+    std::ofstream(dir + "/text.so") << "this is not a shared library\n";
+    std::ofstream(dir + "/empty.so");
+    mkdir((dir + "/dir.so").c_str(), 0755);
+
+    nkrsim::UnitSpec spec = bleUnitWithFirmware(382);
+    nkrsim::UnitId unit = nkrsim::addUnit(spec);
+    const std::string address = nkrsim::bleAddress(unit);
+    for (const std::string& helper : {dir + "/missing.so", dir + "/text.so", dir + "/empty.so", dir + "/dir.so",
+                                      std::string("libm.so.6")}) {
+        SCOPED_TRACE(helper);
+        setenv("NKR_BLE_HELPER", helper.c_str(), 1);
+        _BLE_DEVICE_INFO found[4]{};
+        int count = -1;
+        EXPECT_EQ(NKRBLEScan(100, found, 4, &count), NKR_ERROR_BLE_UNSUPPORTED);
+        int id = -1;
+        EXPECT_EQ(NKRBLEConnect(spec.bleName.c_str(), address.c_str(), &id), NKR_ERROR_BLE_CONNECT);
+        EXPECT_EQ(id, NKR_BLE_FIRST_ID);
+        int pos = -1;
+        EXPECT_EQ(NKRGetPosition(id, &pos), NKR_ERROR_BLE_NOT_OPEN);
+        EXPECT_EQ(NKRBLEPair(id), NKR_ERROR_BLE_NOT_OPEN);
+        EXPECT_EQ(NKRBLEDisconnect(id), NKR_ERROR_INVALID_ID);
+    }
+
+    // With the helper back, the same process scans and connects, from id 50.
+    unsetenv("NKR_BLE_HELPER");
+    _BLE_DEVICE_INFO found[4]{};
+    int count = -1;
+    EXPECT_EQ(NKRBLEScan(100, found, 4, &count), NKR_SUCCESS);
+    EXPECT_EQ(count, 1);
+    EXPECT_EQ(connectAndPair(spec, unit), NKR_BLE_FIRST_ID);
+    int pos = -1;
+    EXPECT_EQ(NKRGetPosition(NKR_BLE_FIRST_ID, &pos), NKR_SUCCESS);
+}
+
+// A helper cut short (a copy that broke off): the dynamic loader maps
+// segments past the end of the file and the first touch raises SIGBUS, which
+// kills the host. Run in a child so the crash cannot take the suite down.
+// Disabled until the manager checks the file before dlopen (RELIABILITY.md).
+TEST_F(FaultHelper, DISABLED_TruncatedHelperLibraryFailsCleanly)
+{
+    const std::string truncated = std::string(std::getenv("HOME")) + "/truncated.so";
+    {
+        // The first kilobyte of the real helper: an ELF header with nothing behind it.
+        std::ifstream real("./lib/libBlueShim.so", std::ios::binary);
+        std::vector<char> head(1024);
+        real.read(head.data(), static_cast<std::streamsize>(head.size()));
+        ASSERT_EQ(real.gcount(), 1024);
+        std::ofstream(truncated, std::ios::binary).write(head.data(), real.gcount());
+    }
+    std::fflush(stdout);
+    const pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+        setenv("NKR_BLE_HELPER", truncated.c_str(), 1);
+        _BLE_DEVICE_INFO found[4]{};
+        int count = -1;
+        const int rc = NKRBLEScan(100, found, 4, &count);
+        _exit(rc == NKR_ERROR_BLE_UNSUPPORTED ? 0 : 1);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    EXPECT_FALSE(WIFSIGNALED(status)) << "killed by signal " << WTERMSIG(status);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+}
+
+}  // namespace

@@ -1,0 +1,272 @@
+// Faults of the machine around the library: a hostile or unusable log
+// directory in /tmp, and a home directory that is unset, unwritable or holds a
+// damaged settings file. The units keep working in every case; the library
+// writes nowhere it should not and never loses the record it already has.
+//
+// The log directory is fixed (/tmp/htx/log/nkr_sdk/) and set up once per
+// process, so its faults run in child processes with a private /tmp; the
+// machine's own /tmp is never touched.
+#include <dirent.h>
+#include <pwd.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <set>
+#include <string>
+
+#include "device/NKR.h"
+#include "fault_support.h"
+#include "log/Log.h"
+
+namespace {
+using faulttest::Saved;
+using faulttest::savedRecord;
+using nkrtest::unitWithFirmware;
+
+std::set<std::string> listDir(const std::string& dir)
+{
+    std::set<std::string> names;
+    if (DIR* d = opendir(dir.c_str())) {
+        while (struct dirent* e = readdir(d))
+            if (e->d_name[0] != '.') names.insert(e->d_name);
+        closedir(d);
+    }
+    return names;
+}
+
+// One ordinary USB session (scan, open, move, read, close) on a unit that
+// has just powered up; returns 0 or the code of the first failed step.
+int usbSession(int target)
+{
+    nkrsim::addUnit(unitWithFirmware(382));
+    FAULT_CHECK(NKRGetNum() == 1, 10);
+    int id = -1;
+    FAULT_CHECK(NKRGetID(0, &id) == NKR_SUCCESS, 11);
+    FAULT_CHECK(NKROpen(id) == NKR_SUCCESS, 12);
+    FAULT_CHECK(NKRMove(id, target) == NKR_SUCCESS, 13);
+    nkrsim::advanceMicros(20000000);
+    int pos = -1;
+    FAULT_CHECK(NKRGetPosition(id, &pos) == NKR_SUCCESS, 14);
+    FAULT_CHECK(pos == target, 15);
+    FAULT_CHECK(NKRClose(id) == NKR_SUCCESS, 16);
+    return 0;
+}
+
+class FaultLog : public nkrtest::SimTest {
+protected:
+    // Runs a USB session in a private /tmp prepared by plant; the log must
+    // come to exist only when expected, and the victim directory (a target
+    // for planted links) must stay empty.
+    void runScenario(const char* name, const std::function<int()>& plant, bool expectLog)
+    {
+        SCOPED_TRACE(name);
+        // The log is set up once per process: the children must start without one.
+        if (!nkrlog::currentLogFile().empty()) GTEST_SKIP() << "needs a process of its own (ctest runs it so)";
+        const int rc = faulttest::runWithPrivateTmp([&]() -> int {
+            FAULT_CHECK(mkdir("/tmp/home", 0700) == 0, 2);
+            setenv("HOME", "/tmp/home", 1);
+            FAULT_CHECK(mkdir("/tmp/victim", 0755) == 0, 3);
+            FAULT_CHECK(plant() == 0, 4);
+            if (int failed = usbSession(1200)) return failed;
+            auto saved = savedRecord();
+            FAULT_CHECK(saved && saved->position == 1200, 20);
+
+            const std::string file = nkrlog::currentLogFile();
+            if (expectLog) {
+                FAULT_CHECK(file.rfind("/tmp/htx/log/nkr_sdk/log_", 0) == 0, 21);
+                std::ifstream in(file);
+                std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+                FAULT_CHECK(text.find("SetStep move to step: 1200") != std::string::npos, 22);
+            } else {
+                FAULT_CHECK(file.empty(), 23);
+            }
+            FAULT_CHECK(listDir("/tmp/victim").empty(), 24);
+            return 0;
+        });
+        if (rc == faulttest::kNoPrivateTmp) GTEST_SKIP() << "no private /tmp possible here";
+        EXPECT_EQ(rc, 0) << "child failed; its check number is the exit code";
+    }
+};
+
+TEST_F(FaultLog, CleanTmpGetsTheLog)
+{
+    runScenario("clean", [] { return 0; }, true);
+}
+
+TEST_F(FaultLog, PlantedLinksAreNotFollowed)
+{
+    runScenario("link in place of /tmp/htx",
+                [] { return symlink("/tmp/victim", "/tmp/htx"); }, false);
+    runScenario("link in place of nkr_sdk", [] {
+        return mkdir("/tmp/htx", 0755) | mkdir("/tmp/htx/log", 0755) |
+               symlink("/tmp/victim", "/tmp/htx/log/nkr_sdk");
+    }, false);
+    runScenario("dangling link in place of log", [] {
+        return mkdir("/tmp/htx", 0755) | symlink("/tmp/victim/missing", "/tmp/htx/log");
+    }, false);
+}
+
+TEST_F(FaultLog, FileWhereADirectoryShouldBe)
+{
+    runScenario("file in place of /tmp/htx/log", [] {
+        if (mkdir("/tmp/htx", 0755) != 0) return 1;
+        std::ofstream("/tmp/htx/log") << "x";
+        return 0;
+    }, false);
+}
+
+TEST_F(FaultLog, DirectoryOfAnotherUserIsNotWrittenInto)
+{
+    if (geteuid() != 0) GTEST_SKIP() << "only root can give a directory to another user";
+    // World-writable, so only the owner check keeps the library out.
+    runScenario("foreign htx", [] {
+        return mkdir("/tmp/htx", 0777) | chmod("/tmp/htx", 0777) | chown("/tmp/htx", 65534, 65534);
+    }, false);
+    runScenario("foreign nkr_sdk", [] {
+        return mkdir("/tmp/htx", 0755) | mkdir("/tmp/htx/log", 0755) |
+               mkdir("/tmp/htx/log/nkr_sdk", 0777) | chmod("/tmp/htx/log/nkr_sdk", 0777) |
+               chown("/tmp/htx/log/nkr_sdk", 65534, 65534);
+    }, false);
+}
+
+TEST_F(FaultLog, DirectoryThatCannotBeCreated)
+{
+    // /tmp/htx is ours but read-only: "log" cannot be made below it.
+    runScenario("read-only /tmp/htx", [] {
+        if (mkdir("/tmp/htx", 0755) != 0) return 1;
+        if (mount("/tmp/htx", "/tmp/htx", nullptr, MS_BIND, nullptr) != 0) return 2;
+        return mount(nullptr, "/tmp/htx", nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr);
+    }, false);
+}
+
+// ---- home directory ---------------------------------------------------------
+
+const Saved kEarlier{1000, 20, 1, 50000, 0};
+
+class FaultHome : public nkrtest::SimTest {
+protected:
+    void SetUp() override
+    {
+        nkrtest::SimTest::SetUp();
+        home_ = std::getenv("HOME");
+    }
+    void TearDown() override
+    {
+        nkrtest::SimTest::TearDown();
+        setenv("HOME", home_.c_str(), 1);
+    }
+    std::string home_;
+};
+
+TEST_F(FaultHome, UnwritableHomeKeepsTheStateInMemoryOnly)
+{
+    storetest::writeFile(home_ + "/plain-file", "x");
+    nkrsim::UnitId unit;
+    int id = plugAndScan(unitWithFirmware(382), &unit);
+    ASSERT_GE(id, 0);
+    for (const std::string& bad : {std::string("/nonexistent-nkr-home/deeper"), home_ + "/plain-file"}) {
+        SCOPED_TRACE(bad);
+        setenv("HOME", bad.c_str(), 1);
+        nkrsim::unplug(unit);  // power cycle: the unit forgets its position
+        nkrsim::replug(unit);
+        ASSERT_EQ(NKROpen(id), NKR_SUCCESS);
+        int value = -1;
+        EXPECT_EQ(NKRGetPosition(id, &value), NKR_SUCCESS);
+        EXPECT_EQ(value, NKR_POWER_ON_POSITION) << "nothing to restore from";
+        EXPECT_EQ(NKRSetBacklash(id, 33), NKR_SUCCESS);
+        EXPECT_EQ(NKRMove(id, 2500), NKR_SUCCESS);
+        nkrsim::advanceMicros(20000000);
+        EXPECT_EQ(NKRGetPosition(id, &value), NKR_SUCCESS);
+        EXPECT_EQ(value, 2500);
+        EXPECT_EQ(NKRGetBacklash(id, &value), NKR_SUCCESS);
+        EXPECT_EQ(value, 33);
+        EXPECT_EQ(NKRClose(id), NKR_SUCCESS);
+        // The unit itself kept its state: the next open finds it there.
+        EXPECT_EQ(NKROpen(id), NKR_SUCCESS);
+        EXPECT_EQ(NKRGetPosition(id, &value), NKR_SUCCESS);
+        EXPECT_EQ(value, 2500);
+        EXPECT_EQ(NKRClose(id), NKR_SUCCESS);
+    }
+    EXPECT_FALSE(storetest::exists("/nonexistent-nkr-home"));
+    EXPECT_EQ(storetest::readFile(home_ + "/plain-file"), "x");
+    setenv("HOME", home_.c_str(), 1);
+    EXPECT_FALSE(storetest::exists(faulttest::settingsPath()));
+}
+
+TEST_F(FaultHome, UnsetHomeFallsBackToThePasswordDatabase)
+{
+    const struct passwd* pw = getpwuid(getuid());
+    if (pw == nullptr || pw->pw_dir == nullptr || pw->pw_dir[0] != '/')
+        GTEST_SKIP() << "no home directory in the password database";
+    const std::string pwHome = pw->pw_dir;
+    // The fallback home is hidden behind a private tmpfs: the user's real
+    // settings are never read or written.
+    const int rc = faulttest::runWithPrivateTmp(
+        [&]() -> int {
+            unsetenv("HOME");
+            if (int failed = usbSession(1500)) return failed;
+            auto saved = savedRecord(pwHome + "/.HTX/NKRconfig.xml");
+            FAULT_CHECK(saved && saved->position == 1500, 30);
+            setenv("HOME", "", 1);  // empty counts as unset
+            nkrsim::reset();
+            nkr::setSleepHook(&nkrtest::advanceSimClock);
+            if (int failed = usbSession(1700)) return failed;
+            saved = savedRecord(pwHome + "/.HTX/NKRconfig.xml");
+            FAULT_CHECK(saved && saved->position == 1700, 31);
+            return 0;
+        },
+        pwHome);
+    if (rc == faulttest::kNoPrivateTmp) GTEST_SKIP() << "no private mount namespace possible here";
+    EXPECT_EQ(rc, 0) << "child failed; its check number is the exit code";
+}
+
+TEST_F(FaultHome, DamagedSettingsFileIsReplacedAtTheNextClose)
+{
+    nkrsim::UnitId unit;
+    int id = plugAndScan(unitWithFirmware(382), &unit);
+    ASSERT_GE(id, 0);
+    faulttest::writeSavedRecord(kEarlier);
+    const std::string good = storetest::readFile(faulttest::settingsPath());
+    for (const std::string& damaged : {good.substr(0, good.size() / 2), std::string("\x01\x02garbage"),
+                                      std::string()}) {
+        storetest::writeFile(faulttest::settingsPath(), damaged);
+        nkrsim::unplug(unit);
+        nkrsim::replug(unit);
+        ASSERT_EQ(NKROpen(id), NKR_SUCCESS);
+        int pos = -1;
+        EXPECT_EQ(NKRGetPosition(id, &pos), NKR_SUCCESS);
+        EXPECT_EQ(pos, NKR_POWER_ON_POSITION) << "a damaged record is not used";
+        EXPECT_EQ(storetest::readFile(faulttest::settingsPath()), damaged) << "nor touched at open";
+        EXPECT_EQ(NKRMove(id, 4200), NKR_SUCCESS);
+        nkrsim::advanceMicros(20000000);
+        EXPECT_EQ(NKRClose(id), NKR_SUCCESS);
+        auto saved = savedRecord();
+        ASSERT_TRUE(saved.has_value());
+        EXPECT_EQ(saved->position, 4200);
+    }
+}
+
+TEST_F(FaultHome, SettingsPathTakenByADirectory)
+{
+    const std::string dir = storetest::configDir();
+    ASSERT_EQ(mkdir(dir.c_str(), 0700), 0);
+    ASSERT_EQ(mkdir(faulttest::settingsPath().c_str(), 0700), 0);
+    nkrsim::UnitId unit;
+    int id = openUnit(unitWithFirmware(382), &unit);
+    EXPECT_EQ(NKRMove(id, 800), NKR_SUCCESS);
+    nkrsim::advanceMicros(20000000);
+    EXPECT_EQ(NKRClose(id), NKR_SUCCESS);
+    // The save failed without leaving its temporary file behind.
+    EXPECT_EQ(listDir(dir), std::set<std::string>{"NKRconfig.xml"});
+    struct stat st {};
+    ASSERT_EQ(stat(faulttest::settingsPath().c_str(), &st), 0);
+    EXPECT_TRUE(S_ISDIR(st.st_mode));
+    EXPECT_EQ(NKROpen(id), NKR_SUCCESS);
+    int pos = -1;
+    EXPECT_EQ(NKRGetPosition(id, &pos), NKR_SUCCESS);
+    EXPECT_EQ(pos, 800);
+}
+
+}  // namespace
