@@ -5,6 +5,7 @@
 #include <thread>
 #include <vector>
 
+#include "api/Registry.h"
 #include "ble_test_support.h"
 
 namespace {
@@ -89,6 +90,32 @@ TEST_F(ConcurrencyBle, DestroyingTheDeviceStopsReportsThatHaveNotStarted)
     nkrsim::bleFlushCallbacks();
     EXPECT_EQ(g_reports.load(), 1);
     EXPECT_FALSE(next->m_bBleConnected);
+}
+
+// A host that releases the slot from its own connection callback, on the
+// helper's thread: the device's callable must not touch the object afterwards.
+std::atomic<int> g_selfId{-1};
+std::atomic<int> g_disconnectResult{-1};
+
+void disconnectFromCallback(bool connected)
+{
+    if (!connected) g_disconnectResult = NKRBLEDisconnect(g_selfId);
+}
+
+TEST_F(ConcurrencyBle, HostCallbackMayDisconnectItsOwnSlot)
+{
+    nkrsim::UnitSpec spec = bleUnitWithFirmware(382);
+    nkrsim::UnitId unit = nkrsim::addUnit(spec);
+    int id = -1;
+    ASSERT_EQ(NKRBLEConnect(spec.bleName.c_str(), nkrsim::bleAddress(unit).c_str(), &id),
+              NKR_SUCCESS);
+    g_selfId = id;
+    ASSERT_EQ(NKRBLERegConnStateCallback(id, &disconnectFromCallback), NKR_SUCCESS);
+    nkrsim::bleDropConnection(unit);
+    nkrsim::bleFlushCallbacks();
+    EXPECT_EQ(g_disconnectResult.load(), NKR_SUCCESS);
+    EXPECT_EQ(pNKR[id].load(), nullptr);
+    EXPECT_EQ(nkrsim::bleConnections(unit), 0);
 }
 
 }  // namespace

@@ -47,6 +47,9 @@ TEST_F(BleSession, ScanFillsAtMostTheCapacityAndPassesNoRadioNumbers)
 
     ASSERT_EQ(scanner.BLEScan(1000, records.data(), 0, &count), NKR_SUCCESS);
     EXPECT_EQ(count, 0);
+    count = -1;
+    ASSERT_EQ(scanner.BLEScan(1000, nullptr, 0, &count), NKR_SUCCESS);
+    EXPECT_EQ(count, 0);
 
     // The helper is asked for 16 records at most.
     for (int i = 0; i < 15; ++i) nkrsim::addUnit(bleUnitWithFirmware(382));

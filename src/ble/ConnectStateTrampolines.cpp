@@ -28,8 +28,13 @@ Slot& slotAt(int index)
     static Slot* const slots = new Slot[kSlotCount];
     return slots[index];
 }
-// Reports of each slot the current thread is running (nested reports count).
-thread_local std::array<int, kSlotCount> t_runningHere{};
+// The reports the current thread is running, innermost first.
+struct ActiveReport {
+    int slot;
+    bool unbound;  // the slot was unbound while this report ran
+    ActiveReport* outer;
+};
+thread_local ActiveReport* t_innermost = nullptr;
 
 void dispatch(int index, bool connected)
 {
@@ -41,13 +46,14 @@ void dispatch(int index, bool connected)
         callable = slot.callable;
         ++slot.running;
     }
-    ++t_runningHere[static_cast<size_t>(index)];
+    ActiveReport me{index, false, t_innermost};
+    t_innermost = &me;
     try {
         (*callable)(connected);
     } catch (...) {
         // Nothing may unwind into the helper library's thread.
     }
-    --t_runningHere[static_cast<size_t>(index)];
+    t_innermost = me.outer;
     callable.reset();
     std::lock_guard<std::mutex> hold(slot.lock);
     --slot.running;
@@ -107,9 +113,19 @@ void unbind(int slot)
     {
         std::unique_lock<std::mutex> hold(s.lock);
         old.swap(s.callable);
-        const int mine = t_runningHere[static_cast<size_t>(slot)];
+        int mine = 0;
+        for (ActiveReport* r = t_innermost; r != nullptr; r = r->outer) {
+            if (r->slot != slot) continue;
+            r->unbound = true;
+            ++mine;
+        }
         s.idle.wait(hold, [&] { return s.running <= mine; });
     }
+}
+
+bool reportCancelled()
+{
+    return t_innermost != nullptr && t_innermost->unbound;
 }
 
 void release(int slot)

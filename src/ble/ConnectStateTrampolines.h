@@ -23,6 +23,10 @@ BleConnectStateFn function(int slot);
 void bind(int slot, IBluetoothLEManager::ConnectStateCallback callable);
 // Drops the callable and waits until no other thread runs it.
 void unbind(int slot);
+// True inside a report whose slot was unbound meanwhile by this very thread
+// (a host callback that destroyed the device): the callable must not touch
+// its object any more.
+bool reportCancelled();
 // Returns the slot to the pool (after unbind).
 void release(int slot);
 

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "../ble/ConnectStateTrampolines.h"
 #include "../ble/IBluetoothLEManager.h"
 #include "../log/Log.h"
 #include "NKR.h"
@@ -32,7 +33,7 @@ uint32_t bigEndian24(const std::vector<uint8_t>& bytes, size_t at)
 
 int CNKR::BLEScan(int timeout, _BLE_DEVICE_INFO* devices, int capacity, int* count)
 {
-    if (devices == nullptr || count == nullptr) return NKR_ERROR_INVALID_VALUE;
+    if (count == nullptr || (devices == nullptr && capacity > 0)) return NKR_ERROR_INVALID_VALUE;
     if (m_pBleManager == nullptr) m_pBleManager = IBluetoothLEManager::CreateBluetoothLEManager();
     if (m_pBleManager == nullptr || !m_pBleManager->IsBluetoothLESupported()) {
         NKR_LOG("Bluetooth device not supported. error:%d", NKR_ERROR_BLE_UNSUPPORTED);
@@ -153,12 +154,14 @@ int CNKR::BLERegConnStateCallback(NKR_CONN_STATE_CALLBACK callback)
     // Runs on the helper's thread. It touches only the manager, the two atomic
     // flags and the stored callback, all of which outlive the manager, and the
     // manager's destructor waits for a running report before returning; so a
-    // host destroying this object meanwhile is safe.
+    // host destroying this object from another thread meanwhile is safe.
     m_pBleManager->ConnectStateCallbackFunc([this](bool connected) {
         NKR_CONN_STATE_CALLBACK hostCallback = std::atomic_ref(m_pfnConnState).load();
         if (hostCallback != nullptr) {
             NKR_LOG("BLE connection state changed: %s", connected ? "Connected" : "Disconnected");
             hostCallback(connected);
+            // The host may have destroyed this object from its callback.
+            if (bletrampoline::reportCancelled()) return;
         }
         if (!connected) {
             NKR_LOG("BLE disconnected, resetting flag");
