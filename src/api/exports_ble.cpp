@@ -64,14 +64,20 @@ NKR_EXPORT int NKRBLEConnect(const char* name, const char* address, int* id)
 NKR_EXPORT int NKRBLEDisconnect(int id)
 {
     if (!slotInRange(id)) return NKR_ERROR_INVALID_ID;
-    std::unique_lock<std::shared_mutex> guard(g_bleSlotGuard[id]);
-    CNKR* dev = pNKR[id].load();
-    NKRDbgPrint("NKRBLEDisconnect", "NKRBLEDisconnect[%d] is %p\n", id, static_cast<void*>(dev));
-    if (dev == nullptr) return NKR_ERROR_INVALID_ID;
-    int rc = dev->BLEDisconnect();
-    pNKR[id].store(nullptr);
+    CNKR* dev = nullptr;
+    int rc = NKR_SUCCESS;
+    {
+        std::unique_lock<std::shared_mutex> guard(g_bleSlotGuard[id]);
+        dev = pNKR[id].load();
+        NKRDbgPrint("NKRBLEDisconnect", "NKRBLEDisconnect[%d] is %p\n", id, static_cast<void*>(dev));
+        if (dev == nullptr) return NKR_ERROR_INVALID_ID;
+        rc = dev->BLEDisconnect();
+        pNKR[id].store(nullptr);
+        --g_BleStartId;
+    }
+    // Deleted outside the guard: the destructor waits for a connection report
+    // in progress, and that report may be calling an export for this id.
     delete dev;
-    --g_BleStartId;
     return rc;
 }
 
