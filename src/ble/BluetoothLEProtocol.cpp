@@ -52,6 +52,8 @@ uint8_t calculateChecksum(const uint8_t* bytes, uint32_t count)
 
 void ProtoRequest::calculateChecksum(std::vector<uint8_t>& out)
 {
+    // Header, payload, length high byte, reserved and checksum: one allocation.
+    out.reserve(out.size() + data.size() + 9);
     out.push_back(type);
     out.push_back(length);
     out.push_back(sequence);

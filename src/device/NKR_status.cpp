@@ -70,9 +70,11 @@ template <typename T, typename Read>
 int readAfterStatus(CNKR& dev, T* out, bool ble, Read read)
 {
     if (out == nullptr) return NKR_ERROR_INVALID_VALUE;
+    // Held across the read and the copy: the caller gets the value of this
+    // status report, and the (recursive) lock is taken once instead of twice.
+    CriSecLock lock(dev.m_mutex);
     const int rc = dev.getParams(ble);
     if (rc != NKR_SUCCESS) return rc;
-    CriSecLock lock(dev.m_mutex);
     *out = read();
     return NKR_SUCCESS;
 }
