@@ -28,11 +28,25 @@ public:
     SlotLockHold(const SlotLockHold&) = delete;
     SlotLockHold& operator=(const SlotLockHold&) = delete;
 
+    // The slot's object, or null. Without the slot lock (the slot's locks are
+    // not ready: it is closed, or an open is still under way) there is none
+    // to use: nothing would keep a close from destroying it meanwhile.
+    CNKR* device() const { return locked_ ? pNKR[id_].load() : nullptr; }
+
 private:
+    int id_;
     SlotLockRecord& rec_;
     int k_;
     bool locked_ = false;
 };
+
+// True when the USB slot has a device path. Its first byte is read
+// atomically: a scan on the host's registry thread may be rewriting the table
+// while framed calls run on other threads.
+inline bool slotKnown(int id)
+{
+    return slotInRange(id) && std::atomic_ref<char>(DevPathArray[id][0]).load() != '\0';
+}
 
 template <typename Op>
 int bleBranch(int id, const char* name, const char* failMsg, Op&& op)
@@ -49,9 +63,9 @@ int bleBranch(int id, const char* name, const char* failMsg, Op&& op)
 template <typename Op>
 int usbBranch(int id, int k, Op&& op)
 {
-    if (!slotInRange(id) || DevPathArray[id][0] == '\0') return NKR_ERROR_INVALID_ID;
+    if (!slotKnown(id)) return NKR_ERROR_INVALID_ID;
     SlotLockHold hold(id, k);
-    CNKR* dev = pNKR[id].load();
+    CNKR* dev = hold.device();
     if (dev == nullptr) return NKR_ERROR_CLOSED;
     return op(dev, false);
 }

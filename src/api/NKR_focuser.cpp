@@ -31,6 +31,19 @@ void copyPath(char (&dst)[NKR_PATH_LEN], const char* src)
     dst[n] = '\0';
 }
 
+// Binds a path to an empty slot: the path first, its first byte last, so a
+// framed call on another thread never sees a half-written entry as known.
+void bindPath(int slot, const char* path)
+{
+    char (&dst)[NKR_PATH_LEN] = DevPathArray[slot];
+    size_t n = strnlen(path, NKR_PATH_LEN - 1);
+    if (n > 1) std::memcpy(dst + 1, path + 1, n - 1);
+    dst[n > 0 ? n : 1] = '\0';
+    std::atomic_ref<char>(dst[0]).store(n > 0 ? path[0] : '\0');
+}
+
+void unbindPath(int slot) { std::atomic_ref<char>(DevPathArray[slot][0]).store('\0'); }
+
 bool scannedNow(const char* path)
 {
     for (int i = 0; i < iConnectedNKR; ++i)
@@ -40,11 +53,12 @@ bool scannedNow(const char* path)
 }  // namespace
 
 namespace nkrapi {
-SlotLockHold::SlotLockHold(int id, int k) : rec_(MutexCamPt[id]), k_(k)
+SlotLockHold::SlotLockHold(int id, int k) : id_(id), rec_(MutexCamPt[id]), k_(k)
 {
-    // The busy flag goes up before locks-ready is read, so NKRClose either
-    // sees the flag and waits for it, or this call sees the locks gone.
-    rec_.busy[k_].store(1);
+    // The busy mark goes up before locks-ready is read, so NKRClose either
+    // sees it and waits, or this call sees the locks gone. It counts callers:
+    // several host threads may be inside the same export of one slot.
+    rec_.busy[k_].fetch_add(1);
     if (rec_.locksReady.load() == 1) {
         pthread_mutex_lock(&rec_.locks[k_].mutex);
         locked_ = true;
@@ -54,7 +68,7 @@ SlotLockHold::SlotLockHold(int id, int k) : rec_(MutexCamPt[id]), k_(k)
 SlotLockHold::~SlotLockHold()
 {
     if (locked_) pthread_mutex_unlock(&rec_.locks[k_].mutex);
-    rec_.busy[k_].store(0);
+    rec_.busy[k_].fetch_sub(1);
 }
 }  // namespace nkrapi
 
@@ -100,12 +114,12 @@ NKR_EXPORT int NKRGetNum(void)
             for (int s = 0; s < NKR_MAX_SLOTS && slot < 0; ++s)
                 if (DevPathArray[s][0] == '\0') slot = s;
             if (slot < 0) continue;
-            copyPath(DevPathArray[slot], DevPathScan[i]);
+            bindPath(slot, DevPathScan[i]);
         }
         claimed[slot] = true;
     }
     for (int s = 0; s < NKR_MAX_SLOTS; ++s)
-        if (!claimed[s]) DevPathArray[s][0] = '\0';
+        if (!claimed[s]) unbindPath(s);
     return iConnectedNKR;
 }
 
@@ -124,7 +138,7 @@ NKR_EXPORT int NKRGetID(int index, int* id)
 
 NKR_EXPORT int NKROpen(int id)
 {
-    if (!slotInRange(id) || DevPathArray[id][0] == '\0') return NKR_ERROR_INVALID_ID;
+    if (!nkrapi::slotKnown(id)) return NKR_ERROR_INVALID_ID;
     if (pNKR[id].load() != nullptr) {
         NKRDbgPrint("NKROpen", "focuser of index%d is already opened\n", id);
         return NKR_SUCCESS;
@@ -139,17 +153,16 @@ NKR_EXPORT int NKROpen(int id)
     }
     SlotLockRecord& rec = MutexCamPt[id];
     if (rec.locksReady.load() == 1) return NKR_SUCCESS;
-    for (int k = 0; k < NKR_LOCK_COUNT; ++k) {
-        InitCriSecNKR(&rec.locks[k]);
-        rec.busy[k].store(0);
-    }
+    // The busy counts are left alone: a caller that came while the locks
+    // were down is still counted and takes its count back on leaving.
+    for (int k = 0; k < NKR_LOCK_COUNT; ++k) InitCriSecNKR(&rec.locks[k]);
     rec.locksReady.store(1);
     return NKR_SUCCESS;
 }
 
 NKR_EXPORT int NKRClose(int id)
 {
-    if (!slotInRange(id) || DevPathArray[id][0] == '\0') return NKR_ERROR_INVALID_ID;
+    if (!nkrapi::slotKnown(id)) return NKR_ERROR_INVALID_ID;
     if (pNKR[id].load() == nullptr) return NKR_SUCCESS;
     SlotLockRecord& rec = MutexCamPt[id];
     const bool ready = rec.locksReady.load() == 1;
@@ -170,7 +183,7 @@ NKR_EXPORT int NKRClose(int id)
     // object gone and leave; only then is their lock destroyed.
     for (int k = 0; k < NKR_LOCK_COUNT; ++k) {
         pthread_mutex_unlock(&rec.locks[k].mutex);
-        while (rec.busy[k].load() == 1) {
+        while (rec.busy[k].load() != 0) {
             NKRDbgPrint("NKRClose", "Slp\n");
             usleep(5000);
         }
@@ -216,10 +229,10 @@ NKR_EXPORT int NKRGetProperty(int id, _NKR_INFO* info)
             return NKR_SUCCESS;
         });
     }
-    if (!slotInRange(id) || DevPathArray[id][0] == '\0') return NKR_ERROR_INVALID_ID;
+    if (!nkrapi::slotKnown(id)) return NKR_ERROR_INVALID_ID;
     {
         nkrapi::SlotLockHold hold(id, 11);
-        if (CNKR* dev = pNKR[id].load()) {
+        if (CNKR* dev = hold.device()) {
             fillProperty(dev, false, info);
             return NKR_SUCCESS;
         }
@@ -229,7 +242,7 @@ NKR_EXPORT int NKRGetProperty(int id, _NKR_INFO* info)
     if (NKROpen(id) != NKR_SUCCESS) return NKR_SUCCESS;
     {
         nkrapi::SlotLockHold hold(id, 11);
-        if (CNKR* dev = pNKR[id].load()) fillProperty(dev, false, info);
+        if (CNKR* dev = hold.device()) fillProperty(dev, false, info);
     }
     NKRClose(id);
     return NKR_SUCCESS;

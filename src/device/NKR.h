@@ -135,14 +135,15 @@ public:
     const char* path() const { return m_szPath; }
 
     // ---- members (public: the api layer and the tests read them) ----
-    hid_device* m_hDev = nullptr;
+    // Atomic: the link test reads it unlocked while a reconnect replaces it.
+    std::atomic<hid_device*> m_hDev{nullptr};
     S_MUTEX_UNIX m_mutex;
     int m_iOutputReportLen = 16;
     int m_iInputReportLen = 17;
     unsigned char* pszInBuf = nullptr;
     unsigned char* pszOutBuf = nullptr;
     char* m_szPath = nullptr;
-    bool m_bOpen = false;
+    std::atomic<bool> m_bOpen{false};
     // Written under m_mutex, read without it by the moving tests (atomic for that).
     std::atomic<int> m_iMoveState{0};
     int iBacklash = 0;

@@ -96,6 +96,8 @@ int CNKR::handleReportErr(int result)
 
 void CNKR::HIDUpdateStatus(bool error)
 {
+    // Calls through different slot locks count on the same device at once.
+    CriSecLock lock(m_mutex);
     if (!error) {
         m_cHidErr = 0;
         m_cReconnect = 0;

@@ -67,7 +67,10 @@ std::string hidErrorText(hid_device* dev)
 int CNKR::setLEDState(bool on, bool ble)
 {
     if (!m_bCanFactory) return NKR_ERROR_NOT_SUPPORTED;
-    m_bLedOn = on;  // recorded even when the transfer fails
+    {
+        CriSecLock lock(m_mutex);
+        m_bLedOn = on;  // recorded even when the transfer fails
+    }
 
     unsigned char cmd[kAnswerLen] = {};
     putHeader(cmd, kCmdSetLed);
@@ -101,7 +104,11 @@ int CNKR::getLEDState(bool* on, bool ble)
         if (res != NKR_SUCCESS) return res;
         state = answer[kDataOffset] != 0;
     }
-    m_bLedOn = state;
+    {
+        // Bluetooth calls take no slot lock: two readers may store at once.
+        CriSecLock lock(m_mutex);
+        m_bLedOn = state;
+    }
     *on = state;
     return NKR_SUCCESS;
 }
