@@ -93,6 +93,9 @@ void addDefaultUnits();
 UnitId addUnit(const UnitSpec& spec);
 // Unplug (USB and BLE); open handles then fail with ENODEV.
 void unplug(UnitId unit);
+// Pulls the unit's cable once it has moved that many steps since power-on
+// (also NKR_SIM_UNPLUG=<unit id>:<steps> for the default units).
+void unplugAfterSteps(UnitId unit, int steps);
 // Plug an unplugged unit back in (same path); it powers up at its spec position.
 void replug(UnitId unit);
 std::string usbPath(UnitId unit);

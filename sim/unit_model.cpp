@@ -167,6 +167,7 @@ void powerOn(Unit& u)
     u.st.runState = 0;
     u.st.handMoving = false;
     u.stepFraction = 0;
+    u.stepsMoved = 0;
     u.lastTick = nowLocked();
     u.usbUpdating = u.bleUpdating = false;
     u.reply.clear();

@@ -135,6 +135,15 @@ void advance(Unit& u)
     } else {
         s.position += target > s.position ? static_cast<int>(steps) : -static_cast<int>(steps);
     }
+    u.stepsMoved += static_cast<int>(std::min<uint64_t>(steps, distance));
+    if (u.plugged && u.unplugAfterSteps >= 0 && u.stepsMoved >= u.unplugAfterSteps) {
+        // A cable pulled in the middle of a move: the motor stops with it.
+        u.plugged = false;
+        s.runState = 0;
+        s.handMoving = false;
+        removeDescriptor(usbPath(u.id));
+        dropBleConnections(u.id);
+    }
 }
 
 Unit* findUnit(UnitId id)
@@ -181,6 +190,10 @@ void reset()
     }
 }
 
+namespace {
+void addBuiltInUnits();
+}
+
 void addDefaultUnits()
 {
     auto guard = lockWorld();
@@ -193,8 +206,26 @@ void addDefaultUnits()
             if (spec.ble) ++bleIndex;
             addUnit(spec);
         }
-        return;
+    } else {
+        addBuiltInUnits();
     }
+    // NKR_SIM_UNPLUG=<unit id>:<steps> pulls that unit's cable once it has
+    // moved that many steps, so a separate program can meet an unplug mid-move.
+    if (const char* env = std::getenv("NKR_SIM_UNPLUG")) {
+        int id = -1, steps = -1;
+        if (std::sscanf(env, "%d:%d", &id, &steps) == 2) unplugAfterSteps(id, steps);
+    }
+}
+
+void unplugAfterSteps(UnitId unit, int steps)
+{
+    auto guard = lockWorld();
+    if (Unit* u = findUnit(unit)) u->unplugAfterSteps = steps;
+}
+
+namespace {
+void addBuiltInUnits()
+{
     UnitSpec older;
     older.fwMajor = 3, older.fwMinor = 3, older.fwBuild = 5;
     older.modelLetter = 'A';
@@ -213,6 +244,7 @@ void addDefaultUnits()
     pro.bleName = "NKR Pro_A1B2";
     addUnit(pro);
 }
+}  // namespace
 
 UnitId addUnit(const UnitSpec& spec)
 {

@@ -30,6 +30,8 @@ struct Unit {
     uint64_t lastTick = 0;
     uint64_t stepFraction = 0;  // step-microseconds not yet turned into a step
     int handTarget = 0;
+    int stepsMoved = 0;         // since power-on
+    int unplugAfterSteps = -1;  // >= 0: the cable comes out after that many steps
 
     // Last reply the firmware prepared for a feature-report read.
     std::vector<uint8_t> reply;

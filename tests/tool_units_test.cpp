@@ -100,6 +100,14 @@ TEST_F(ToolTest, ToolMoveWithoutWaitReturnsAtOnce)
     EXPECT_LT(seconds, 5.0);
 }
 
+TEST_F(ToolTest, ToolMoveEndsWithAnErrorWhenTheUnitIsUnpluggedMidway)
+{
+    // The simulator pulls unit 1's cable 1500 steps into the move.
+    ToolRun r = runTool("NKR_SIM_UNPLUG=1:1500", "--simulate --json move 1 +4000");
+    EXPECT_EQ(r.status, 1) << r.out << r.err;
+    EXPECT_NE(r.err.find("NKR_ERROR_REMOVED (4)"), std::string::npos) << r.err;
+}
+
 TEST_F(ToolTest, ToolMoveStopsTheMotorOnCtrlC)
 {
     // 20000 steps would take 10 s; Ctrl-C comes after about one.
