@@ -75,11 +75,7 @@ int CNKR::setLEDState(bool on, bool ble)
     unsigned char cmd[kAnswerLen] = {};
     putHeader(cmd, kCmdSetLed);
     cmd[4] = on ? 1 : 0;
-    if (ble) {
-        std::vector<uint8_t> answer;
-        return bleSendData(BLEProtocol::CMD_DEVICE, blePayload(cmd, 5), false, answer);
-    }
-    return sendCMD(cmd, 5, false, nullptr);
+    return sendWithoutAnswer(*this, cmd, 5, ble);
 }
 
 int CNKR::getLEDState(bool* on, bool ble)
@@ -119,11 +115,7 @@ int CNKR::setShippingMode(bool ble)
     unsigned char cmd[kAnswerLen] = {};
     putHeader(cmd, kCmdShippingMode);
     cmd[4] = 0x00;
-    if (ble) {
-        std::vector<uint8_t> answer;
-        return bleSendData(BLEProtocol::CMD_DEVICE, blePayload(cmd, 5), false, answer);
-    }
-    return sendCMD(cmd, 5, false, nullptr);
+    return sendWithoutAnswer(*this, cmd, 5, ble);
 }
 
 int CNKR::getErrorCode(_NKR_ERROR_MSG* msg, bool ble)

@@ -65,4 +65,16 @@ inline bool bleStatusOk(const std::vector<uint8_t>& answer)
     return answer[kBleStatusIndex] == 0;
 }
 
+// Sends a command that has no answer over the chosen link: the first len
+// bytes of cmd over HID, the same less the report id over BLE.
+inline int sendWithoutAnswer(CNKR& dev, unsigned char* cmd, int len, bool ble)
+{
+    if (ble) {
+        std::vector<uint8_t> answer;
+        return dev.bleSendData(BLEProtocol::CMD_DEVICE, blePayload(cmd, static_cast<size_t>(len)), false,
+                               answer);
+    }
+    return dev.sendCMD(cmd, len, false, nullptr);
+}
+
 }  // namespace nkrcmd
