@@ -209,11 +209,10 @@ TEST_F(FaultHelper, MissingOrBrokenHelperLibraryFailsCleanly)
     EXPECT_EQ(NKRGetPosition(NKR_BLE_FIRST_ID, &pos), NKR_SUCCESS);
 }
 
-// A helper cut short (a copy that broke off): the dynamic loader maps
-// segments past the end of the file and the first touch raises SIGBUS, which
-// kills the host. Run in a child so the crash cannot take the suite down.
-// Disabled until the manager checks the file before dlopen (RELIABILITY.md).
-TEST_F(FaultHelper, DISABLED_TruncatedHelperLibraryFailsCleanly)
+// A helper cut short (a copy that broke off): handed to the dynamic loader it
+// would raise SIGBUS in the host, so the manager refuses it first. Run in a
+// child so a regression cannot take the suite down.
+TEST_F(FaultHelper, TruncatedHelperLibraryFailsCleanly)
 {
     const std::string truncated = std::string(std::getenv("HOME")) + "/truncated.so";
     {

@@ -1,5 +1,7 @@
 #include "BluetoothLEManagerLinux.h"
 
+#include "ElfCheck.h"
+
 #include <dlfcn.h>
 
 #include <algorithm>
@@ -71,6 +73,13 @@ int32_t BluetoothLEManagerLinux::init()
     if (m_hLib != nullptr) {
         NKR_LOG("Dll handle already init!");
         return 0;
+    }
+    // A damaged file would take the host down inside the loader; refuse it
+    // with the loader's own message form instead.
+    std::string why;
+    if (!nkrble::elfFileIsWhole(helperPath(), why)) {
+        NKR_LOG("dlopen error: %s: %s", helperPath(), why.c_str());
+        return -1;
     }
     m_hLib = dlopen(helperPath(), RTLD_LAZY);
     if (m_hLib == nullptr) {
