@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "ble/BluetoothLEManagerLinux.h"
@@ -20,7 +21,12 @@ std::vector<bool>& connectionReports()
     static std::vector<bool> reports;
     return reports;
 }
-void recordConnection(bool connected) { connectionReports().push_back(connected); }
+std::thread::id g_reportThread;
+void recordConnection(bool connected)
+{
+    connectionReports().push_back(connected);
+    g_reportThread = std::this_thread::get_id();
+}
 
 TEST_F(BleSession, ScanFillsAtMostTheCapacityAndPassesNoRadioNumbers)
 {
@@ -85,6 +91,7 @@ TEST_F(BleSession, ConnectDisconnectAndTheConnectionCallback)
     nkrsim::bleDropConnection(unit);
     nkrsim::bleFlushCallbacks();
     EXPECT_EQ(connectionReports(), std::vector<bool>{false});
+    EXPECT_NE(g_reportThread, std::this_thread::get_id()) << "the helper reports from a thread of its own";
     EXPECT_FALSE(device->m_bBleConnected);
     EXPECT_FALSE(device->bIsBleControl);
 

@@ -22,7 +22,16 @@ TEST_F(DeviceOpen, OutputReportLengthComesFromTheDescriptorWhenItIs16Or64)
     // Replies stay 17 bytes whatever the output length.
     EXPECT_EQ(dev(id)->m_iInputReportLen, 17);
 
+    // The lengths the simulator's descriptor file declares; -1 when it has none.
+    // Checked here so that the 16s below cannot come from a broken file.
+    auto declaredOutput = [](nkrsim::UnitId u) {
+        int in = -1, out = -1;
+        return get_hid_report_descriptor_linux_mac(nullptr, nkrsim::usbPath(u).c_str(), &in, &out) == 0 ? out : -1;
+    };
+    EXPECT_EQ(declaredOutput(unit), 64);
+
     id = openUnit(unitWithFirmware(336), &unit);
+    EXPECT_EQ(declaredOutput(unit), 16);
     EXPECT_EQ(dev(id)->m_iOutputReportLen, 16);
 
     // Report 3 output of 32 bytes: not a length the firmware uses.
@@ -30,12 +39,14 @@ TEST_F(DeviceOpen, OutputReportLengthComesFromTheDescriptorWhenItIs16Or64)
     odd.descriptor = {0x85, 0x01, 0x75, 0x08, 0x95, 0x10, 0x81, 0x02,
                       0x85, 0x03, 0x75, 0x08, 0x95, 0x1F, 0x91, 0x02};
     id = openUnit(odd, &unit);
+    EXPECT_EQ(declaredOutput(unit), 32);
     EXPECT_EQ(dev(id)->m_iOutputReportLen, 16);
 
     nkrsim::UnitSpec hidden = unitWithFirmware(336);
     hidden.outputReportLen = 64;
     hidden.descriptorReadable = false;
     id = openUnit(hidden, &unit);
+    EXPECT_EQ(declaredOutput(unit), -1);
     EXPECT_EQ(dev(id)->m_iOutputReportLen, 16);
 }
 

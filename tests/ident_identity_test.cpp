@@ -63,6 +63,15 @@ TEST_F(Ident, SerialIsUnpackedOnOlderUnitsAndPlainOnNewerOnes)
     EXPECT_EQ(Bytes(sn.SN, sn.SN + 8), older.serial);
     ASSERT_EQ(nkrsim::sentReports(olderUnit).size(), 1u);
     EXPECT_EQ(head(nkrsim::sentReports(olderUnit)[0], 5), (Bytes{0x03, 0x7E, 0x5A, 0x02, 0x0C}));
+    // The raw answer really is the packed half-byte form, decoded here on its own.
+    unsigned char cmd[] = {0x03, 0x7E, 0x5A, 0x02, 0x0C}, b[NKR_BUF_SIZE] = {};
+    ASSERT_EQ(NKRSendCMD(idOld, cmd, sizeof cmd, true, b), NKR_SUCCESS);
+    auto pair = [&](int hi, int lo, bool wholeLow) {
+        return static_cast<uint8_t>((b[hi] << 4) + (wholeLow ? b[lo] : b[lo] >> 4));
+    };
+    EXPECT_EQ((Bytes{pair(4, 5, true), pair(6, 7, true), pair(8, 9, true), pair(10, 11, false),
+                     pair(11, 12, false), pair(12, 13, false), pair(13, 14, false), pair(14, 15, true)}),
+              older.serial);
     ASSERT_EQ(NKRGetSerialNumber(idNew, &sn), NKR_SUCCESS);
     EXPECT_EQ(Bytes(sn.SN, sn.SN + 8), newer.serial);
 
