@@ -16,12 +16,10 @@ namespace nkrtest {
 inline nkrsim::UnitSpec bleUnitWithFirmware(int fw)
 {
     static int made = 0;
-    nkrsim::UnitSpec spec = unitWithFirmware(fw);
+    nkrsim::UnitSpec spec = proUnitWithFirmware(fw);
     spec.bleName = "NKR Pro_T" + std::to_string(made++);
     spec.usb = false;
     spec.ble = true;
-    spec.modelLetter = 'E';
-    spec.typeText = "NKR Pro";
     return spec;
 }
 

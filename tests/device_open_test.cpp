@@ -1,5 +1,5 @@
-// Opening a unit: report length, firmware-derived capabilities, restore of a
-// unit found at the power-on position; closing it.
+// Opening a unit: report length and firmware-derived capabilities; closing
+// it. The restore of a unit found at 30000 is tested in Persist.
 #include "device_support.h"
 
 namespace {
@@ -84,11 +84,8 @@ TEST_F(DeviceOpen, FirmwareVersionDecidesSensorSerialCommandsAndStepLimit)
 
 TEST_F(DeviceOpen, ModelLetterEMarksTheNewerFamily)
 {
-    nkrsim::UnitSpec pro = unitWithFirmware(321);
-    pro.modelLetter = 'E';
-    pro.typeText = "NKR Pro";
     nkrsim::UnitId unit;
-    CNKR* d = dev(openUnit(pro, &unit));
+    CNKR* d = dev(openUnit(nkrtest::proUnitWithFirmware(321), &unit));
     ASSERT_NE(d, nullptr);
     EXPECT_EQ(d->m_strType, "NKR Pro");
     EXPECT_TRUE(d->m_bCanSerial);
@@ -115,61 +112,7 @@ TEST_F(DeviceOpen, FailedVersionReadKeepsDefaultsAndOpenStillSucceeds)
     EXPECT_FALSE(d->bSupportBuzzer);
 }
 
-TEST_F(DeviceOpen, UnitAtThePowerOnPositionGetsTheSavedPositionWithoutMoving)
-{
-    nkrsim::UnitId unit;
-    int id = openQuiet(unitWithFirmware(336), &unit);
-    ASSERT_EQ(NKRMove(id, 41234), NKR_SUCCESS);
-    nkrsim::advanceMicros(60'000'000);
-    ASSERT_EQ(nkrsim::state(unit).position, 41234);
-    ASSERT_EQ(NKRClose(id), NKR_SUCCESS);
-
-    // Power cycle: the unit comes back at 30000.
-    nkrsim::unplug(unit);
-    nkrsim::replug(unit);
-    ASSERT_EQ(nkrsim::state(unit).position, 30000);
-    nkrsim::clearSentReports(unit);
-    ASSERT_EQ(NKROpen(id), NKR_SUCCESS);
-    std::vector<Bytes> frames = devicetest::controlFrames(unit);
-    ASSERT_EQ(frames.size(), 1u);
-    EXPECT_EQ(frames[0][4], 0);   // run flag off
-    EXPECT_EQ(frames[0][10], 1);  // set-position mode
-    EXPECT_EQ(nkrsim::state(unit).position, 41234);
-    EXPECT_EQ(nkrsim::state(unit).runState, 0);
-}
-
-TEST_F(DeviceOpen, UnitElsewhereIsLeftAlone)
-{
-    nkrsim::UnitSpec spec = unitWithFirmware(336);
-    spec.position = 1234;
-    nkrsim::UnitId unit;
-    int id = plugAndScan(spec, &unit);
-    ASSERT_EQ(NKROpen(id), NKR_SUCCESS);
-    EXPECT_TRUE(devicetest::controlFrames(unit).empty());
-    EXPECT_EQ(dev(id)->step, 1234);
-}
-
-TEST_F(DeviceOpen, RefusedOpenFailsAndCloseStopsARunningMove)
-{
-    nkrsim::UnitId refused;
-    int id = plugAndScan(unitWithFirmware(336), &refused);
-    nkrsim::refuseOpen(refused, true);
-    EXPECT_EQ(NKROpen(id), NKR_ERROR_REMOVED);
-    EXPECT_EQ(dev(id), nullptr);
-
-    nkrsim::UnitId unit;
-    id = openQuiet(unitWithFirmware(336), &unit);
-    ASSERT_EQ(NKRMove(id, 50000), NKR_SUCCESS);
-    ASSERT_EQ(nkrsim::state(unit).runState, 1);
-    // Storing the configuration is refused while moving; close stops the motor.
-    ASSERT_EQ(NKRClose(id), NKR_SUCCESS);
-    Bytes last = devicetest::lastControlFrame(unit);
-    ASSERT_FALSE(last.empty());
-    EXPECT_EQ(last[4], 0);
-    EXPECT_EQ(nkrsim::state(unit).runState, 0);
-}
-
-TEST_F(DeviceOpen, CloseStoresTheConfigurationWithRunOff)
+TEST_F(DeviceOpen, CloseStoresTheConfigurationWithRunOffAndStopsARunningMove)
 {
     nkrsim::UnitId unit;
     int id = openQuiet(unitWithFirmware(336), &unit);
@@ -181,6 +124,14 @@ TEST_F(DeviceOpen, CloseStoresTheConfigurationWithRunOff)
     EXPECT_EQ(frames[0][4], 0);
     EXPECT_EQ(frames[0][5], 12);
     EXPECT_EQ(frames[0][10], 0);
+
+    // Storing the configuration is refused while moving; close stops the motor.
+    id = openQuiet(unitWithFirmware(336), &unit);
+    ASSERT_EQ(NKRMove(id, 50000), NKR_SUCCESS);
+    ASSERT_EQ(nkrsim::state(unit).runState, 1);
+    ASSERT_EQ(NKRClose(id), NKR_SUCCESS);
+    EXPECT_EQ(devicetest::lastControlFrame(unit)[4], 0);
+    EXPECT_EQ(nkrsim::state(unit).runState, 0);
 }
 
 TEST_F(DeviceOpen, DestroyingAnOpenObjectIsSafe)

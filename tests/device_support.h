@@ -13,8 +13,6 @@ using Bytes = std::vector<uint8_t>;
 
 class DeviceTest : public nkrtest::SimTest {
 protected:
-    static CNKR* dev(int id) { return pNKR[id].load(); }
-
     // Opens a unit and forgets the traffic of the open itself.
     int openQuiet(const nkrsim::UnitSpec& spec, nkrsim::UnitId* unit)
     {

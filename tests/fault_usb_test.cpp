@@ -36,19 +36,10 @@ protected:
     // Scan, find the unit's slot and open it (after a replug).
     int rescanAndOpen(nkrsim::UnitId unit)
     {
-        const int n = NKRGetNum();
-        for (int i = 0; i < n; ++i) {
-            int id = -1;
-            if (NKRGetID(i, &id) == NKR_SUCCESS && slotPath(id) == nkrsim::usbPath(unit)) {
-                EXPECT_EQ(NKROpen(id), NKR_SUCCESS);
-                return id;
-            }
-        }
-        ADD_FAILURE() << "unit not found after the scan";
-        return -1;
+        const int id = scanForSlot(unit);
+        EXPECT_GE(id, 0) << "unit not found after the scan";
+        return id >= 0 && NKROpen(id) == NKR_SUCCESS ? id : -1;
     }
-
-    static CNKR* device(int id) { return pNKR[id].load(); }
 };
 
 TEST_F(FaultUsb, UnplugDuringAMoveKeepsTheLastSeenPositionForTheNextSession)
@@ -108,7 +99,7 @@ TEST_F(FaultUsb, UnplugDuringAStatusReadAndReplugBeforeTheNextScan)
     // A single ENODEV is not an error worth counting: the next read works.
     nkrsim::failTransfers(unit, 1, ENODEV);
     EXPECT_EQ(NKRGetPosition(id, &pos), NKR_ERROR_REMOVED);
-    EXPECT_EQ(device(id)->m_cHidErr, 0);
+    EXPECT_EQ(dev(id)->m_cHidErr, 0);
     EXPECT_EQ(NKRGetPosition(id, &pos), NKR_SUCCESS);
 
     // Out and back in before the host scans again: the handle stays dead
@@ -117,7 +108,7 @@ TEST_F(FaultUsb, UnplugDuringAStatusReadAndReplugBeforeTheNextScan)
     EXPECT_EQ(NKRGetPosition(id, &pos), NKR_ERROR_REMOVED);
     nkrsim::replug(unit);
     for (int i = 0; i < 6; ++i) EXPECT_EQ(NKRGetPosition(id, &pos), NKR_ERROR_REMOVED);
-    EXPECT_EQ(device(id)->m_cReconnect, 0);
+    EXPECT_EQ(dev(id)->m_cReconnect, 0);
     EXPECT_EQ(NKRGetNum(), 1);
     EXPECT_EQ(NKROpen(id), NKR_SUCCESS);  // already open: a no-op
     EXPECT_EQ(NKRGetPosition(id, &pos), NKR_ERROR_REMOVED);
@@ -180,12 +171,12 @@ TEST_F(FaultUsb, TransferErrorBurstsReconnectAtMostThreeTimes)
     nkrsim::failTransfers(unit, 4, EIO);
     for (int i = 1; i <= 4; ++i) {
         EXPECT_EQ(NKRGetPosition(id, &pos), NKR_ERROR_GENERAL) << i;
-        EXPECT_EQ(device(id)->m_cReconnect, i < 4 ? 0 : 1) << i;
+        EXPECT_EQ(dev(id)->m_cReconnect, i < 4 ? 0 : 1) << i;
     }
     EXPECT_EQ(NKRGetPosition(id, &pos), NKR_SUCCESS);
     EXPECT_EQ(pos, kEarlier.position);
-    EXPECT_EQ(device(id)->m_cHidErr, 0);
-    EXPECT_EQ(device(id)->m_cReconnect, 0);
+    EXPECT_EQ(dev(id)->m_cHidErr, 0);
+    EXPECT_EQ(dev(id)->m_cReconnect, 0);
 
     // A long burst: three reconnects, then failures without reconnecting,
     // and service comes back by itself once the errors stop.
@@ -193,10 +184,10 @@ TEST_F(FaultUsb, TransferErrorBurstsReconnectAtMostThreeTimes)
     nkrsim::failTransfers(unit, kBurst, EIO);
     for (int i = 1; i <= kBurst; ++i) {
         ASSERT_EQ(NKRGetPosition(id, &pos), NKR_ERROR_GENERAL) << i;
-        EXPECT_EQ(device(id)->m_cReconnect, std::clamp(i - 3, 0, 3)) << i;
+        EXPECT_EQ(dev(id)->m_cReconnect, std::clamp(i - 3, 0, 3)) << i;
     }
     EXPECT_EQ(NKRMove(id, 1500), NKR_SUCCESS);
-    EXPECT_EQ(device(id)->m_cReconnect, 0);
+    EXPECT_EQ(dev(id)->m_cReconnect, 0);
     nkrsim::advanceMicros(2000000);
     EXPECT_EQ(NKRGetPosition(id, &pos), NKR_SUCCESS);
     EXPECT_EQ(pos, 1500);

@@ -28,19 +28,25 @@ protected:
         nkr::setSleepHook(nullptr);
     }
 
-    // Adds a USB unit, scans and returns its slot id (-1 when not found).
-    int plugAndScan(const nkrsim::UnitSpec& spec, nkrsim::UnitId* unit = nullptr)
+    // Scans and returns the unit's slot id (-1 when not found).
+    static int scanForSlot(nkrsim::UnitId unit)
     {
-        nkrsim::UnitId u = nkrsim::addUnit(spec);
-        if (unit) *unit = u;
         int n = NKRGetNum();
-        std::string path = nkrsim::usbPath(u);
+        std::string path = nkrsim::usbPath(unit);
         for (int i = 0; i < n; ++i) {
             int id = -1;
             if (NKRGetID(i, &id) != NKR_SUCCESS) continue;
             if (slotPath(id) == path) return id;
         }
         return -1;
+    }
+
+    // Adds a USB unit, scans and returns its slot id (-1 when not found).
+    int plugAndScan(const nkrsim::UnitSpec& spec, nkrsim::UnitId* unit = nullptr)
+    {
+        nkrsim::UnitId u = nkrsim::addUnit(spec);
+        if (unit) *unit = u;
+        return scanForSlot(u);
     }
 
     // Adds, scans and opens a USB unit; returns its slot id.
@@ -53,6 +59,8 @@ protected:
     }
 
     static std::string slotPath(int id) { return slotInRange(id) ? DevPathArray[id] : ""; }
+    // The device object behind an open slot.
+    static CNKR* dev(int id) { return pNKR[id].load(); }
 };
 
 // Spec of a unit with the given firmware (major*100 + minor*10 + build).
@@ -62,6 +70,16 @@ inline nkrsim::UnitSpec unitWithFirmware(int fw)
     s.fwMajor = fw / 100;
     s.fwMinor = fw / 10 % 10;
     s.fwBuild = fw % 10;
+    return s;
+}
+
+// A unit of the newer family (model letter 'E'), which has the battery,
+// LED, type and Bluetooth-name commands.
+inline nkrsim::UnitSpec proUnitWithFirmware(int fw)
+{
+    nkrsim::UnitSpec s = unitWithFirmware(fw);
+    s.modelLetter = 'E';
+    s.typeText = "NKR Pro";
     return s;
 }
 
