@@ -11,7 +11,6 @@ using nkrtest::unitWithFirmware;
 
 TEST(DeviceTemperatureTable, RowsAreConsecutiveStrictlyFallingAndKeepTheDatasheetPoints)
 {
-    EXPECT_EQ(sizeof RTlist, 3252u);
     for (int i = 0; i < RTLIST_ROWS; ++i) {
         // Rows are packed (the doubles sit at 4-byte offsets): compare copies.
         const int t = RTlist[i].temperature;
@@ -53,8 +52,6 @@ TEST(DeviceTemperatureTable, ResistanceOfARowGivesExactlyThatRowsTemperature)
 TEST(DeviceTemperatureTable, ConverterReadingsGiveTheWorkedValuesAndRepeatTheLastGoodOne)
 {
     CNKR dev;
-    EXPECT_EQ(dev.m_iTempMin, -20);
-    EXPECT_EQ(dev.m_iTempMax, 250);
     // Nothing good yet: the fallback is the initial 0.
     EXPECT_EQ(dev.CalculTempuature(1014), 0.0f);
     EXPECT_NEAR(dev.CalculTempuature(616), 74.06, 0.01);

@@ -1,11 +1,11 @@
 // Controls list and capability records: which ids each model and firmware
 // lists, and the records of indices outside the list.
+#include <gtest/gtest.h>
+
 #include <cstring>
 #include <vector>
 
-#include "api/Registry.h"
 #include "device/NKR.h"
-#include "test_support.h"
 
 namespace {
 
@@ -67,27 +67,6 @@ TEST(Controls, RecordsFollowFlagsAndIndicesOutsideTheListAreUnknown)
         EXPECT_EQ(caps.ControlType, 8);
         EXPECT_EQ(caps.Reserved2[31], 0);
     }
-}
-
-class ControlsSim : public nkrtest::SimTest {};
-
-TEST_F(ControlsSim, ExportsAnswerWithoutTraffic)
-{
-    nkrsim::UnitSpec spec = nkrtest::unitWithFirmware(382);
-    spec.modelLetter = 'E';
-    spec.typeText = "NKR Pro";
-    nkrsim::UnitId unit;
-    int id = openUnit(spec, &unit);
-    nkrsim::clearSentReports(unit);
-
-    int count = 0;
-    ASSERT_EQ(NKRGetNumOfControls(id, &count), NKR_SUCCESS);
-    EXPECT_EQ(count, 8);
-    _NKR_CONTROL_CAPS caps;
-    ASSERT_EQ(NKRGetControlCaps(id, 7, &caps), NKR_SUCCESS);
-    EXPECT_EQ(caps.ControlType, 6);
-    EXPECT_EQ(NKRGetControlCaps(id, 9, &caps), NKR_ERROR_INVALID_INDEX);
-    EXPECT_TRUE(nkrsim::sentReports(unit).empty());
 }
 
 }  // namespace

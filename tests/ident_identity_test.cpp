@@ -5,7 +5,6 @@
 #include <string>
 #include <vector>
 
-#include "api/Registry.h"
 #include "device/NKR.h"
 #include "test_support.h"
 
@@ -16,14 +15,7 @@ using Bytes = std::vector<uint8_t>;
 
 class Ident : public nkrtest::SimTest {
 protected:
-    static nkrsim::UnitSpec proUnit()
-    {
-        nkrsim::UnitSpec spec = unitWithFirmware(382);
-        spec.modelLetter = 'E';
-        spec.typeText = "NKR Pro";
-        return spec;
-    }
-    static CNKR* dev(int id) { return pNKR[id].load(); }
+    static nkrsim::UnitSpec proUnit() { return nkrtest::proUnitWithFirmware(382); }
     static Bytes head(const Bytes& report, size_t n) { return Bytes(report.begin(), report.begin() + n); }
 };
 
