@@ -23,6 +23,23 @@ inline nkrsim::UnitSpec bleUnitWithFirmware(int fw)
     return spec;
 }
 
+// Payload of a request frame: 00 len seq cmd payload lenHigh 00 00 00 sum.
+inline std::vector<uint8_t> payloadOf(const std::vector<uint8_t>& frame)
+{
+    return std::vector<uint8_t>(frame.begin() + 4, frame.end() - 5);
+}
+
+// Connects the unit through the exports, as a host does, and pairs it;
+// returns its id.
+inline int connectAndPair(const nkrsim::UnitSpec& spec, nkrsim::UnitId unit)
+{
+    int id = -1;
+    const std::string address = nkrsim::bleAddress(unit);
+    EXPECT_EQ(NKRBLEConnect(spec.bleName.c_str(), address.c_str(), &id), NKR_SUCCESS);
+    EXPECT_EQ(NKRBLEPair(id), NKR_SUCCESS);
+    return id;
+}
+
 class BleTest : public SimTest {
 protected:
     // Adds a Bluetooth unit and a device object connected to it.

@@ -34,20 +34,11 @@ void countDisconnects(bool connected)
 
 class FaultBle : public nkrtest::SimTest {
 protected:
-    void TearDown() override
+    // Connects and pairs the unit through the exports, counting its drops.
+    static int connectAndPair(const nkrsim::UnitSpec& spec, nkrsim::UnitId unit)
     {
-        for (int id = NKR_MAX_SLOTS - 1; id >= NKR_BLE_FIRST_ID; --id) NKRBLEDisconnect(id);
-        nkrtest::SimTest::TearDown();
-    }
-
-    // Connects and pairs the unit through the exports; returns its id.
-    int connectAndPair(const nkrsim::UnitSpec& spec, nkrsim::UnitId unit)
-    {
-        int id = -1;
-        const std::string address = nkrsim::bleAddress(unit);
-        EXPECT_EQ(NKRBLEConnect(spec.bleName.c_str(), address.c_str(), &id), NKR_SUCCESS);
+        const int id = nkrtest::connectAndPair(spec, unit);
         EXPECT_EQ(NKRBLERegConnStateCallback(id, &countDisconnects), NKR_SUCCESS);
-        EXPECT_EQ(NKRBLEPair(id), NKR_SUCCESS);
         return id;
     }
 

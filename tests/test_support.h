@@ -24,6 +24,7 @@ protected:
     }
     void TearDown() override
     {
+        for (int id = NKR_MAX_SLOTS - 1; id >= NKR_BLE_FIRST_ID; --id) NKRBLEDisconnect(id);
         for (int id = 0; id < NKR_BLE_FIRST_ID; ++id) NKRClose(id);
         nkr::setSleepHook(nullptr);
     }

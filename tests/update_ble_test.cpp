@@ -8,6 +8,7 @@
 namespace {
 
 using Bytes = std::vector<uint8_t>;
+using nkrtest::payloadOf;
 
 class UpdateBle : public nkrtest::BleTest {
 protected:
@@ -26,8 +27,6 @@ protected:
         std::copy_n(image.begin() + static_cast<long>(offset), len, b.data);
         return b;
     }
-
-    static Bytes payloadOf(const Bytes& frame) { return Bytes(frame.begin() + 4, frame.end() - 5); }
 };
 
 TEST_F(UpdateBle, Firmware381IsRefusedWithoutTraffic)

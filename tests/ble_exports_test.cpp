@@ -1,0 +1,180 @@
+// A Bluetooth unit driven through the exports, as a host drives it: the ids
+// the session hands out, every per-device export over the link with the
+// payloads it sends, and short or refused answers.
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "ble_test_support.h"
+
+namespace {
+using nkrtest::bleUnitWithFirmware;
+using nkrtest::payloadOf;
+using Bytes = std::vector<uint8_t>;
+
+class BleExports : public nkrtest::SimTest {
+protected:
+    void SetUp() override
+    {
+        SimTest::SetUp();
+        spec = bleUnitWithFirmware(382);
+        spec.serial = {0x10, 0x20, 0x30, 0x40, 0x50, 0x60, 0x70, 0x80};
+        unit = nkrsim::addUnit(spec);
+        id = nkrtest::connectAndPair(spec, unit);
+        ASSERT_EQ(id, NKR_BLE_FIRST_ID);
+    }
+
+    Bytes lastPayload()
+    {
+        auto frames = nkrsim::sentFrames(unit);
+        return frames.empty() ? Bytes{} : payloadOf(frames.back());
+    }
+
+    // Replaces the next answer with a frame of the given type and tail,
+    // carrying the sequence number the next request will have.
+    void rawNextAnswer(uint8_t type, const Bytes& tail)
+    {
+        uint8_t seq = static_cast<uint8_t>(nkrsim::sentFrames(unit).back()[2] + 1);
+        Bytes frame = {type, static_cast<uint8_t>(tail.size()), seq};
+        for (uint8_t b : tail) frame.push_back(b);
+        nkrsim::bleRawAnswer(unit, frame);
+    }
+
+    nkrsim::UnitSpec spec;
+    nkrsim::UnitId unit = -1;
+    int id = -1;
+};
+
+TEST_F(BleExports, SessionIdsAllInformationAndRawData)
+{
+    // Ids are handed out as a stack: 50, then 51, and after disconnecting 50
+    // the next connect gets 51 once more.
+    nkrsim::UnitSpec older = bleUnitWithFirmware(366);
+    nkrsim::UnitId olderUnit = nkrsim::addUnit(older);
+    const int second = nkrtest::connectAndPair(older, olderUnit);
+    EXPECT_EQ(second, NKR_BLE_FIRST_ID + 1);
+
+    // All information: 49 is no Bluetooth id; firmware 366 lacks the request
+    // and the record comes back zeroed.
+    _NKR_ALL_INFO info;
+    std::memset(&info, 0x5A, sizeof info);
+    EXPECT_EQ(NKRBLEgetAllInfo(49, &info), NKR_ERROR_INVALID_ID);
+    EXPECT_EQ(info.Step, 0x5A5A5A5A);
+    EXPECT_EQ(NKRBLEgetAllInfo(second, &info), NKR_ERROR_NOT_SUPPORTED);
+    EXPECT_EQ(info.Step, 0);
+
+    // Raw data reports success even when the unit stays silent.
+    unsigned char data[13] = {0x00, 0x04, 0x42, 0x02, 0x7E, 0x5A, 0x02, 0x03}, out[13] = {};
+    nkrsim::bleSilence(unit, 1);
+    EXPECT_EQ(NKRBLESendData(id, 0, data, sizeof data, true, out), NKR_SUCCESS);
+    EXPECT_EQ(NKRBLESendData(NKR_BLE_FIRST_ID + 5, 0, data, sizeof data, true, out), NKR_ERROR_INVALID_ID);
+
+    // An export without a Bluetooth branch takes the id for a USB slot.
+    EXPECT_EQ(NKRSetSpeed(id, 100), NKR_ERROR_INVALID_ID);
+
+    ASSERT_EQ(NKRBLEDisconnect(id), NKR_SUCCESS);
+    int next = -1;
+    NKRBLEConnect(spec.bleName.c_str(), nkrsim::bleAddress(unit).c_str(), &next);
+    EXPECT_EQ(next, NKR_BLE_FIRST_ID + 1);
+}
+
+TEST_F(BleExports, EveryExportOverTheLink)
+{
+    nkrsim::update(unit, [](nkrsim::UnitState& s) {
+        s.tempRaw = 32550;
+        s.motorErr = "E7";
+        s.batteryErr = "E8";
+    });
+
+    // Settings, and a move polled to its end.
+    int value = -1;
+    ASSERT_EQ(NKRSetBacklash(id, 7), NKR_SUCCESS);
+    EXPECT_EQ(NKRGetBacklash(id, &value), NKR_SUCCESS);
+    EXPECT_EQ(value, 7);
+    ASSERT_EQ(NKRMove(id, 31000), NKR_SUCCESS);
+    EXPECT_EQ(NKRMove(id, 32000), NKR_ERROR_MOVING);
+    bool moving = true;
+    for (int poll = 0; poll < 100 && moving; ++poll) {
+        ASSERT_EQ(NKRIsMoving(id, &moving, nullptr), NKR_SUCCESS);
+        nkrsim::advanceMicros(100000);
+    }
+    EXPECT_FALSE(moving);
+    EXPECT_EQ(NKRGetPosition(id, &value), NKR_SUCCESS);
+    EXPECT_EQ(value, 31000);
+    float t = 0;
+    EXPECT_EQ(NKRGetTemp(id, &t), NKR_SUCCESS);
+    EXPECT_FLOAT_EQ(t, 25.5f);
+
+    // Identity: the same command bytes as over USB, answers read from index 4.
+    _NKR_SN sn;
+    ASSERT_EQ(NKRGetSerialNumber(id, &sn), NKR_SUCCESS);
+    EXPECT_EQ(Bytes(sn.SN, sn.SN + 8), spec.serial);
+    EXPECT_EQ(lastPayload(), (Bytes{0x7E, 0x5A, 0x02, 0x0C}));
+    ASSERT_EQ(NKRSetID(id, _NKR_ID{{'b', 'l', 'e', '-', 'u', 'n', 'i', 't'}}), NKR_SUCCESS);
+    EXPECT_EQ(lastPayload(), (Bytes{0x7E, 0x5A, 0x0D, 'b', 'l', 'e', '-', 'u', 'n', 'i', 't', 0, 0, 0, 0}));
+    _NKR_TYPE type;
+    ASSERT_EQ(NKRGetType(id, &type), NKR_SUCCESS);
+    EXPECT_STREQ(type.Type, "NKR Pro");
+    // The name goes as 7E 5A 1E 00 and its characters (its own length, unlike USB).
+    ASSERT_EQ(NKRSetBLEName(id, _NKR_BLE_NAME{"Dome"}), NKR_SUCCESS);
+    EXPECT_EQ(lastPayload(), (Bytes{0x7E, 0x5A, 0x1E, 0x00, 'D', 'o', 'm', 'e'}));
+    EXPECT_EQ(nkrsim::state(unit).bleNameSuffix, "Dome");
+
+    // Power: error codes, battery (out of range below -40 degrees), LED.
+    _NKR_ERROR_MSG msg;
+    ASSERT_EQ(NKRGetErrorCode(id, &msg), NKR_SUCCESS);
+    EXPECT_STREQ(msg.MotorErrCode, "E7");
+    EXPECT_STREQ(msg.BatteryErrCode, "E8");
+    _NKR_BATTERY_INFO battery;
+    ASSERT_EQ(NKRGetBatteryInfo(id, &battery), NKR_SUCCESS);
+    EXPECT_EQ(battery.battery_percentage, 87);
+    Bytes batteryRequest = {0x7E, 0x5A, 0x02, 0x1E};
+    batteryRequest.resize(15, 0);
+    EXPECT_EQ(lastPayload(), batteryRequest);
+    nkrsim::update(unit, [](nkrsim::UnitState& s) { s.battery[1] = 59; });
+    EXPECT_EQ(NKRGetBatteryInfo(id, &battery), NKR_ERROR_BATTERY_RANGE);
+    EXPECT_EQ(battery.battery_vol, -1);
+    ASSERT_EQ(NKRSetLedState(id, true), NKR_SUCCESS);
+    EXPECT_EQ(lastPayload(), (Bytes{0x7E, 0x5A, 0x20, 0x01}));
+    bool on = false;
+    ASSERT_EQ(NKRGetLedState(id, &on), NKR_SUCCESS);
+    EXPECT_TRUE(on);
+
+    // Controls come from the firmware the pairing read.
+    int count = 0;
+    ASSERT_EQ(NKRGetNumOfControls(id, &count), NKR_SUCCESS);
+    EXPECT_EQ(count, 8);
+    _NKR_CONTROL_CAPS caps;
+    ASSERT_EQ(NKRGetControlCaps(id, 7, &caps), NKR_SUCCESS);
+    EXPECT_EQ(caps.ControlType, 6);
+}
+
+TEST_F(BleExports, ShortOrRefusedAnswers)
+{
+    CNKR* d = dev(id);
+    unsigned char sn[8];
+    int reason = 7;
+
+    // Too short to hold a status byte.
+    rawNextAnswer(0x05, {});
+    EXPECT_EQ(d->getSerialNumber(sn, 8, true), NKR_ERROR_GENERAL);
+
+    // A status but no data behind it.
+    rawNextAnswer(0x07, {0x00});
+    EXPECT_EQ(d->getPowerOffReason(&reason, true), NKR_ERROR_GENERAL);
+    EXPECT_EQ(reason, 7);
+    unsigned char major, minor, build;
+    rawNextAnswer(0x07, {0x00, 0x00, 0x03});
+    EXPECT_EQ(d->getFwVer(&major, &minor, &build, true), NKR_ERROR_GENERAL);
+    bool on;
+    rawNextAnswer(0x07, {0x00});
+    EXPECT_EQ(d->getLEDState(&on, true), NKR_ERROR_GENERAL);
+
+    // A refusing status leaves the outputs empty and is no error.
+    std::memset(sn, 0x55, sizeof sn);
+    nkrsim::bleStatus(unit, 0x05);
+    EXPECT_EQ(d->getSerialNumber(sn, 8, true), NKR_SUCCESS);
+    EXPECT_EQ(Bytes(sn, sn + 8), Bytes(8, 0));
+}
+
+}  // namespace
