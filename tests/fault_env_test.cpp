@@ -23,18 +23,8 @@
 namespace {
 using faulttest::Saved;
 using faulttest::savedRecord;
+using storetest::listDir;
 using nkrtest::unitWithFirmware;
-
-std::set<std::string> listDir(const std::string& dir)
-{
-    std::set<std::string> names;
-    if (DIR* d = opendir(dir.c_str())) {
-        while (struct dirent* e = readdir(d))
-            if (e->d_name[0] != '.') names.insert(e->d_name);
-        closedir(d);
-    }
-    return names;
-}
 
 // One ordinary USB session (scan, open, move, read, close) on a unit that
 // has just powered up; returns 0 or the code of the first failed step.

@@ -1,6 +1,5 @@
-// Diagnostic log: pruning at start-up, the directory checks against a hostile
-// /tmp, and the shape of a written line.
-#include <dirent.h>
+// Diagnostic log: pruning at start-up and the shape of a written line. The
+// directory checks against a hostile /tmp run in whole sessions in FaultLog.
 #include <gtest/gtest.h>
 #include <spdlog/spdlog.h>
 #include <sys/stat.h>
@@ -10,12 +9,13 @@
 #include <cstdio>
 #include <fstream>
 #include <regex>
-#include <set>
 #include <string>
 
 #include "log/Log.h"
+#include "store_test_support.h"
 
 namespace {
+using storetest::listDir;
 
 class TempDir {
 public:
@@ -39,17 +39,6 @@ void touch(const std::string& path, time_t mtime)
     std::ofstream(path) << "x";
     struct timeval times[2] = {{mtime, 0}, {mtime, 0}};
     utimes(path.c_str(), times);
-}
-
-std::set<std::string> listDir(const std::string& dir)
-{
-    std::set<std::string> names;
-    if (DIR* d = opendir(dir.c_str())) {
-        while (struct dirent* e = readdir(d))
-            if (e->d_name[0] != '.') names.insert(e->d_name);
-        closedir(d);
-    }
-    return names;
 }
 
 bool isRealDir(const std::string& path)
@@ -96,46 +85,6 @@ TEST(Log, PruningKeepsTheTwentyNewestTxtFiles)
     nkrlog::removeOldLogFiles(dir, 20);
     EXPECT_EQ(listDir(dir).size(), 23u);
     nkrlog::removeOldLogFiles(dir + "missing/", 20);  // only a message on stderr
-}
-
-TEST(Log, PlantedLinksFilesAndForeignDirectoriesAreRefused)
-{
-    TempDir tmp;
-    ASSERT_FALSE(tmp.path().empty());
-    const std::string victim = tmp.path() + "/victim";
-    ASSERT_EQ(mkdir(victim.c_str(), 0755), 0);
-
-    // A link in place of the first directory the library creates.
-    mkdir((tmp.path() + "/a").c_str(), 0755);
-    symlink(victim.c_str(), (tmp.path() + "/a/htx").c_str());
-    EXPECT_FALSE(nkrlog::prepareLogDir(tmp.path() + "/a/htx/log/nkr_sdk/"));
-
-    // A link in place of the last one.
-    mkdir((tmp.path() + "/b").c_str(), 0755);
-    mkdir((tmp.path() + "/b/htx").c_str(), 0755);
-    mkdir((tmp.path() + "/b/htx/log").c_str(), 0755);
-    symlink(victim.c_str(), (tmp.path() + "/b/htx/log/nkr_sdk").c_str());
-    EXPECT_FALSE(nkrlog::prepareLogDir(tmp.path() + "/b/htx/log/nkr_sdk/"));
-    EXPECT_TRUE(listDir(victim).empty());
-
-    // A plain file in place of a directory.
-    mkdir((tmp.path() + "/c").c_str(), 0755);
-    touch(tmp.path() + "/c/htx", 0);
-    EXPECT_FALSE(nkrlog::prepareLogDir(tmp.path() + "/c/htx/log/nkr_sdk/"));
-
-    // A directory someone else owns (only root can arrange that here).
-    if (geteuid() == 0) {
-        mkdir((tmp.path() + "/d").c_str(), 0755);
-        mkdir((tmp.path() + "/d/htx").c_str(), 0777);
-        ASSERT_EQ(chown((tmp.path() + "/d/htx").c_str(), 65534, 65534), 0);
-        EXPECT_FALSE(nkrlog::prepareLogDir(tmp.path() + "/d/htx/log/nkr_sdk/"));
-        EXPECT_FALSE(isRealDir(tmp.path() + "/d/htx/log"));
-    }
-
-    // A clean tree is created, and accepted again once it exists.
-    EXPECT_TRUE(nkrlog::prepareLogDir(tmp.path() + "/e/htx/log/nkr_sdk/"));
-    EXPECT_TRUE(isRealDir(tmp.path() + "/e/htx/log/nkr_sdk"));
-    EXPECT_TRUE(nkrlog::prepareLogDir(tmp.path() + "/e/htx/log/nkr_sdk/"));
 }
 
 TEST(Log, LinesCarryTimeLevelAndSourceInOneFilePerProcess)

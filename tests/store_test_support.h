@@ -1,10 +1,12 @@
 // Helpers for the settings-store tests: the per-process HOME's config
-// directory and whole-file reads and writes.
+// directory, whole-file reads and writes, directory listings.
 #pragma once
+#include <dirent.h>
 #include <sys/stat.h>
 
 #include <cstdlib>
 #include <fstream>
+#include <set>
 #include <sstream>
 #include <string>
 
@@ -36,6 +38,18 @@ inline unsigned modeOf(const std::string& path)
 {
     struct stat st {};
     return stat(path.c_str(), &st) == 0 ? (st.st_mode & 07777) : 0;
+}
+
+// The names in a directory, without the dot entries.
+inline std::set<std::string> listDir(const std::string& dir)
+{
+    std::set<std::string> names;
+    if (DIR* d = opendir(dir.c_str())) {
+        while (struct dirent* e = readdir(d))
+            if (e->d_name[0] != '.') names.insert(e->d_name);
+        closedir(d);
+    }
+    return names;
 }
 
 }  // namespace storetest
