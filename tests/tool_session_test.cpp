@@ -1,4 +1,4 @@
-// The nkr tool's errors, Bluetooth sessions, firmware update and demo.
+// The nkr tool's errors and help, Bluetooth sessions, firmware update and demo.
 #include "tool_support.h"
 
 namespace nkrtest {
@@ -21,11 +21,28 @@ TEST_F(ToolTest, ToolErrorsNameTheCodeAndSetTheExitStatus)
     ToolRun missing = run("--ble 'No Such Unit' info");
     EXPECT_EQ(missing.status, 2);
     EXPECT_NE(missing.err.find("No Such Unit"), std::string::npos) << missing.err;
+
+    // Errors in text mode go to stderr only.
+    ToolRun text = run("info 9");
+    EXPECT_EQ(text.status, 2);
+    EXPECT_TRUE(text.out.empty()) << text.out;
+    EXPECT_NE(text.err.find("nkr: error:"), std::string::npos);
+}
+
+TEST_F(ToolTest, ToolHelpNamesEveryCommand)
+{
+    ToolRun help = runTool("", "--help");
+    ASSERT_EQ(help.status, 0);
+    for (const char* command : {"list", "info", "move", "stop", "sync", "set", "watch", "firmware", "demo"})
+        EXPECT_NE(help.out.find(std::string("\n  ") + command + " "), std::string::npos) << command;
+    EXPECT_NE(runTool("", "move --help").out.find("Ctrl-C"), std::string::npos);
+    EXPECT_NE(runTool("", "--version").out.find("1, 7, 7, 0"), std::string::npos);
 }
 
 TEST_F(ToolTest, ToolBluetoothUnitByNameOrAddress)
 {
-    ToolRun r = run("--json --ble 'NKR Pro_A1B2' info");
+    const std::string unit = "--ble 'NKR Pro_A1B2' ";
+    ToolRun r = run("--json " + unit + "info");
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(jsonString(r.out, "link"), "ble");
     EXPECT_GE(jsonInt(r.out, "id").value_or(0), 50);
@@ -35,12 +52,32 @@ TEST_F(ToolTest, ToolBluetoothUnitByNameOrAddress)
     std::optional<std::string> address = jsonString(r.out, "ble_address");
     ASSERT_TRUE(address.has_value());
 
+    ToolRun sync = run("--json " + unit + "sync 20000");
+    ASSERT_EQ(sync.status, 0) << sync.err;
+    EXPECT_EQ(jsonInt(sync.out, "position"), 20000);
+    ToolRun set = run("--json " + unit + "set led=on backlash=7");
+    ASSERT_EQ(set.status, 0) << set.err;
+    EXPECT_EQ(jsonRaw(set.out, "led"), "true");
+    EXPECT_EQ(jsonInt(set.out, "backlash"), 7);
+
     // The same unit by its address, moved; the option may follow the command.
     ToolRun moved = run("--json move +300 --ble '" + *address + "'");
     ASSERT_EQ(moved.status, 0) << moved.err;
     EXPECT_EQ(jsonInt(moved.lines().back(), "position"), jsonInt(moved.lines().front(), "start").value_or(0) + 300);
 
-    ToolRun named = run("--json --ble 'NKR Pro_A1B2' set ble-name=Scope1");
+    ToolRun watch = run("--json " + unit + "watch --count 2 --interval 50");
+    ASSERT_EQ(watch.status, 0) << watch.err;
+    EXPECT_EQ(watch.lines().size(), 2u);
+    ToolRun stop = run("--json " + unit + "stop");
+    ASSERT_EQ(stop.status, 0) << stop.err;
+    EXPECT_EQ(jsonRaw(stop.out, "stopped"), "true");
+    ToolRun text = run(unit + "info");
+    ASSERT_EQ(text.status, 0) << text.err;
+    EXPECT_NE(text.out.find("Bluetooth address"), std::string::npos);
+    EXPECT_NE(text.out.find("87 %"), std::string::npos);
+
+    // Last: the unit is found by its old name no more.
+    ToolRun named = run("--json " + unit + "set ble-name=Scope1");
     ASSERT_EQ(named.status, 0) << named.err;
     EXPECT_EQ(jsonString(named.out, "ble-name"), "Scope1");
 }
@@ -79,7 +116,8 @@ TEST_F(ToolTest, ToolDemoRunsToItsSummary)
     EXPECT_NE(r.out.find("battery 87 %"), std::string::npos);
     EXPECT_NE(r.out.find("position kept after reopening"), std::string::npos);
 
-    ToolRun json = run("--json demo");
+    // Demo needs the simulator and selects it by itself.
+    ToolRun json = runTool("", "--json demo");
     ASSERT_EQ(json.status, 0) << json.err;
     ASSERT_EQ(json.lines().size(), 1u);
     EXPECT_EQ(jsonRaw(json.out, "ok"), "true");
