@@ -80,55 +80,49 @@ protected:
     }
 };
 
-TEST_F(FaultLog, CleanTmpGetsTheLog)
+// Each planting in a fresh private /tmp: the units keep working, the log
+// comes to exist only in a clean /tmp, and nothing is written through a link.
+TEST_F(FaultLog, PlantedOrUnusableLogDirectoriesAreNeverWrittenInto)
 {
-    runScenario("clean", [] { return 0; }, true);
-}
-
-TEST_F(FaultLog, PlantedLinksAreNotFollowed)
-{
-    runScenario("link in place of /tmp/htx",
-                [] { return symlink("/tmp/victim", "/tmp/htx"); }, false);
-    runScenario("link in place of nkr_sdk", [] {
-        return mkdir("/tmp/htx", 0755) | mkdir("/tmp/htx/log", 0755) |
-               symlink("/tmp/victim", "/tmp/htx/log/nkr_sdk");
-    }, false);
-    runScenario("dangling link in place of log", [] {
-        return mkdir("/tmp/htx", 0755) | symlink("/tmp/victim/missing", "/tmp/htx/log");
-    }, false);
-}
-
-TEST_F(FaultLog, FileWhereADirectoryShouldBe)
-{
-    runScenario("file in place of /tmp/htx/log", [] {
-        if (mkdir("/tmp/htx", 0755) != 0) return 1;
-        std::ofstream("/tmp/htx/log") << "x";
-        return 0;
-    }, false);
-}
-
-TEST_F(FaultLog, DirectoryOfAnotherUserIsNotWrittenInto)
-{
-    if (geteuid() != 0) GTEST_SKIP() << "only root can give a directory to another user";
-    // World-writable, so only the owner check keeps the library out.
-    runScenario("foreign htx", [] {
-        return mkdir("/tmp/htx", 0777) | chmod("/tmp/htx", 0777) | chown("/tmp/htx", 65534, 65534);
-    }, false);
-    runScenario("foreign nkr_sdk", [] {
-        return mkdir("/tmp/htx", 0755) | mkdir("/tmp/htx/log", 0755) |
-               mkdir("/tmp/htx/log/nkr_sdk", 0777) | chmod("/tmp/htx/log/nkr_sdk", 0777) |
-               chown("/tmp/htx/log/nkr_sdk", 65534, 65534);
-    }, false);
-}
-
-TEST_F(FaultLog, DirectoryThatCannotBeCreated)
-{
-    // /tmp/htx is ours but read-only: "log" cannot be made below it.
-    runScenario("read-only /tmp/htx", [] {
-        if (mkdir("/tmp/htx", 0755) != 0) return 1;
-        if (mount("/tmp/htx", "/tmp/htx", nullptr, MS_BIND, nullptr) != 0) return 2;
-        return mount(nullptr, "/tmp/htx", nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr);
-    }, false);
+    struct Case {
+        const char* name;
+        bool expectLog, rootOnly;  // only root can give a directory to another user
+        std::function<int()> plant;
+    };
+    const Case cases[] = {
+        {"clean", true, false, [] { return 0; }},
+        {"link in place of /tmp/htx", false, false, [] { return symlink("/tmp/victim", "/tmp/htx"); }},
+        {"link in place of nkr_sdk", false, false,
+         [] {
+             return mkdir("/tmp/htx", 0755) | mkdir("/tmp/htx/log", 0755) |
+                    symlink("/tmp/victim", "/tmp/htx/log/nkr_sdk");
+         }},
+        {"dangling link in place of log", false, false,
+         [] { return mkdir("/tmp/htx", 0755) | symlink("/tmp/victim/missing", "/tmp/htx/log"); }},
+        {"file in place of /tmp/htx/log", false, false,
+         [] {
+             if (mkdir("/tmp/htx", 0755) != 0) return 1;
+             std::ofstream("/tmp/htx/log") << "x";
+             return 0;
+         }},
+        // World-writable, so only the owner check keeps the library out.
+        {"foreign htx", false, true,
+         [] { return mkdir("/tmp/htx", 0777) | chmod("/tmp/htx", 0777) | chown("/tmp/htx", 65534, 65534); }},
+        {"foreign nkr_sdk", false, true,
+         [] {
+             return mkdir("/tmp/htx", 0755) | mkdir("/tmp/htx/log", 0755) | mkdir("/tmp/htx/log/nkr_sdk", 0777) |
+                    chmod("/tmp/htx/log/nkr_sdk", 0777) | chown("/tmp/htx/log/nkr_sdk", 65534, 65534);
+         }},
+        // /tmp/htx is ours but read-only: "log" cannot be made below it.
+        {"read-only /tmp/htx", false, false,
+         [] {
+             if (mkdir("/tmp/htx", 0755) != 0) return 1;
+             if (mount("/tmp/htx", "/tmp/htx", nullptr, MS_BIND, nullptr) != 0) return 2;
+             return mount(nullptr, "/tmp/htx", nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr);
+         }},
+    };
+    for (const Case& c : cases)
+        if (!c.rootOnly || geteuid() == 0) runScenario(c.name, c.plant, c.expectLog);
 }
 
 // ---- home directory ---------------------------------------------------------

@@ -16,7 +16,7 @@
 #include <regex>
 #include <string>
 
-#include "store/XmlStore.h"
+#include "device/NKR.h"
 #include "store_test_support.h"
 #include "test_support.h"
 
@@ -51,23 +51,16 @@ inline std::optional<Saved> savedRecord(const std::string& path = settingsPath()
     return Saved{*p, *b, *be, *m, *r};
 }
 
+// Saves a record as an earlier session's close would have.
 inline void writeSavedRecord(const Saved& s)
 {
-    xmlHandle h;
-    if (!XMLCreateKey("NKRconfig.xml", "software\\HTX_Drevomat", &h, nullptr)) return;
-    auto put = [&](const char* name, int value) {
-        const auto u = static_cast<unsigned>(value);
-        const unsigned char bytes[4] = {static_cast<unsigned char>(u), static_cast<unsigned char>(u >> 8),
-                                        static_cast<unsigned char>(u >> 16),
-                                        static_cast<unsigned char>(u >> 24)};
-        XMLSetValueEx(&h, name, nullptr, 4, bytes, 4);
-    };
-    put("Position", s.position);
-    put("Backlash", s.backlash);
-    put("Beep", s.beep);
-    put("MaxStep", s.maxStep);
-    put("Reverse", s.reverse);
-    XMLCloseKey(&h);
+    CNKR unit;
+    unit.step = s.position;
+    unit.iBacklash = s.backlash;
+    unit.bBeep = s.beep == 1;
+    unit.maxstep = s.maxStep;
+    unit.bReverse = s.reverse == 1;
+    unit.SaveSetting();
 }
 
 // Exit code of a child that could not get a private /tmp (no permission for
