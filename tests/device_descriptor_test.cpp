@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -42,14 +43,6 @@ protected:
         out.write(reinterpret_cast<const char*>(d.data()), static_cast<std::streamsize>(d.size()));
     }
 
-    // Scans the descriptor of /dev/<node>; lengths start at -1.
-    int scan(const std::string& node, int* in, int* out)
-    {
-        *in = -1;
-        *out = -1;
-        return get_hid_report_descriptor_linux_mac(nullptr, ("/dev/" + node).c_str(), in, out);
-    }
-
     std::string root_, saved_;
     bool hadRoot_ = false;
 };
@@ -65,62 +58,47 @@ Bytes focuserDescriptor(unsigned char outputCount)
 
 TEST_F(DeviceDescriptor, ReportSizeAndCountGiveTheLengthsOfReports1And3)
 {
-    int in, out;
-    writeDescriptor("hidraw0", focuserDescriptor(63));
-    EXPECT_EQ(scan("hidraw0", &in, &out), 0);
-    EXPECT_EQ(in, 17);
-    EXPECT_EQ(out, 64);
+    struct Case {
+        const char* why;
+        std::string node;
+        std::optional<Bytes> file;  // nullopt: no descriptor file for the node
+        int result, in, out;        // lengths start at -1
+    };
+    const std::string longName(32, 'h');
+    const Case cases[] = {
+        {"64-byte output", "hidraw0", focuserDescriptor(63), 0, 17, 64},
+        {"16-byte output", "hidraw1", focuserDescriptor(15), 0, 17, 16},
+        // Items of other report ids do not count; 12-bit sizes round down to 1 byte.
+        {"other ids, odd size", "hidraw2",
+         Bytes{0x85, 0x02, 0x75, 0x08, 0x95, 0x20, 0x81, 0x02, 0x91, 0x02, 0x85, 0x03, 0x75, 0x0C, 0x95, 0x05,
+               0x91, 0x02},
+         0, -1, 6},
+        // Logical Minimum 0x81 (-127) under report 1 is taken for an Input item;
+        // the 0x91 consumed as Report Count data is not an Output item.
+        {"data bytes scanned as items", "hidraw3",
+         Bytes{0x85, 0x01, 0x75, 0x08, 0x95, 0x04, 0x15, 0x81, 0x85, 0x03, 0x95, 0x91}, 0, 5, -1},
+        // A size/count/id prefix as the last byte ends the scan without reading on.
+        {"truncated", "hidraw4", Bytes{0x85, 0x03, 0x75, 0x08, 0x95, 0x07, 0x91, 0x02, 0x75}, 0, -1, 8},
+        {"empty", "hidraw5", Bytes{}, 0, -1, -1},
+        {"missing", "hidraw9", std::nullopt, -1, -1, -1},
+        // A node name too long for its 32-character room is refused, not truncated.
+        {"name of 32", longName, focuserDescriptor(63), -1, -1, -1},
+        {"name of 31", longName.substr(1), focuserDescriptor(63), 0, 17, 64},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.why);
+        if (c.file) writeDescriptor(c.node, *c.file);
+        int in = -1, out = -1;
+        EXPECT_EQ(get_hid_report_descriptor_linux_mac(nullptr, ("/dev/" + c.node).c_str(), &in, &out), c.result);
+        EXPECT_EQ(in, c.in);
+        EXPECT_EQ(out, c.out);
+    }
 
-    writeDescriptor("hidraw1", focuserDescriptor(15));
-    EXPECT_EQ(scan("hidraw1", &in, &out), 0);
-    EXPECT_EQ(out, 16);
-
-    // Items of other report ids do not count; 12-bit sizes round down to 1 byte.
-    writeDescriptor("hidraw2", {0x85, 0x02, 0x75, 0x08, 0x95, 0x20, 0x81, 0x02, 0x91, 0x02,
-                                0x85, 0x03, 0x75, 0x0C, 0x95, 0x05, 0x91, 0x02});
-    EXPECT_EQ(scan("hidraw2", &in, &out), 0);
-    EXPECT_EQ(in, -1);
-    EXPECT_EQ(out, 6);
-
-    // Null length pointers are skipped.
-    EXPECT_EQ(get_hid_report_descriptor_linux_mac(nullptr, "/dev/hidraw0", nullptr, nullptr), 0);
-}
-
-TEST_F(DeviceDescriptor, DataBytesAreScannedAsIfTheyWereItems)
-{
-    int in, out;
-    // Logical Minimum 0x81 (-127) under report 1 is taken for an Input item;
-    // the 0x91 consumed as Report Count data is not an Output item.
-    writeDescriptor("hidraw0", {0x85, 0x01, 0x75, 0x08, 0x95, 0x04, 0x15, 0x81,
-                                0x85, 0x03, 0x95, 0x91});
-    EXPECT_EQ(scan("hidraw0", &in, &out), 0);
-    EXPECT_EQ(in, 5);
-    EXPECT_EQ(out, -1);
-}
-
-TEST_F(DeviceDescriptor, TruncatedEmptyAndMissingDescriptors)
-{
-    int in, out;
-    // A size/count/id prefix as the last byte ends the scan without reading on.
-    writeDescriptor("hidraw0", {0x85, 0x03, 0x75, 0x08, 0x95, 0x07, 0x91, 0x02, 0x75});
-    EXPECT_EQ(scan("hidraw0", &in, &out), 0);
-    EXPECT_EQ(out, 8);
-
-    writeDescriptor("hidraw1", {});
-    EXPECT_EQ(scan("hidraw1", &in, &out), 0);
-    EXPECT_EQ(in, -1);
-    EXPECT_EQ(out, -1);
-
-    EXPECT_EQ(scan("hidraw9", &in, &out), -1);
+    int in = -1, out = -1;
     EXPECT_EQ(get_hid_report_descriptor_linux_mac(nullptr, "/dev", &in, &out), -1);
     EXPECT_EQ(get_hid_report_descriptor_linux_mac(nullptr, nullptr, &in, &out), -1);
-    // A node name too long for its 32-character room is refused, not truncated.
-    const std::string longName(32, 'h');
-    writeDescriptor(longName, focuserDescriptor(63));
-    EXPECT_EQ(scan(longName, &in, &out), -1);
-    writeDescriptor(longName.substr(1), focuserDescriptor(63));
-    EXPECT_EQ(scan(longName.substr(1), &in, &out), 0);
-    EXPECT_EQ(out, 64);
+    // Null length pointers are skipped.
+    EXPECT_EQ(get_hid_report_descriptor_linux_mac(nullptr, "/dev/hidraw0", nullptr, nullptr), 0);
 }
 
 }  // namespace

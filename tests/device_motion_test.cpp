@@ -1,5 +1,5 @@
 // Motion and motor settings: the control frame byte for byte, clamps, the
-// moving lock-out and stop.
+// moving lock-out and stop, and a whole move polled to its end.
 #include <cerrno>
 
 #include "device_support.h"
@@ -14,7 +14,7 @@ class DeviceSettings : public DeviceTest {};
 
 Bytes slice(const Bytes& b, size_t from, size_t to) { return Bytes(b.begin() + from, b.begin() + to); }
 
-TEST_F(DeviceMotion, SixteenBitFrameCarriesSpeedAndTarget)
+TEST_F(DeviceMotion, FrameCarriesTheSpeedUpTo335AndHighBytesFrom336)
 {
     nkrsim::UnitId unit;
     int id = openQuiet(unitWithFirmware(335), &unit);
@@ -26,16 +26,12 @@ TEST_F(DeviceMotion, SixteenBitFrameCarriesSpeedAndTarget)
     EXPECT_EQ(slice(f, 6, 11), (Bytes{0x01, 0x02, 0x03, 0xE8, 0x00}));
     EXPECT_EQ(slice(f, 14, 16), (Bytes{0xEA, 0x60}));  // maximum 60000 as reported
     EXPECT_EQ(nkrsim::state(unit).target, 1000);
-}
 
-TEST_F(DeviceMotion, TwentyFourBitFrameCarriesHighBytesInsteadOfSpeed)
-{
     nkrsim::UnitSpec spec = unitWithFirmware(336);
     spec.maxStep = 0x050607;
-    nkrsim::UnitId unit;
-    int id = openQuiet(spec, &unit);
+    id = openQuiet(spec, &unit);
     ASSERT_EQ(NKRMove(id, 0x012345), NKR_SUCCESS);
-    Bytes f = devicetest::lastControlFrame(unit);
+    f = devicetest::lastControlFrame(unit);
     ASSERT_EQ(f.size(), 16u);
     EXPECT_EQ(slice(f, 6, 10), (Bytes{0x05, 0x01, 0x23, 0x45}));
     EXPECT_EQ(slice(f, 14, 16), (Bytes{0x06, 0x07}));
@@ -192,6 +188,27 @@ TEST_F(DeviceSettings, StepRangeAnswersWithoutTheUnit)
     CNKR bare;
     EXPECT_EQ(bare.getStepRange(&range, false), NKR_SUCCESS);
     EXPECT_EQ(range, 60000);
+}
+
+TEST_F(DeviceMotion, UsbMoveThroughTheExportsRunsOnTheClockAndEndsAtTheTarget)
+{
+    nkrsim::UnitSpec spec = unitWithFirmware(336);
+    spec.stepsPerSecond = 2000;
+    int id = openUnit(spec);
+    ASSERT_EQ(NKRMove(id, 100000), NKR_SUCCESS);
+    // 70000 steps at 2000 per second: about 35 s of simulated time.
+    int polls = 0;
+    for (bool moving = true; moving && polls < 1000; ++polls) {
+        ASSERT_EQ(NKRIsMoving(id, &moving, nullptr), NKR_SUCCESS);
+        if (moving) nkrsim::advanceMicros(100'000);
+    }
+    EXPECT_GT(polls, 300);
+    EXPECT_LT(polls, 1000);
+    int pos = -1;
+    ASSERT_EQ(NKRGetPosition(id, &pos), NKR_SUCCESS);
+    EXPECT_EQ(pos, 100000);
+    // Settings can change again once the move is over.
+    EXPECT_EQ(NKRSetBacklash(id, 3), NKR_SUCCESS);
 }
 
 }  // namespace
