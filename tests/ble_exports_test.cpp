@@ -1,6 +1,7 @@
 // A Bluetooth unit driven through the exports, as a host drives it: the ids
-// the session hands out, every per-device export over the link with the
-// payloads it sends, and short or refused answers.
+// the session hands out, all information in one request, raw data, every
+// per-device export over the link with the payloads it sends, and short or
+// refused answers.
 #include <cstring>
 #include <string>
 #include <vector>
@@ -45,7 +46,7 @@ protected:
     int id = -1;
 };
 
-TEST_F(BleExports, SessionIdsAllInformationAndRawData)
+TEST_F(BleExports, SessionIdsAndAllInformation)
 {
     // Ids are handed out as a stack: 50, then 51, and after disconnecting 50
     // the next connect gets 51 once more.
@@ -54,20 +55,53 @@ TEST_F(BleExports, SessionIdsAllInformationAndRawData)
     const int second = nkrtest::connectAndPair(older, olderUnit);
     EXPECT_EQ(second, NKR_BLE_FIRST_ID + 1);
 
-    // All information: 49 is no Bluetooth id; firmware 366 lacks the request
-    // and the record comes back zeroed.
+    nkrsim::update(unit, [](nkrsim::UnitState& s) {
+        s.position = 0x0927C0;
+        s.backlash = 7;
+        s.tempRaw = 32550;
+        s.beep = true;
+        s.handControl = true;
+        s.maxStep = 500000;
+        s.motorErr = "E5";
+        s.batteryErr = "E7";
+    });
     _NKR_ALL_INFO info;
+    ASSERT_EQ(NKRBLEgetAllInfo(id, &info), NKR_SUCCESS);
+    EXPECT_EQ(info.MoveState, 0);
+    EXPECT_EQ(info.Backlash, 7);
+    EXPECT_EQ(info.Step, 600000);
+    EXPECT_FLOAT_EQ(info.Temperature, 25.5f);
+    EXPECT_EQ(info.Beep, 1);
+    EXPECT_EQ(info.Reverse, 0);
+    EXPECT_EQ(info.HandControl, 1);
+    EXPECT_EQ(info.MaxStep, 500000);
+    EXPECT_EQ(info.BleControl, 1);
+    EXPECT_EQ(std::string(info.MotorErrCode, 2), "E5");
+    EXPECT_EQ(std::string(info.BatteryErrCode, 2), "E7");
+    EXPECT_EQ(info.Battery.battery_temp, 25);
+    EXPECT_EQ(info.Battery.battery_percentage, 87);
+
+    // A temperature word of 0 (-300 degrees) repeats the last good value.
+    nkrsim::update(unit, [](nkrsim::UnitState& s) { s.tempRaw = 0; });
+    ASSERT_EQ(NKRBLEgetAllInfo(id, &info), NKR_SUCCESS);
+    EXPECT_FLOAT_EQ(info.Temperature, 25.5f);
+
+    // An answer shorter than 20 bytes (valid frame, status 0), or none, is refused.
+    Bytes shortFrame = {0x01, 0x0C, uint8_t(nkrsim::sentFrames(unit).back()[2] + 1), 0x00,
+                        0x01, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0};
+    shortFrame.push_back(BLEProtocol::calculateChecksum(shortFrame.data(), 20));
+    nkrsim::bleRawAnswer(unit, shortFrame);
+    EXPECT_EQ(NKRBLEgetAllInfo(id, &info), NKR_ERROR_INVALID_VALUE);
+    nkrsim::bleSilence(unit, 1);
+    EXPECT_EQ(NKRBLEgetAllInfo(id, &info), NKR_ERROR_INVALID_VALUE);
+
+    // 49 is no Bluetooth id; firmware 366 lacks the request and the record
+    // comes back zeroed.
     std::memset(&info, 0x5A, sizeof info);
     EXPECT_EQ(NKRBLEgetAllInfo(49, &info), NKR_ERROR_INVALID_ID);
     EXPECT_EQ(info.Step, 0x5A5A5A5A);
     EXPECT_EQ(NKRBLEgetAllInfo(second, &info), NKR_ERROR_NOT_SUPPORTED);
     EXPECT_EQ(info.Step, 0);
-
-    // Raw data reports success even when the unit stays silent.
-    unsigned char data[13] = {0x00, 0x04, 0x42, 0x02, 0x7E, 0x5A, 0x02, 0x03}, out[13] = {};
-    nkrsim::bleSilence(unit, 1);
-    EXPECT_EQ(NKRBLESendData(id, 0, data, sizeof data, true, out), NKR_SUCCESS);
-    EXPECT_EQ(NKRBLESendData(NKR_BLE_FIRST_ID + 5, 0, data, sizeof data, true, out), NKR_ERROR_INVALID_ID);
 
     // An export without a Bluetooth branch takes the id for a USB slot.
     EXPECT_EQ(NKRSetSpeed(id, 100), NKR_ERROR_INVALID_ID);
@@ -76,6 +110,45 @@ TEST_F(BleExports, SessionIdsAllInformationAndRawData)
     int next = -1;
     NKRBLEConnect(spec.bleName.c_str(), nkrsim::bleAddress(unit).c_str(), &next);
     EXPECT_EQ(next, NKR_BLE_FIRST_ID + 1);
+}
+
+TEST_F(BleExports, RawDataPassesThroughUnframedAndAlwaysReportsSuccess)
+{
+    // A whole status request frame as raw data; the HID-sized payload makes
+    // the request longer than the unit's answer.
+    BLEProtocol::ProtoRequest request;
+    request.command = BLEProtocol::CMD_DEVICE;
+    request.data = {0x7E, 0x5A, 0x02, 0x03, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0};
+    request.length = uint8_t(request.data.size());
+    request.sequence = 0xC8;
+    Bytes frame;
+    BLEProtocol::encodeRequest(request, frame);
+
+    // The raw path does not set the read flag itself: a waited request first.
+    int pos = -1;
+    ASSERT_EQ(NKRGetPosition(id, &pos), NKR_SUCCESS);
+    Bytes output(frame.size(), 0xEE);
+    ASSERT_EQ(NKRBLESendData(id, 0, frame.data(), int(frame.size()), true, output.data()), NKR_SUCCESS);
+    EXPECT_EQ(nkrsim::sentFrames(unit).back(), frame);
+    EXPECT_EQ(output[0], 0x01);
+    EXPECT_EQ(output[2], 0xC8);
+    EXPECT_EQ(output.back(), 0xEE);
+
+    // An answer longer than the data sent is not copied; silence neither.
+    // The export reports success all the same.
+    Bytes shortFrame;
+    request.data.resize(4);
+    request.length = 4;
+    BLEProtocol::encodeRequest(request, shortFrame);
+    const Bytes untouched(shortFrame.size(), 0xEE);
+    output = untouched;
+    EXPECT_EQ(NKRBLESendData(id, 0, shortFrame.data(), int(shortFrame.size()), true, output.data()), NKR_SUCCESS);
+    EXPECT_EQ(output, untouched);
+    nkrsim::bleSilence(unit, 1);
+    EXPECT_EQ(NKRBLESendData(id, 0, shortFrame.data(), int(shortFrame.size()), true, output.data()), NKR_SUCCESS);
+    EXPECT_EQ(output, untouched);
+    EXPECT_EQ(NKRBLESendData(NKR_BLE_FIRST_ID + 5, 0, shortFrame.data(), 4, true, output.data()),
+              NKR_ERROR_INVALID_ID);
 }
 
 TEST_F(BleExports, EveryExportOverTheLink)

@@ -1,5 +1,6 @@
-// Bluetooth session operations of the device object. A missing or broken
-// helper library is covered through the exports in FaultHelper.
+// Bluetooth session operations of the device object: scan, connect,
+// connection reports, pairing. The exports' side is in BleExports; a missing
+// or broken helper library in FaultHelper.
 #include <cstring>
 #include <string>
 #include <thread>
@@ -92,15 +93,9 @@ TEST_F(BleSession, ConnectDisconnectAndTheConnectionCallback)
     EXPECT_NE(g_reportThread, std::this_thread::get_id()) << "the helper reports from a thread of its own";
     EXPECT_FALSE(device->m_bBleConnected);
     EXPECT_FALSE(device->bIsBleControl);
-
-    auto second = connect(bleUnitWithFirmware(382), &unit);
-    EXPECT_EQ(second->BLEDisconnect(), NKR_SUCCESS);
-    EXPECT_FALSE(second->m_bBleConnected);
-    EXPECT_FALSE(second->bIsBleControl);
-    EXPECT_EQ(nkrsim::bleConnections(unit), 0);
 }
 
-TEST_F(BleSession, PairingFailuresAndTheCapabilitiesOfAPairedUnit)
+TEST_F(BleSession, PairingFailuresAndWhatAPairingReads)
 {
     nkrsim::UnitId unit = -1;
     auto device = connect(bleUnitWithFirmware(382), &unit);
@@ -116,133 +111,24 @@ TEST_F(BleSession, PairingFailuresAndTheCapabilitiesOfAPairedUnit)
     EXPECT_EQ(nkrsim::bleConnections(unit), 0);
     EXPECT_FALSE(device->m_bBleConnected);
 
-    struct Case {
-        int fw;
-        bool usbUpdate, bleUpdate;
-    };
-    for (Case c : {Case{382, true, true}, Case{381, true, false}, Case{369, false, false}}) {
-        SCOPED_TRACE(c.fw);
-        device = connect(bleUnitWithFirmware(c.fw), &unit);
-        ASSERT_EQ(device->BLEPair(), NKR_SUCCESS);
-        EXPECT_TRUE(nkrsim::state(unit).paired);
-        Bytes first = nkrsim::sentFrames(unit).front();
-        EXPECT_EQ(first[3], BLEProtocol::CMD_PAIR);
-        EXPECT_EQ(std::string(first.begin() + 4, first.begin() + 4 + first[1]), "00:1A:7D:DA:71:13");
-        EXPECT_EQ(device->fwVersion, c.fw);
-        EXPECT_TRUE(device->m_bCanFactory);
-        EXPECT_EQ(device->bSupportUsbUpdate, c.usbUpdate);
-        EXPECT_EQ(device->bSupportBleUpdate, c.bleUpdate);
-        EXPECT_EQ(device->m_iStepLimit, 600000);
-        EXPECT_EQ(device->step, nkrsim::state(unit).position);
-
-        EXPECT_EQ(device->BLEClearPair(), NKR_SUCCESS);
-        EXPECT_FALSE(nkrsim::state(unit).paired);
-    }
+    // Pairing sends the adapter's address, then reads the firmware and the status.
+    device = connect(bleUnitWithFirmware(382), &unit);
+    ASSERT_EQ(device->BLEPair(), NKR_SUCCESS);
+    EXPECT_TRUE(nkrsim::state(unit).paired);
+    Bytes first = nkrsim::sentFrames(unit).front();
+    EXPECT_EQ(first[3], BLEProtocol::CMD_PAIR);
+    EXPECT_EQ(std::string(first.begin() + 4, first.begin() + 4 + first[1]), "00:1A:7D:DA:71:13");
+    EXPECT_EQ(device->fwVersion, 382);
+    EXPECT_EQ(device->m_iStepLimit, 600000);
+    EXPECT_EQ(device->step, nkrsim::state(unit).position);
+    EXPECT_EQ(device->BLEClearPair(), NKR_SUCCESS);
+    EXPECT_FALSE(nkrsim::state(unit).paired);
 
     // Firmware up to 335 gains no capabilities.
     device = connect(bleUnitWithFirmware(335), &unit);
     ASSERT_EQ(device->BLEPair(), NKR_SUCCESS);
     EXPECT_FALSE(device->m_bCanFactory);
     EXPECT_EQ(device->m_iStepLimit, 60000);
-}
-
-TEST_F(BleSession, AllInformationInOneRequest)
-{
-    nkrsim::UnitId unit = -1;
-    auto old = connect(bleUnitWithFirmware(366), &unit);
-    _NKR_ALL_INFO info{};
-    info.Step = 99;
-    EXPECT_EQ(old->BLEGetAllInfo(&info), NKR_ERROR_NOT_SUPPORTED);
-    EXPECT_EQ(info.Step, 99);
-
-    auto device = connect(bleUnitWithFirmware(382), &unit);
-    device->fwVersion = 382;  // as pairing would have set it
-    nkrsim::update(unit, [](nkrsim::UnitState& s) {
-        s.position = 0x0927C0;
-        s.backlash = 7;
-        s.tempRaw = 32550;
-        s.beep = true;
-        s.handControl = true;
-        s.maxStep = 500000;
-        s.motorErr = "E5";
-        s.batteryErr = "E7";
-    });
-    info = {};
-    ASSERT_EQ(device->BLEGetAllInfo(&info), NKR_SUCCESS);
-    EXPECT_EQ(info.MoveState, 0);
-    EXPECT_EQ(info.Backlash, 7);
-    EXPECT_EQ(info.Step, 600000);
-    EXPECT_FLOAT_EQ(info.Temperature, 25.5f);
-    EXPECT_EQ(info.Beep, 1);
-    EXPECT_EQ(info.Reverse, 0);
-    EXPECT_EQ(info.HandControl, 1);
-    EXPECT_EQ(info.MaxStep, 500000);
-    EXPECT_EQ(info.BleControl, 1);
-    EXPECT_EQ(std::string(info.MotorErrCode, 2), "E5");
-    EXPECT_EQ(std::string(info.BatteryErrCode, 2), "E7");
-    EXPECT_EQ(info.Battery.battery_temp, 25);
-    EXPECT_EQ(info.Battery.battery_percentage, 87);
-    EXPECT_EQ(device->step, 600000);
-
-    // A temperature word of 0 (-300 degrees) repeats the last good value.
-    nkrsim::update(unit, [](nkrsim::UnitState& s) { s.tempRaw = 0; });
-    ASSERT_EQ(device->BLEGetAllInfo(&info), NKR_SUCCESS);
-    EXPECT_FLOAT_EQ(info.Temperature, 25.5f);
-    EXPECT_FLOAT_EQ(device->m_fTemp, 25.5f);
-
-    // An answer shorter than 20 bytes (valid frame, status 0) is refused.
-    Bytes shortFrame = {0x01, 0x0C, uint8_t(nkrsim::sentFrames(unit).back()[2] + 1), 0x00,
-                        0x01, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0};
-    shortFrame.push_back(BLEProtocol::calculateChecksum(shortFrame.data(), 20));
-    nkrsim::bleRawAnswer(unit, shortFrame);
-    EXPECT_EQ(device->BLEGetAllInfo(&info), NKR_ERROR_INVALID_VALUE);
-    nkrsim::bleSilence(unit, 1);
-    EXPECT_EQ(device->BLEGetAllInfo(&info), NKR_ERROR_INVALID_VALUE);
-    EXPECT_EQ(device->BLEGetAllInfo(nullptr), NKR_ERROR_INVALID_VALUE);
-}
-
-TEST_F(BleSession, RawSendPassesBytesThroughUnframed)
-{
-    nkrsim::UnitId unit = -1;
-    auto device = connect(bleUnitWithFirmware(382), &unit);
-
-    // A whole status request frame as raw data; the HID-sized payload makes
-    // the request longer than the unit's answer.
-    BLEProtocol::ProtoRequest request;
-    request.command = BLEProtocol::CMD_DEVICE;
-    request.data = {0x7E, 0x5A, 0x02, 0x03, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0};
-    request.length = uint8_t(request.data.size());
-    request.sequence = 0xC8;
-    Bytes frame;
-    BLEProtocol::encodeRequest(request, frame);
-
-    // The raw path does not set the read flag itself: a waited request first.
-    Bytes answer;
-    ASSERT_EQ(device->bleSendData(BLEProtocol::CMD_DEVICE, statusPayload(), true, answer),
-              NKR_SUCCESS);
-    Bytes output(frame.size(), 0xEE);
-    ASSERT_EQ(device->BLESendData(0, frame.data(), int(frame.size()), true, output.data()),
-              NKR_SUCCESS);
-    EXPECT_EQ(nkrsim::sentFrames(unit).back(), frame);
-    EXPECT_EQ(output[0], 0x01);
-    EXPECT_EQ(output[2], 0xC8);
-    EXPECT_EQ(output.back(), 0xEE);
-
-    // An answer longer than the data sent is refused and not copied.
-    Bytes shortFrame;
-    request.data.resize(4);
-    request.length = 4;
-    BLEProtocol::encodeRequest(request, shortFrame);
-    Bytes untouched(shortFrame.size(), 0xEE);
-    output = untouched;
-    EXPECT_EQ(device->BLESendData(0, shortFrame.data(), int(shortFrame.size()), true, output.data()),
-              NKR_ERROR_INVALID_VALUE);
-    EXPECT_EQ(output, untouched);
-
-    EXPECT_EQ(device->BLESendData(0, shortFrame.data(), int(shortFrame.size()), false, nullptr),
-              NKR_SUCCESS);
-    EXPECT_EQ(device->BLESendData(0, shortFrame.data(), int(shortFrame.size()), true, nullptr),
-              NKR_ERROR_INVALID_VALUE);
 }
 
 }  // namespace

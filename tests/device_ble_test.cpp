@@ -9,7 +9,7 @@ using nkrtest::payloadOf;
 
 class DeviceBle : public nkrtest::BleTest {};
 
-TEST_F(DeviceBle, StatusAnswerIsLaidOverTheHidPositions)
+TEST_F(DeviceBle, StatusAnswerIsLaidOverTheHidPositionsAndTheControlFrameFollowsIt)
 {
     nkrsim::UnitId unit;
     auto d = connect(bleUnitWithFirmware(336), &unit);
@@ -33,6 +33,21 @@ TEST_F(DeviceBle, StatusAnswerIsLaidOverTheHidPositions)
     ASSERT_EQ(frames.size(), 1u);
     EXPECT_EQ(frames[0][3], BLEProtocol::CMD_DEVICE);
     EXPECT_EQ(payloadOf(frames[0]), (Bytes{0x7E, 0x5A, 0x02, 0x03}));
+
+    // The control frame travels without its report id and without waiting.
+    d->m_iStepLimit = 600000;
+    nkrsim::clearSentFrames(unit);
+    ASSERT_EQ(d->SetStep(0x012345, true), NKR_SUCCESS);
+    frames = nkrsim::sentFrames(unit);
+    ASSERT_EQ(frames.size(), 1u);
+    EXPECT_EQ(frames[0][3], BLEProtocol::CMD_DEVICE);
+    Bytes payload = payloadOf(frames[0]);
+    ASSERT_EQ(payload.size(), 15u);
+    EXPECT_EQ(Bytes(payload.begin(), payload.begin() + 4), (Bytes{0x7E, 0x5A, 0x03, 0x01}));
+    EXPECT_EQ(Bytes(payload.begin() + 6, payload.begin() + 9), (Bytes{0x01, 0x23, 0x45}));
+    EXPECT_EQ(nkrsim::state(unit).target, 0x012345);
+    ASSERT_EQ(d->stopMove(true), NKR_SUCCESS);
+    EXPECT_EQ(nkrsim::state(unit).runState, 0);
 }
 
 TEST_F(DeviceBle, ShortStatusAnswerIsRefusedWithoutTouchingTheCache)
@@ -57,29 +72,6 @@ TEST_F(DeviceBle, ShortStatusAnswerIsRefusedWithoutTouchingTheCache)
     EXPECT_EQ(pos, -77);
     EXPECT_EQ(d->step, step);
     EXPECT_EQ(d->m_iMoveState.load(), 0);
-}
-
-TEST_F(DeviceBle, ControlFrameTravelsWithoutItsReportIdAndWithoutWaiting)
-{
-    nkrsim::UnitId unit;
-    auto d = connect(bleUnitWithFirmware(336), &unit);
-    d->fwVersion = 336;
-    d->m_iStepLimit = 600000;
-    nkrsim::clearSentFrames(unit);
-    ASSERT_EQ(d->SetStep(0x012345, true), NKR_SUCCESS);
-    std::vector<Bytes> frames = nkrsim::sentFrames(unit);
-    ASSERT_EQ(frames.size(), 1u);
-    EXPECT_EQ(frames[0][3], BLEProtocol::CMD_DEVICE);
-    Bytes payload = payloadOf(frames[0]);
-    ASSERT_EQ(payload.size(), 15u);
-    EXPECT_EQ(Bytes(payload.begin(), payload.begin() + 4), (Bytes{0x7E, 0x5A, 0x03, 0x01}));
-    EXPECT_EQ(Bytes(payload.begin() + 6, payload.begin() + 9), (Bytes{0x01, 0x23, 0x45}));
-    EXPECT_EQ(nkrsim::state(unit).target, 0x012345);
-    EXPECT_EQ(nkrsim::state(unit).runState, 1);
-
-    // Stop over the same link.
-    ASSERT_EQ(d->stopMove(true), NKR_SUCCESS);
-    EXPECT_EQ(nkrsim::state(unit).runState, 0);
 }
 
 }  // namespace

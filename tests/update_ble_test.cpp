@@ -29,18 +29,14 @@ protected:
     }
 };
 
-TEST_F(UpdateBle, Firmware381IsRefusedWithoutTraffic)
+TEST_F(UpdateBle, ImageGoesOutInAcknowledgedBlocksFromFirmware382)
 {
-    nkrsim::UnitId unit;
-    auto dev = pairedUnit(381, &unit);
-    EXPECT_EQ(dev->BLEStartUpdate(100), NKR_ERROR_NOT_SUPPORTED);
-    Bytes image(100, 0x11);
-    EXPECT_EQ(dev->BLEWriteUpdateFile(block(image, 0, 100)), NKR_ERROR_NOT_SUPPORTED);
-    EXPECT_TRUE(nkrsim::sentFrames(unit).empty());
-}
+    nkrsim::UnitId old;
+    auto older = pairedUnit(381, &old);
+    EXPECT_EQ(older->BLEStartUpdate(100), NKR_ERROR_NOT_SUPPORTED);
+    EXPECT_EQ(older->BLEWriteUpdateFile(block(Bytes(100, 0x11), 0, 100)), NKR_ERROR_NOT_SUPPORTED);
+    EXPECT_TRUE(nkrsim::sentFrames(old).empty());
 
-TEST_F(UpdateBle, ImageGoesOutInAcknowledgedBlocks)
-{
     nkrsim::UnitId unit;
     auto dev = pairedUnit(382, &unit);
     Bytes image(74565);
