@@ -52,15 +52,6 @@ TEST(BleCodec, ChecksumIsAPlainEightBitSum)
     const uint8_t carry[] = {0xFF, 0x02};
     EXPECT_EQ(calculateChecksum(carry, 2), 0x01);
     EXPECT_EQ(calculateChecksum(carry, 0), 0x00);
-
-    ProtoRequest request;
-    request.length = 2;
-    request.sequence = 5;
-    request.command = 0x40;  // left out of this historical check
-    request.data = {0x10, 0x20};
-    EXPECT_EQ(checkChecksum(request, 0xAA, 0x37), 0);
-    EXPECT_EQ(checkChecksum(request, 0xAA, 0x77), -1);
-    EXPECT_EQ(getProtoLength(request), 5);
 }
 
 TEST(BleCodec, ResponseDecodingStripsTheChecksumByte)

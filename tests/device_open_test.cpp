@@ -76,9 +76,6 @@ TEST_F(DeviceOpen, FirmwareVersionDecidesSensorSerialCommandsAndStepLimit)
         EXPECT_FALSE(d->m_bCanFactory);
         EXPECT_EQ(d->m_iStepLimit, c.stepLimit);
         EXPECT_EQ(d->bSupportUsbUpdate, c.usbUpdate);
-        EXPECT_TRUE(d->bSupportBuzzer);
-        EXPECT_FALSE(d->bSupportLed);
-        EXPECT_TRUE(d->m_strType.empty());
     }
 }
 
