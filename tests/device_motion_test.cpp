@@ -76,7 +76,7 @@ TEST_F(DeviceMotion, MoveWaits200msOnlyWhenTheFrameWasSent)
     EXPECT_EQ(NKRMove(id, 31000), NKR_SUCCESS);
 }
 
-TEST_F(DeviceMotion, NothingChangesWhileMovingButStopIsAllowed)
+TEST_F(DeviceMotion, NothingChangesWhileMovingButStopIsAllowedAfterClearingErrors)
 {
     nkrsim::UnitId unit;
     int id = openQuiet(unitWithFirmware(336), &unit);
@@ -94,7 +94,13 @@ TEST_F(DeviceMotion, NothingChangesWhileMovingButStopIsAllowed)
     EXPECT_EQ(dev(id)->saveFWConf(), NKR_ERROR_MOVING);
     EXPECT_TRUE(nkrsim::sentReports(unit).empty());
 
-    // Stop clears errors first (a status exchange), then sends run = 0.
+    // Stop clears errors first (a status exchange), then sends run = 0; when
+    // clearing fails, nothing is stopped.
+    nkrsim::failTransfers(unit, 1, EIO);
+    EXPECT_EQ(NKRStop(id), NKR_ERROR_GENERAL);
+    EXPECT_TRUE(devicetest::controlFrames(unit).empty());
+    EXPECT_EQ(nkrsim::state(unit).runState, 1);
+    nkrsim::clearSentReports(unit);
     ASSERT_EQ(NKRStop(id), NKR_SUCCESS);
     std::vector<Bytes> sent = nkrsim::sentReports(unit);
     ASSERT_EQ(sent.size(), 2u);
@@ -103,18 +109,6 @@ TEST_F(DeviceMotion, NothingChangesWhileMovingButStopIsAllowed)
     EXPECT_EQ(sent[1][4], 0);
     EXPECT_EQ(nkrsim::state(unit).runState, 0);
     EXPECT_EQ(NKRSetBeep(id, true), NKR_SUCCESS);
-}
-
-TEST_F(DeviceMotion, StopIsNotSentWhenClearingErrorsFails)
-{
-    nkrsim::UnitId unit;
-    int id = openQuiet(unitWithFirmware(336), &unit);
-    ASSERT_EQ(NKRMove(id, 50000), NKR_SUCCESS);
-    nkrsim::clearSentReports(unit);
-    nkrsim::failTransfers(unit, 1, EIO);
-    EXPECT_EQ(NKRStop(id), NKR_ERROR_GENERAL);
-    EXPECT_TRUE(devicetest::controlFrames(unit).empty());
-    EXPECT_EQ(nkrsim::state(unit).runState, 1);
 }
 
 TEST_F(DeviceMotion, ResetPositionRedefinesWithoutMovingOrPausing)
@@ -174,20 +168,6 @@ TEST_F(DeviceSettings, BacklashRangeAndMaximumClamp)
     ASSERT_EQ(NKRSetMaxStep(id, -3), NKR_SUCCESS);
     EXPECT_EQ(dev(id)->maxstep, 0);
     EXPECT_EQ(nkrsim::state(unit).maxStep, 0);
-}
-
-TEST_F(DeviceSettings, StepRangeAnswersWithoutTheUnit)
-{
-    nkrsim::UnitId unit;
-    int id = openQuiet(unitWithFirmware(336), &unit);
-    nkrsim::unplug(unit);
-    int range = 0;
-    EXPECT_EQ(NKRStepRange(id, &range), NKR_SUCCESS);
-    EXPECT_EQ(range, 600000);
-    EXPECT_EQ(dev(id)->getStepRange(nullptr, false), NKR_ERROR_INVALID_VALUE);
-    CNKR bare;
-    EXPECT_EQ(bare.getStepRange(&range, false), NKR_SUCCESS);
-    EXPECT_EQ(range, 60000);
 }
 
 TEST_F(DeviceMotion, UsbMoveThroughTheExportsRunsOnTheClockAndEndsAtTheTarget)

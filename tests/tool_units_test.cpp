@@ -53,10 +53,6 @@ TEST_F(ToolTest, ToolInfoOfEachUsbUnit)
     EXPECT_EQ(jsonRaw(newer.out, "led"), "false");
     EXPECT_EQ(jsonString(newer.out, "motor_error"), "E0");
     EXPECT_NE(newer.out.find("\"name\":\"USB update NKR FW\""), std::string::npos);
-
-    ToolRun text = run("info 1");
-    ASSERT_EQ(text.status, 0) << text.err;
-    EXPECT_NE(text.out.find("not supported"), std::string::npos);
 }
 
 TEST_F(ToolTest, ToolMoveWaitsForTheTargetAndFollowsRelativeSteps)
