@@ -80,8 +80,6 @@ TEST_F(BleSession, ConnectDisconnectAndTheConnectionCallback)
 
     nkrsim::UnitId unit = -1;
     auto device = connect(bleUnitWithFirmware(382), &unit);
-    EXPECT_TRUE(device->m_bBleConnected);
-    EXPECT_TRUE(device->bIsBleControl);
     EXPECT_EQ(nkrsim::bleConnections(unit), 1);
 
     // A drop reported on the helper's thread reaches the host and resets the flags.
@@ -92,7 +90,6 @@ TEST_F(BleSession, ConnectDisconnectAndTheConnectionCallback)
     EXPECT_EQ(connectionReports(), std::vector<bool>{false});
     EXPECT_NE(g_reportThread, std::this_thread::get_id()) << "the helper reports from a thread of its own";
     EXPECT_FALSE(device->m_bBleConnected);
-    EXPECT_FALSE(device->bIsBleControl);
 }
 
 TEST_F(BleSession, PairingFailuresAndWhatAPairingReads)

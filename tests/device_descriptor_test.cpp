@@ -15,38 +15,6 @@ namespace {
 namespace fs = std::filesystem;
 using Bytes = std::vector<unsigned char>;
 
-class DeviceDescriptor : public ::testing::Test {
-protected:
-    void SetUp() override
-    {
-        const char* old = std::getenv("NKR_SYSFS_ROOT");
-        if (old != nullptr) saved_ = old;
-        hadRoot_ = old != nullptr;
-        char dir[] = "/tmp/nkr-desc-XXXXXX";
-        ASSERT_NE(mkdtemp(dir), nullptr);
-        root_ = dir;
-        setenv("NKR_SYSFS_ROOT", root_.c_str(), 1);
-    }
-    void TearDown() override
-    {
-        if (hadRoot_) setenv("NKR_SYSFS_ROOT", saved_.c_str(), 1);
-        else unsetenv("NKR_SYSFS_ROOT");
-        std::error_code ec;
-        fs::remove_all(root_, ec);
-    }
-
-    void writeDescriptor(const std::string& node, const Bytes& d)
-    {
-        fs::path dir = fs::path(root_) / "class" / "hidraw" / node / "device";
-        fs::create_directories(dir);
-        std::ofstream out(dir / "report_descriptor", std::ios::binary);
-        out.write(reinterpret_cast<const char*>(d.data()), static_cast<std::streamsize>(d.size()));
-    }
-
-    std::string root_, saved_;
-    bool hadRoot_ = false;
-};
-
 // Vendor page, report 1 input of 16 bytes, report 3 output of n bytes.
 Bytes focuserDescriptor(unsigned char outputCount)
 {
@@ -56,8 +24,19 @@ Bytes focuserDescriptor(unsigned char outputCount)
             0xC0};
 }
 
-TEST_F(DeviceDescriptor, ReportSizeAndCountGiveTheLengthsOfReports1And3)
+TEST(DeviceDescriptor, ReportSizeAndCountGiveTheLengthsOfReports1And3)
 {
+    // A sysfs tree of our own in the process's HOME (each test runs in a
+    // process of its own, so the variable goes with it).
+    const fs::path root = fs::path(std::getenv("HOME")) / "sysfs";
+    setenv("NKR_SYSFS_ROOT", root.c_str(), 1);
+    auto writeDescriptor = [&](const std::string& node, const Bytes& d) {
+        const fs::path dir = root / "class" / "hidraw" / node / "device";
+        fs::create_directories(dir);
+        std::ofstream(dir / "report_descriptor", std::ios::binary)
+            .write(reinterpret_cast<const char*>(d.data()), static_cast<std::streamsize>(d.size()));
+    };
+
     struct Case {
         const char* why;
         std::string node;

@@ -94,21 +94,6 @@ TEST_F(DeviceOpen, ModelLetterEMarksTheNewerFamily)
     EXPECT_FALSE(d->bSupportUsbUpdate);
 }
 
-TEST_F(DeviceOpen, FailedVersionReadKeepsDefaultsAndOpenStillSucceeds)
-{
-    nkrsim::UnitId unit;
-    int id = plugAndScan(unitWithFirmware(370), &unit);
-    // The version exchange (send and read) fails; the status read works.
-    nkrsim::failTransfers(unit, 1, EIO);
-    ASSERT_EQ(NKROpen(id), NKR_SUCCESS);
-    CNKR* d = dev(id);
-    EXPECT_EQ(d->fwVersion, 0);
-    EXPECT_TRUE(d->m_bThermistor);
-    EXPECT_FALSE(d->m_bCanSerial);
-    EXPECT_EQ(d->m_iStepLimit, 60000);
-    EXPECT_FALSE(d->bSupportBuzzer);
-}
-
 TEST_F(DeviceOpen, CloseStoresTheConfigurationWithRunOffAndStopsARunningMove)
 {
     nkrsim::UnitId unit;
