@@ -44,12 +44,11 @@ std::vector<devicetest::Bytes> setPositionFrames(nkrsim::UnitId unit)
     return frames;
 }
 
-TEST_F(Persist, SavedSettingsComeBack)
+TEST_F(Persist, SavedSettingsComeBackAndMissingOrMinusOneValuesTakeTheDefaults)
 {
     CNKR first;
     fill(first, 1234, 20, true, 50000, true);
     first.SaveSetting();
-
     CNKR loaded;
     loaded.LoadSetting();
     EXPECT_EQ(loaded.step, 1234);
@@ -57,22 +56,17 @@ TEST_F(Persist, SavedSettingsComeBack)
     EXPECT_TRUE(loaded.bBeep);
     EXPECT_EQ(loaded.maxstep, 50000);
     EXPECT_TRUE(loaded.bReverse);
-}
 
-TEST_F(Persist, MissingAndMinusOneValuesTakeTheDefaults)
-{
     writeRecord("<Backlash type=\"4\">ffffffff</Backlash>\n"
                 "<Beep type=\"4\">02000000</Beep>\n"
                 "<Reverse type=\"4\">zz</Reverse>\n");
-    CNKR unit;
-    unit.m_iStepLimit = 600000;
-    fill(unit, 5, 5, true, 5, true);
-    unit.LoadSetting();
-    EXPECT_EQ(unit.step, NKR_POWER_ON_POSITION);
-    EXPECT_EQ(unit.iBacklash, 0);
-    EXPECT_FALSE(unit.bBeep);  // only a stored 1 means on
-    EXPECT_EQ(unit.maxstep, 600000);
-    EXPECT_FALSE(unit.bReverse);
+    loaded.m_iStepLimit = 600000;
+    loaded.LoadSetting();
+    EXPECT_EQ(loaded.step, NKR_POWER_ON_POSITION);
+    EXPECT_EQ(loaded.iBacklash, 0);
+    EXPECT_FALSE(loaded.bBeep);  // only a stored 1 means on
+    EXPECT_EQ(loaded.maxstep, 600000);
+    EXPECT_FALSE(loaded.bReverse);
 }
 
 TEST_F(Persist, UnitAtPowerOnPositionGetsTheSavedRecordWithoutMoving)

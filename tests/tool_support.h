@@ -3,6 +3,7 @@
 // JSON output.
 #pragma once
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 
 #include <cstdio>
@@ -70,23 +71,16 @@ inline size_t countOf(const std::string& text, const std::string& piece)
 
 class ToolTest : public ::testing::Test {
 protected:
+    // The tool's HOME lies in the test process's own, which test_main.cpp
+    // removes at the end.
     void SetUp() override
     {
 #ifndef NKR_TOOL_PATH
         GTEST_SKIP() << "the nkr tool is not part of this build";
 #else
-        char dir[] = "/tmp/nkr-tool-test-XXXXXX";
-        ASSERT_NE(mkdtemp(dir), nullptr);
-        home_ = dir;
+        home_ = std::string(std::getenv("HOME")) + "/tool";
+        ASSERT_EQ(mkdir(home_.c_str(), 0700), 0);
 #endif
-    }
-
-    void TearDown() override
-    {
-        if (!home_.empty()) {
-            std::string cleanup = "rm -rf '" + home_ + "'";
-            EXPECT_EQ(std::system(cleanup.c_str()), 0);
-        }
     }
 
     // Runs "nkr --simulate <args>" (args are shell words) with a private
