@@ -66,8 +66,7 @@ int CNKR::getSerialNumber(unsigned char* out, int len, bool ble)
     std::memset(out, 0, static_cast<size_t>(len));
 
     unsigned char cmd[kAnswerLen] = {};
-    putHeader(cmd, kCmdGetInfo);
-    cmd[4] = kSelSerial;
+    putReadCommand(cmd, kSelSerial);
 
     if (ble) {
         std::vector<uint8_t> answer;
@@ -107,8 +106,7 @@ int CNKR::getAlias(char* out, int len, bool ble)
     std::memset(out, 0, static_cast<size_t>(len));
 
     unsigned char cmd[kAnswerLen] = {};
-    putHeader(cmd, kCmdGetInfo);
-    cmd[4] = kSelAlias;
+    putReadCommand(cmd, kSelAlias);
 
     int res;
     if (ble) {
@@ -159,8 +157,7 @@ int CNKR::getFwVer(unsigned char* major, unsigned char* minor, unsigned char* bu
     if (major == nullptr || minor == nullptr || build == nullptr) return NKR_ERROR_INVALID_VALUE;
 
     unsigned char cmd[kAnswerLen] = {};
-    putHeader(cmd, kCmdGetInfo);
-    cmd[4] = kSelVersion;
+    putReadCommand(cmd, kSelVersion);
 
     if (ble) {
         std::vector<uint8_t> answer;
@@ -189,8 +186,7 @@ int CNKR::getType(_NKR_TYPE* type, bool ble)
     std::memset(type, 0, sizeof *type);
 
     unsigned char cmd[kAnswerLen] = {};
-    putHeader(cmd, kCmdGetInfo);
-    cmd[4] = kSelVersion;
+    putReadCommand(cmd, kSelVersion);
 
     if (ble) {
         std::vector<uint8_t> answer;

@@ -84,8 +84,7 @@ int CNKR::getLEDState(bool* on, bool ble)
     if (on == nullptr) return NKR_ERROR_INVALID_VALUE;
 
     unsigned char cmd[kAnswerLen] = {};
-    putHeader(cmd, kCmdGetInfo);
-    cmd[4] = kSelLed;
+    putReadCommand(cmd, kSelLed);
 
     bool state;
     if (ble) {
@@ -124,8 +123,7 @@ int CNKR::getErrorCode(_NKR_ERROR_MSG* msg, bool ble)
     if (msg == nullptr) return NKR_ERROR_INVALID_VALUE;
 
     unsigned char cmd[kAnswerLen] = {};
-    putHeader(cmd, kCmdGetInfo);
-    cmd[4] = kSelError;
+    putReadCommand(cmd, kSelError);
 
     int res;
     if (ble) {
@@ -155,8 +153,7 @@ int CNKR::getPowerOffReason(int* reason, bool ble)
     if (reason == nullptr) return NKR_ERROR_INVALID_VALUE;
 
     unsigned char cmd[kAnswerLen] = {};
-    putHeader(cmd, kCmdGetInfo);
-    cmd[4] = kSelPowerOff;
+    putReadCommand(cmd, kSelPowerOff);
 
     int res;
     if (ble) {
@@ -188,8 +185,7 @@ int CNKR::getBatteryInfo(_NKR_BATTERY_INFO* info, bool ble)
     if (info == nullptr) return NKR_ERROR_INVALID_VALUE;
 
     unsigned char cmd[kAnswerLen] = {};
-    putHeader(cmd, kCmdGetInfo);
-    cmd[4] = kSelBattery;
+    putReadCommand(cmd, kSelBattery);
 
     if (ble) {
         std::vector<uint8_t> answer;
@@ -247,8 +243,7 @@ int CNKR::clearError()
     {
         CriSecLock lock(m_mutex);
         std::memset(pszOutBuf, 0, NKR_BUF_SIZE);
-        putHeader(pszOutBuf, kCmdGetInfo);
-        pszOutBuf[4] = kSelStatus;
+        putReadCommand(pszOutBuf, kSelStatus);
 
         if (bIsBleControl) {
             std::vector<uint8_t> answer;

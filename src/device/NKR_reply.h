@@ -39,6 +39,13 @@ inline void putHeader(unsigned char* buf, unsigned char cmd)
     buf[3] = cmd;
 }
 
+// Writes the read command 03 7E 5A 02 <selector> into buf.
+inline void putReadCommand(unsigned char* buf, unsigned char selector)
+{
+    putHeader(buf, kCmdGetInfo);
+    buf[4] = selector;
+}
+
 // Length of the text that starts at answer byte 4, taken as the unit gives
 // it: strlen from byte 0 minus the header. Bounded by the answer, never
 // negative (an answer with a zero in its header has no text).
