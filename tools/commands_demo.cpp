@@ -98,6 +98,9 @@ std::vector<FoundUnit> findUnits(Tour& tour, std::vector<BleUnit>& bleUnits)
     return usb;
 }
 
+// Where a focuser reports itself after power-up.
+constexpr int kPowerOnPosition = 30000;
+
 void showOlderUnit(Tour& tour, const FoundUnit& unit)
 {
     tour.chapter("A closer look at the older unit (NKROpen, NKRGetFirmwareVersion, NKRGetNumOfControls)");
@@ -109,6 +112,11 @@ void showOlderUnit(Tour& tour, const FoundUnit& unit)
     tour.note("unit " + std::to_string(unit.id) + ": " + unit.ident.name + ", firmware " + firmwareOf(unit.ident) +
               ", step range 0.." + std::to_string(unit.ident.stepRange));
     tour.note("position " + std::to_string(st.position) + ", temperature " + formatFixed(st.temperature, 2) + " \u00B0C");
+    // Simulated units power up at 30000, like real ones; anything else is the
+    // position the library restored from the last session's close.
+    if (st.position != kPowerOnPosition)
+        tour.note("the unit powered up at " + std::to_string(kPowerOnPosition) +
+                  "; NKROpen restored the position saved by the last run's close");
     tour.note("optional features: " + (features.empty() ? std::string("none") : features));
     tour.record("info", Json::object()
                             .set("id", unit.id)
