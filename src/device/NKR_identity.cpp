@@ -27,11 +27,8 @@ constexpr int kMaxWriteLen = 12;    // serial and alias fill bytes 4-15
 constexpr int kMaxBleNameLen = 11;  // the name fills bytes 5-15
 constexpr size_t kTypeOffset = 8;   // model text in the version answer
 
-// Serial and alias reads answer into buffers shared by every device object;
-// each is held from the request to the copy-out so that two units read at
-// once never see each other's answer. Taken before the device lock.
-std::mutex g_serialAnswerMutex;
-std::mutex g_aliasAnswerMutex;
+SharedAnswer g_serialAnswer;
+SharedAnswer g_aliasAnswer;
 
 // Older firmware sends the serial as twelve bytes mixing half-bytes and whole
 // bytes (answer bytes 4-15); this packs them back into eight.
@@ -80,20 +77,14 @@ int CNKR::getSerialNumber(unsigned char* out, int len, bool ble)
         return res;
     }
 
-    std::lock_guard<std::mutex> guard(g_serialAnswerMutex);
-    static unsigned char s_answer[kAnswerBufLen];
-    std::memset(s_answer, 0, sizeof s_answer);
-    s_answer[0] = kReplyReportId;
-    int res = sendCMD(cmd, 5, true, s_answer);
-    if (res != NKR_SUCCESS) return res;
-
-    unsigned char serial[kSerialLen];
-    if (m_bCanFactory)
-        std::memcpy(serial, s_answer + kDataOffset, kSerialLen);
-    else
-        unpackSerial(s_answer, serial);
-    std::memcpy(out, serial, static_cast<size_t>(std::min(len, kSerialLen)));
-    return res;
+    return readIntoSharedAnswer(*this, cmd, g_serialAnswer, [&](const unsigned char* answer) {
+        unsigned char serial[kSerialLen];
+        if (m_bCanFactory)
+            std::memcpy(serial, answer + kDataOffset, kSerialLen);
+        else
+            unpackSerial(answer, serial);
+        std::memcpy(out, serial, static_cast<size_t>(std::min(len, kSerialLen)));
+    });
 }
 
 int CNKR::getAlias(char* out, int len, bool ble)
@@ -120,15 +111,10 @@ int CNKR::getAlias(char* out, int len, bool ble)
             }
         }
     } else {
-        std::lock_guard<std::mutex> guard(g_aliasAnswerMutex);
-        static unsigned char s_answer[kAnswerBufLen];
-        std::memset(s_answer, 0, sizeof s_answer);
-        s_answer[0] = kReplyReportId;
-        res = sendCMD(cmd, 5, true, s_answer);
-        if (res == NKR_SUCCESS) {
-            int n = std::min(len, answerTextLen(s_answer));
-            std::memcpy(out, s_answer + kDataOffset, static_cast<size_t>(n));
-        }
+        res = readIntoSharedAnswer(*this, cmd, g_aliasAnswer, [&](const unsigned char* answer) {
+            int n = std::min(len, answerTextLen(answer));
+            std::memcpy(out, answer + kDataOffset, static_cast<size_t>(n));
+        });
     }
     NKRDbgPrint("getAlias", "The NKR Alias is : %s ", boundedText(out, len).c_str());
     return res;

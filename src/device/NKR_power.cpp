@@ -34,11 +34,8 @@ constexpr int kBatteryTempOffset = 100;
 constexpr int kBatteryTempLow = 60;
 constexpr int kBatteryTempHigh = 187;
 
-// Error-code and power-off reads answer into buffers shared by every device
-// object; each is held from the request to the copy-out. Taken before the
-// device lock.
-std::mutex g_errorAnswerMutex;
-std::mutex g_powerOffAnswerMutex;
+SharedAnswer g_errorAnswer;
+SharedAnswer g_powerOffAnswer;
 
 // The code characters at answer bytes 4, 5 and 6: the first is shared.
 void fillErrorCodes(const unsigned char* data, _NKR_ERROR_MSG* msg)
@@ -134,13 +131,10 @@ int CNKR::getErrorCode(_NKR_ERROR_MSG* msg, bool ble)
             if (bleStatusOk(answer) && answer.size() > 6) fillErrorCodes(&answer[kDataOffset], msg);
         }
     } else {
-        std::lock_guard<std::mutex> guard(g_errorAnswerMutex);
-        static unsigned char s_answer[kAnswerBufLen];
-        std::memset(s_answer, 0, sizeof s_answer);
-        s_answer[0] = kReplyReportId;
-        res = sendCMD(cmd, 5, true, s_answer);
-        if (res == NKR_SUCCESS && strnlen(reinterpret_cast<const char*>(s_answer), kAnswerLen) > 6)
-            fillErrorCodes(s_answer + kDataOffset, msg);
+        res = readIntoSharedAnswer(*this, cmd, g_errorAnswer, [&](const unsigned char* answer) {
+            if (strnlen(reinterpret_cast<const char*>(answer), kAnswerLen) > 6)
+                fillErrorCodes(answer + kDataOffset, msg);
+        });
     }
     NKR_LOG("The NKR Motor Error Code is : %s ,Battery Error Code is : %s",
             codeText(msg->MotorErrCode).c_str(), codeText(msg->BatteryErrCode).c_str());
@@ -167,12 +161,8 @@ int CNKR::getPowerOffReason(int* reason, bool ble)
             }
         }
     } else {
-        std::lock_guard<std::mutex> guard(g_powerOffAnswerMutex);
-        static unsigned char s_answer[kAnswerBufLen];
-        std::memset(s_answer, 0, sizeof s_answer);
-        s_answer[0] = kReplyReportId;
-        res = sendCMD(cmd, 5, true, s_answer);
-        if (res == NKR_SUCCESS) *reason = s_answer[kDataOffset];
+        res = readIntoSharedAnswer(*this, cmd, g_powerOffAnswer,
+                                   [&](const unsigned char* answer) { *reason = answer[kDataOffset]; });
     }
     // Written after a failed exchange too, from whatever reason then holds.
     NKR_LOG("The NKR Pro Power off is : %s", *reason == 0 ? "normal" : "shuipping mode");

@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <mutex>
 #include <vector>
 
 #include "NKR.h"
@@ -70,6 +71,28 @@ inline bool bleHasStatus(const std::vector<uint8_t>& answer)
 inline bool bleStatusOk(const std::vector<uint8_t>& answer)
 {
     return answer[kBleStatusIndex] == 0;
+}
+
+// A read whose answer lands in a buffer shared by every device object (the
+// serial, alias, error-code and power-off reads). The lock is held from the
+// request until use() has copied the answer out, so two units read at once
+// never see each other's answer; it is taken before the device lock.
+struct SharedAnswer {
+    std::mutex mutex;
+    unsigned char bytes[kAnswerBufLen];
+};
+
+// Sends the 5-byte read command over HID into the shared buffer and, on
+// success, hands the answer to use(const unsigned char*). Returns the exchange's result.
+template <typename Use>
+int readIntoSharedAnswer(CNKR& dev, unsigned char* cmd, SharedAnswer& shared, Use&& use)
+{
+    std::lock_guard<std::mutex> guard(shared.mutex);
+    std::memset(shared.bytes, 0, sizeof shared.bytes);
+    shared.bytes[0] = kReplyReportId;
+    const int res = dev.sendCMD(cmd, 5, true, shared.bytes);
+    if (res == NKR_SUCCESS) use(static_cast<const unsigned char*>(shared.bytes));
+    return res;
 }
 
 // Sends a command that has no answer over the chosen link: the first len
