@@ -1,0 +1,156 @@
+"""Running against simulated units instead of hardware.
+
+The simulator is one shared library (``libhidapi-hidraw.so.0``, installed as
+``<libdir>/nkr-sim/libhidapi-hidraw.so.0``) that stands in for hidapi and for
+the Bluetooth helper library. Loaded before the SDK, it satisfies the SDK's
+dependency on ``libhidapi-hidraw.so.0`` by its soname, so every SDK call in
+this process then talks to simulated units.
+"""
+from __future__ import annotations
+
+import ctypes
+import os
+import re
+import threading
+from pathlib import Path
+
+from . import _library, _paths
+from .errors import LibraryNotFoundError, SimulationError
+
+SIM_LIBRARY_NAME = "libhidapi-hidraw.so.0"
+
+# One entry of NKR_SIM_UNITS: link:fw[:letter[:type]].
+_UNIT_ENTRY = re.compile(r"^(usb|ble|both):\d{3}(:[A-Za-z](:[^,]*)?)?$")
+
+_lock = threading.Lock()
+_simulator: ctypes.CDLL | None = None
+_simulator_path: str | None = None
+_units: str | None = None
+
+
+def simulator_candidates() -> list[str]:
+    """Where the simulator library is looked for, in order: NKR_SIM_LIBRARY,
+    the installed path, then an nkr-sim/ (installed) or simlib/ (build tree)
+    folder beside every path the SDK library is looked for at."""
+    found: list[str] = []
+    env = os.environ.get("NKR_SIM_LIBRARY")
+    if env:
+        found.append(env)
+    if _paths.SIM_LIBRARY:
+        found.append(_paths.SIM_LIBRARY)
+    for library in _library.candidates():
+        if os.sep not in library:
+            continue
+        folder = Path(library).parent
+        for sub in ("nkr-sim", "simlib"):
+            candidate = str(folder / sub / SIM_LIBRARY_NAME)
+            if candidate not in found:
+                found.append(candidate)
+    return found
+
+
+def check_units(units: str) -> None:
+    """Raises ValueError unless units is a valid NKR_SIM_UNITS text (empty = no units)."""
+    if not isinstance(units, str):
+        raise TypeError(f"units must be a str such as 'usb:335,ble:382:E:NKR Pro', not {type(units).__name__}")
+    if units == "":
+        return
+    for entry in units.split(","):
+        if not _UNIT_ENTRY.match(entry):
+            raise ValueError(
+                f"simulated unit {entry!r} is not link:fw[:letter[:type]] "
+                "(link usb, ble or both; fw three digits, e.g. 'usb:382:E:NKRN')")
+
+
+def simulate(units: str | None = None, *, state_dir: str | os.PathLike[str] | None = None,
+             library: str | os.PathLike[str] | None = None) -> str:
+    """Runs this process against simulated focusers instead of hardware.
+
+    Call it before the first SDK call (``units()``, ``open()``, ...): the
+    simulator has to be in the process before the SDK library is loaded.
+    Calling it again with the same units does nothing.
+
+    Args:
+        units: the simulated units, as in ``NKR_SIM_UNITS``: comma-separated
+            ``link:fw[:letter[:type]]`` entries, e.g.
+            ``"usb:335,ble:382:E:NKR Pro"``. None keeps ``NKR_SIM_UNITS`` or the
+            simulator's default set (two USB units and the Bluetooth unit
+            ``NKR Pro_A1B2``).
+        state_dir: the SDK saves the last position and settings of every unit
+            in ``$HOME/.HTX/NKRconfig.xml``, one record shared by all units of
+            the account, real or simulated. Give a folder here to keep the
+            simulated units' record apart from your real one: it becomes HOME
+            for this whole process (created when missing). None leaves HOME as
+            it is.
+        library: path of the simulator library; by default NKR_SIM_LIBRARY,
+            the installed simulator or the one beside the SDK library.
+
+    Returns:
+        The path of the simulator library in use.
+
+    Raises:
+        SimulationError: the SDK library is already loaded without the simulator.
+        LibraryNotFoundError: the simulator library was not found (the message
+            lists every place tried).
+        ValueError, TypeError: bad units text or state_dir.
+    """
+    global _simulator, _simulator_path, _units
+    if units is not None:
+        check_units(units)
+    if state_dir is not None and not isinstance(state_dir, (str, os.PathLike)):
+        raise TypeError(f"state_dir must be a path, not {type(state_dir).__name__}")
+    with _lock:
+        if _simulator is not None:
+            if units is None or units == _units:
+                return _simulator_path or ""
+            raise SimulationError(
+                f"the simulator already runs with units {_units!r}; one process has one simulated world")
+        if _library.is_loaded():
+            raise SimulationError(
+                "simulate() must be called before the first SDK call: the SDK library is already "
+                f"loaded from {_library.loaded_path()} without the simulator")
+
+        paths = [os.fspath(library)] if library is not None else simulator_candidates()
+        tried: list[str] = []
+        loaded: ctypes.CDLL | None = None
+        for path in paths:
+            if not os.path.exists(path):
+                tried.append(f"{path} (missing)")
+                continue
+            if units is not None:
+                os.environ["NKR_SIM_UNITS"] = units
+            try:
+                loaded = ctypes.CDLL(os.path.abspath(path), mode=ctypes.RTLD_GLOBAL)
+            except OSError as error:
+                tried.append(f"{path} ({error})")
+                continue
+            path = os.path.abspath(path)
+            break
+        if loaded is None:
+            raise LibraryNotFoundError(
+                "cannot load the focuser simulator " + SIM_LIBRARY_NAME + "; tried:\n  " +
+                ("\n  ".join(tried) or "(no place: set NKR_SIM_LIBRARY or NKR_LIBRARY)") +
+                "\nSet NKR_SIM_LIBRARY to its path (build/simlib/ in a build tree, <libdir>/nkr-sim/ "
+                "when installed).")
+
+        # The SDK loads the Bluetooth helper by path: the simulator plays it too.
+        os.environ["NKR_BLE_HELPER"] = path
+        if state_dir is not None:
+            home = Path(state_dir).expanduser()
+            home.mkdir(parents=True, exist_ok=True)
+            os.environ["HOME"] = str(home.resolve())
+        _simulator = loaded
+        _simulator_path = path
+        _units = units if units is not None else os.environ.get("NKR_SIM_UNITS")
+        return path
+
+
+def simulated() -> bool:
+    """True when simulate() has put the simulator in this process."""
+    return _simulator is not None
+
+
+def simulate_from_environment() -> None:
+    """NKR_SIMULATE=1 in the environment: simulate() at import, with NKR_SIM_UNITS."""
+    if os.environ.get("NKR_SIMULATE") == "1" and not simulated():
+        simulate()
