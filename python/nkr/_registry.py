@@ -70,6 +70,7 @@ def open_usb_slot(unit_id: int) -> Focuser:
         check(_library.load().NKROpen(unit_id), "NKROpen")
         focuser = Focuser(unit_id, "usb")
         remember(focuser)
+    focuser.step_range  # noqa: B018  (cached for the argument checks)
     return focuser
 
 

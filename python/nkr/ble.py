@@ -78,6 +78,7 @@ def connect(name: str, *, pair: bool = True, scan_seconds: float = 3.0) -> Focus
             focuser._open = False  # the SDK has disconnected it
             _library.load().NKRBLEDisconnect(unit_id)  # frees the slot; its result adds nothing
             raise
+    focuser.step_range  # noqa: B018  (cached for the argument checks)
     return focuser
 
 

@@ -69,6 +69,9 @@ class Focuser:
         self._close_lock = threading.Lock()
         # Callbacks handed to the SDK must outlive the registration.
         self._callbacks: list[Any] = []
+        # The step range, read once (it changes only with the firmware), so
+        # that position arguments are checked without a library call.
+        self._range: int | None = None
 
     # ---- identity of the session ----------------------------------------------
     @property
@@ -148,11 +151,12 @@ class Focuser:
     @property
     def step_range(self) -> int:
         """The largest position the unit's firmware accepts (read without traffic)."""
-        return self._int("NKRStepRange")
+        self._range = self._int("NKRStepRange")
+        return self._range
 
     def _position_arg(self, name: str, value: Any) -> int:
         number = _checks.integer(name, value)
-        high = self.step_range
+        high = self._range if self._range is not None else self.step_range
         if not 0 <= number <= high:
             raise ValueError(f"{name} must be in 0..{high} (the unit's step range), not {number}")
         return number
@@ -199,9 +203,12 @@ class Focuser:
         """Moves by a number of steps (negative = inward) from the current
         position; the result must stay in 0..step_range. Otherwise as move_to."""
         delta = _checks.integer("steps", steps)
+        _checks.flag("wait", wait)
+        _checks.seconds("timeout", timeout)
+        _checks.seconds("poll", poll, allow_none=False)
         here = self.position
         target = here + delta
-        high = self.step_range
+        high = self._range if self._range is not None else self.step_range
         if not 0 <= target <= high:
             raise ValueError(f"moving {delta:+d} from {here} leaves the step range 0..{high}")
         return self.move_to(target, wait=wait, timeout=timeout, poll=poll)
@@ -487,4 +494,6 @@ class Focuser:
         from . import _registry
         self._id = unit_id
         self._open = True
+        self._range = None
         _registry.remember(self)
+        self._range = self.step_range

@@ -1,0 +1,166 @@
+"""Every Focuser call against simulated units, and how SDK failures surface."""
+from __future__ import annotations
+
+import pytest
+
+import nkr
+from conftest import OLD_UNIT, OTHER_UNIT, UNIT, saved_record
+
+
+def test_units_lists_identity_of_every_usb_unit():
+    listed = {u.id: u for u in nkr.units()}
+    assert sorted(listed) == [0, 1, 2, 3]
+    new = listed[UNIT]
+    assert new.link == "usb" and new.model == "NKRN" and str(new.firmware) == "3.8.2"
+    assert new.serial is not None and len(new.serial) == 16 and new.name.startswith("NKR")
+    assert str(listed[OLD_UNIT].firmware) == "3.3.5"
+
+
+def test_units_with_ble_scan_adds_the_bluetooth_unit():
+    ble = [u for u in nkr.units(ble_seconds=0.1) if u.link == "ble"]
+    assert [(u.id, u.name) for u in ble] == [(None, "NKR Pro_A1B2")] and ble[0].address
+
+
+def test_units_reads_an_open_unit_without_closing_it(focuser):
+    nkr.units()
+    assert focuser.is_open
+    assert focuser.position >= 0  # still usable: the listing did not close its slot
+
+
+def test_settings_round_trip(focuser):
+    focuser.backlash = 25
+    focuser.beep = True
+    focuser.reverse = True
+    focuser.max_force = 9
+    focuser.max_step = 50000
+    assert (focuser.backlash, focuser.beep, focuser.reverse, focuser.max_force, focuser.max_step) == \
+        (25, True, True, 9, 50000)
+    focuser.beep = False
+    focuser.reverse = False
+    assert (focuser.beep, focuser.reverse) == (False, False)
+    focuser.speed = 5  # stored by the SDK, ignored by this firmware
+    assert isinstance(focuser.speed, int)
+
+
+def test_identity_and_alias(focuser):
+    assert str(focuser.firmware) == "3.8.2" and focuser.firmware == (3, 8, 2)
+    assert focuser.model == "NKRN"
+    assert focuser.serial == "123456789ABCDEF0"
+    focuser.alias = "Main"
+    assert focuser.alias == "Main" and focuser.name == "NKR(Main)"
+    focuser.alias = ""
+    assert focuser.alias == "" and focuser.name == "NKR"
+    assert focuser.ble_name  # read over USB
+    with pytest.raises(nkr.InvalidValueError):  # written over Bluetooth only
+        focuser.ble_name = "Scope"
+
+
+def test_status_reads(focuser):
+    assert focuser.temperature == pytest.approx(25.0, abs=0.01)
+    assert focuser.moving is False and focuser.hand_moving is False
+    assert focuser.step_range == 600000
+    assert focuser.error_codes == ("E0", "E0")
+    assert focuser.power_off_reason == 0
+    battery = focuser.battery
+    assert 0 <= battery.percentage <= 100 and battery.voltage > 0
+    focuser.led = True
+    assert focuser.led is True
+    focuser.led = False
+    assert focuser.led is False
+    features = {c.name: c for c in focuser.controls}
+    assert features["LED"].supported and features["LED"].writable
+    focuser.set_repeat_count(3)
+    focuser.set_auto_clear_errors(True)
+
+
+def test_move_to_waits_and_returns_the_position(focuser):
+    start = focuser.position
+    assert focuser.move_to(start + 300, timeout=20) == start + 300
+    assert focuser.move_by(-300, timeout=20) == start
+    assert focuser.position == start and not focuser.moving
+
+
+def test_move_without_wait_then_wait_and_stop(focuser):
+    start = focuser.position
+    assert focuser.move_to(start + 20000, wait=False) is None
+    assert focuser.moving
+    with pytest.raises(nkr.MovingError) as refused:  # the SDK refuses a second move
+        focuser.move_to(start)
+    assert refused.value.code == 5 and refused.value.operation == "NKRMove"
+    assert focuser.wait(timeout=0.05) is False  # still going
+    focuser.stop()
+    assert focuser.wait(timeout=10) is True
+    assert start < focuser.position < start + 20000
+    focuser.move_to(start, timeout=30)
+
+
+def test_move_with_timeout_stops_the_motor(focuser):
+    start = focuser.position
+    with pytest.raises(nkr.MoveTimeoutError) as late:
+        focuser.move_to(start + 40000, timeout=0.3)
+    assert isinstance(late.value, TimeoutError) and late.value.target == start + 40000
+    assert not focuser.moving
+    assert start < late.value.position < start + 40000 and focuser.position == late.value.position
+    focuser.move_to(start, timeout=60)
+
+
+def test_sync_declares_the_position(focuser):
+    here = focuser.position
+    focuser.sync(here + 1234)
+    assert focuser.position == here + 1234
+    focuser.sync(here)
+
+
+def test_context_manager_closes_and_saves_on_an_exception(home):
+    with pytest.raises(RuntimeError, match="script failed"):
+        with nkr.open(OTHER_UNIT) as unit:
+            unit.wait(timeout=30)
+            target = unit.position + 250
+            unit.move_to(target, timeout=20)
+            unit.backlash = 17
+            raise RuntimeError("script failed")
+    assert not unit.is_open
+    saved = saved_record(home)
+    assert saved["Position"] == target and saved["Backlash"] == 17
+    with pytest.raises(nkr.UnitUnavailableError):  # its slot is closed now
+        unit.position
+    unit.close()  # closing again is harmless
+    with nkr.open(OTHER_UNIT) as again:
+        assert again.position == target
+
+
+def test_open_by_serial_and_alias():
+    with nkr.open(UNIT) as unit:
+        unit.alias = "Guide"
+    with nkr.open("Guide") as by_alias:
+        assert by_alias.id == UNIT
+        by_alias.alias = ""
+    with nkr.open("12:34:56:78:9a:bc:de:f0") as by_serial:  # every unit here shares it: the first wins
+        assert by_serial.serial == "123456789ABCDEF0"
+    with pytest.raises(nkr.UnitNotFoundError, match="nobody"):
+        nkr.open("nobody")
+
+
+def test_open_failures_map_to_sdk_errors(focuser):
+    with pytest.raises(nkr.InvalidIdError) as unknown:
+        nkr.open(42)
+    assert unknown.value.code == 2 and unknown.value.operation == "NKROpen"
+    with pytest.raises(RuntimeError, match="already open"):
+        nkr.open(UNIT)
+
+
+def test_old_firmware_refuses_what_it_lacks():
+    with nkr.open(OLD_UNIT) as old:
+        with pytest.raises(nkr.NotSupportedError) as lacking:
+            old.update_firmware(b"\x00" * 10)
+        assert lacking.value.code == 8
+        with pytest.raises(nkr.UnitUnavailableError):  # Bluetooth-only call on a USB slot
+            old.all_info
+
+
+def test_version_and_ids():
+    assert nkr.sdk_version() == "1, 7, 7, 0"
+    assert nkr.is_focuser(0x1209, 0x4E4B) and not nkr.is_focuser(0x1209, 0x0001)
+    assert nkr.product_id() == 0x4E4B
+    assert nkr.library_path()
+    assert nkr.simulated()
