@@ -1,0 +1,43 @@
+"""The simulator's control API (sim/nkr_sim.h) for the few faults the tests
+inject. It is C++, so the functions are bound by their mangled names; the
+tests that need one skip when the simulator in use lacks it."""
+from __future__ import annotations
+
+import ctypes
+from ctypes import c_bool, c_int
+
+import pytest
+
+from nkr import simulation
+
+_FUNCTIONS = {
+    "unplug": ("_ZN6nkrsim6unplugEi", [c_int]),
+    "replug": ("_ZN6nkrsim6replugEi", [c_int]),
+    "hand_move": ("_ZN6nkrsim8handMoveEii", [c_int, c_int]),
+    "ble_drop_connection": ("_ZN6nkrsim17bleDropConnectionEi", [c_int]),
+    "ble_new_connection": ("_ZN6nkrsim16bleNewConnectionEii", [c_int, c_int]),
+    "ble_flush_callbacks": ("_ZN6nkrsim17bleFlushCallbacksEv", []),
+    "ble_refuse_connect": ("_ZN6nkrsim16bleRefuseConnectEib", [c_int, c_bool]),
+    "set_ble_supported": ("_ZN6nkrsim15setBleSupportedEb", [c_bool]),
+}
+
+
+def control(name: str):
+    """The control function `name`, callable with Python ints and bools."""
+    library = simulation._simulator
+    if library is None:
+        pytest.skip("not running against the simulator")
+    symbol, arguments = _FUNCTIONS[name]
+    try:
+        function = getattr(library, symbol)
+    except AttributeError:
+        pytest.skip(f"the simulator has no {symbol}")
+    function.argtypes = arguments
+    function.restype = None
+    return function
+
+
+# Simulator unit numbers, in the order of conftest.SIM_UNITS.
+SIM_USB_UNIT = 1
+SIM_BLE_UNIT = 4
+assert ctypes  # imported for the bindings' types
