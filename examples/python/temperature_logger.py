@@ -1,0 +1,47 @@
+#!/usr/bin/env python3
+"""Temperature logger: print the focuser's temperature and position as CSV
+at a fixed interval, until Ctrl-C (or --count readings).
+
+    python3 temperature_logger.py --simulate --interval 2 --count 5
+"""
+import argparse
+import csv
+import datetime
+import os
+import sys
+import time
+
+import nkr
+
+parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+parser.add_argument("--simulate", action="store_true", help="run against simulated units")
+parser.add_argument("--unit", default="0", help="slot id, serial number or alias (default 0)")
+parser.add_argument("--interval", type=float, default=60, help="seconds between readings (60)")
+parser.add_argument("--count", type=int, default=0, help="stop after this many readings (0: never)")
+args = parser.parse_args()
+if args.interval <= 0 or args.count < 0:
+    parser.error("--interval must be positive and --count 0 or more")
+
+if args.simulate:
+    nkr.simulate(state_dir=os.path.expanduser("~/.local/state/nkr-sim"))
+
+unit = int(args.unit) if args.unit.isdigit() else args.unit
+writer = csv.writer(sys.stdout)
+writer.writerow(["time_utc", "position", "temperature_c"])
+try:
+    with nkr.open(unit) as focuser:
+        taken = 0
+        next_reading = time.monotonic()
+        while args.count == 0 or taken < args.count:
+            now = datetime.datetime.now(datetime.timezone.utc).isoformat(timespec="seconds")
+            try:
+                writer.writerow([now, focuser.position, f"{focuser.temperature:.2f}"])
+            except nkr.GeneralError as error:  # one bad reading: note it and go on
+                print(f"{now}: {error}", file=sys.stderr)
+            sys.stdout.flush()
+            taken += 1
+            next_reading += args.interval
+            if args.count == 0 or taken < args.count:
+                time.sleep(max(0.0, next_reading - time.monotonic()))
+except KeyboardInterrupt:
+    pass
