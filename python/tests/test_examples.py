@@ -64,3 +64,18 @@ def test_examples_reject_bad_options():
     done = subprocess.run([sys.executable, str(EXAMPLES / "focus_sweep.py"), "--step", "0"], env=environment,
                           capture_output=True, text=True, timeout=60)
     assert done.returncode == 2 and "--step must be positive" in done.stderr
+
+
+def test_readme_python_example_runs_as_written(tmp_path):
+    readme = (Path(__file__).resolve().parents[2] / "README.md").read_text()
+    section = readme[readme.index("\n## Python\n"):]
+    script = section[section.index("```python\n") + 10:section.index("```\n", section.index("```python\n"))]
+    (tmp_path / "try_nkr.py").write_text(script)
+    environment = dict(os.environ, PYTHONPATH=PACKAGE_DIR, PYTHONDONTWRITEBYTECODE="1")
+    environment.pop("NKR_SIM_UNITS", None)
+    done = subprocess.run([sys.executable, "try_nkr.py"], cwd=tmp_path, env=environment, capture_output=True,
+                          text=True, timeout=90)
+    assert done.returncode == 0, done.stderr
+    lines = done.stdout.splitlines()
+    assert lines[0].startswith("0 NKR") and lines[0].endswith(" usb") and len(lines) == 3
+    assert lines[-1].startswith("at ") and lines[-1].endswith(" steps, 25.0 °C")
