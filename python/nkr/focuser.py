@@ -9,7 +9,7 @@ from types import TracebackType
 from typing import Any, Callable
 
 from . import _checks, _library
-from ._records import (ALIAS_BYTES, BLE_FIRST_ID, BLE_NAME_BYTES, BLE_NAME_MAX_CHARS, NKR_ALL_INFO,
+from ._records import (ALIAS_BYTES, BLE_NAME_BYTES, BLE_NAME_MAX_CHARS, NKR_ALL_INFO,
                        NKR_BATTERY_INFO, NKR_BLE_NAME, NKR_CONTROL_CAPS, NKR_ERROR_MSG, NKR_ID, NKR_INFO,
                        NKR_SN, NKR_TYPE, text_of)
 from ._types import AllInfo, Battery, Control, FirmwareVersion

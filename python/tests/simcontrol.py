@@ -3,7 +3,6 @@ inject. It is C++, so the functions are bound by their mangled names; the
 tests that need one skip when the simulator in use lacks it."""
 from __future__ import annotations
 
-import ctypes
 from ctypes import c_bool, c_int
 
 import pytest
@@ -40,4 +39,3 @@ def control(name: str):
 # Simulator unit numbers, in the order of conftest.SIM_UNITS.
 SIM_USB_UNIT = 1
 SIM_BLE_UNIT = 4
-assert ctypes  # imported for the bindings' types
