@@ -15,7 +15,7 @@ from . import _checks, _library
 from ._records import BLE_FIRST_ID
 from ._types import UnitInfo
 from .errors import NKRError, NotSupportedError, UnitNotFoundError, check
-from .focuser import Focuser
+from .focuser import Focuser, alias_from_name
 
 _scan_lock = threading.RLock()
 _open_lock = threading.Lock()
@@ -83,7 +83,6 @@ def _optional(read: Any) -> Any:
 
 def describe(focuser: Focuser) -> UnitInfo:
     name = focuser.name
-    from .focuser import alias_from_name
     return UnitInfo(id=focuser.id, name=name, alias=alias_from_name(name),
                     serial=_optional(lambda: focuser.serial), firmware=focuser.firmware,
                     model=_optional(lambda: focuser.model), link=focuser.link)
@@ -93,14 +92,20 @@ def describe_usb(unit_id: int) -> UnitInfo:
     held = open_focuser(unit_id)
     if held is not None:
         return describe(held)
+    unknown = UnitInfo(id=unit_id, name="", alias="", serial=None, firmware=None, model=None, link="usb")
     try:
         focuser = open_usb_slot(unit_id)
-    except NKRError:
-        return UnitInfo(id=unit_id, name="", alias="", serial=None, firmware=None, model=None, link="usb")
+    except NKRError:  # listed but not openable (permissions, just unplugged): still listed
+        return unknown
     try:
         return describe(focuser)
+    except NKRError:
+        return unknown
     finally:
-        focuser.close()
+        try:
+            focuser.close()
+        except NKRError:
+            pass
 
 
 def _serial_key(text: str) -> str:

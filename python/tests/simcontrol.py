@@ -12,6 +12,7 @@ from nkr import simulation
 _FUNCTIONS = {
     "unplug": ("_ZN6nkrsim6unplugEi", [c_int]),
     "replug": ("_ZN6nkrsim6replugEi", [c_int]),
+    "refuse_open": ("_ZN6nkrsim10refuseOpenEib", [c_int, c_bool]),
     "hand_move": ("_ZN6nkrsim8handMoveEii", [c_int, c_int]),
     "ble_drop_connection": ("_ZN6nkrsim17bleDropConnectionEi", [c_int]),
     "ble_new_connection": ("_ZN6nkrsim16bleNewConnectionEii", [c_int, c_int]),
@@ -36,6 +37,8 @@ def control(name: str):
     return function
 
 
-# Simulator unit numbers, in the order of conftest.SIM_UNITS.
+# Simulator unit numbers, in the order of conftest.SIM_UNITS; the SDK's first
+# scan gives the USB units the same slot ids (UNIT and OTHER_UNIT there).
 SIM_USB_UNIT = 1
+SIM_OTHER_USB_UNIT = 2
 SIM_BLE_UNIT = 4

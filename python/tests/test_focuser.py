@@ -5,6 +5,7 @@ import pytest
 
 import nkr
 from conftest import OLD_UNIT, OTHER_UNIT, UNIT, saved_record
+from simcontrol import SIM_OTHER_USB_UNIT, SIM_USB_UNIT, control
 
 
 def test_units_lists_identity_of_every_usb_unit():
@@ -147,6 +148,33 @@ def test_open_failures_map_to_sdk_errors(focuser):
     assert unknown.value.code == 2 and unknown.value.operation == "NKROpen"
     with pytest.raises(RuntimeError, match="already open"):
         nkr.open(UNIT)
+
+
+def test_a_unit_that_cannot_be_opened_is_listed_and_refused():
+    control("refuse_open")(SIM_OTHER_USB_UNIT, True)
+    try:
+        listed = {u.id: u for u in nkr.units()}
+        assert listed[OTHER_UNIT].firmware is None and listed[OTHER_UNIT].serial is None
+        assert listed[UNIT].firmware is not None
+        with pytest.raises(nkr.RemovedError) as refused:
+            nkr.open(OTHER_UNIT)
+        assert refused.value.code == 4
+    finally:
+        control("refuse_open")(SIM_OTHER_USB_UNIT, False)
+    with nkr.open(OTHER_UNIT) as unit:
+        assert unit.position >= 0
+
+
+def test_unplugged_unit_and_hand_controller(focuser):
+    control("hand_move")(SIM_USB_UNIT, focuser.position + 400)
+    assert focuser.hand_moving and focuser.moving
+    assert focuser.wait(timeout=30)
+    control("unplug")(SIM_USB_UNIT)
+    try:
+        with pytest.raises(nkr.RemovedError):
+            focuser.position
+    finally:
+        control("replug")(SIM_USB_UNIT)
 
 
 def test_old_firmware_refuses_what_it_lacks():
