@@ -23,6 +23,11 @@ def clean_environment(**extra: str) -> dict[str, str]:
     return environment
 
 
+def tool_environment() -> dict[str, str]:
+    """For pip and cmake: without the sanitizer runtimes a sanitizer build preloads for the SDK."""
+    return {k: v for k, v in os.environ.items() if k not in ("LD_PRELOAD", "ASAN_OPTIONS")}
+
+
 def test_pip_installs_offline_with_the_system_setuptools(tmp_path):
     for needed in ("pip", "setuptools"):  # looked up, not imported: setuptools patches distutils
         if importlib.util.find_spec(needed) is None:
@@ -35,7 +40,7 @@ def test_pip_installs_offline_with_the_system_setuptools(tmp_path):
     target = tmp_path / "site"
     done = subprocess.run([sys.executable, "-m", "pip", "install", "--no-build-isolation", "--no-index",
                            "--no-deps", "--disable-pip-version-check", "--target", str(target), str(source)],
-                          capture_output=True, text=True, timeout=120)
+                          capture_output=True, text=True, timeout=120, env=tool_environment())
     assert done.returncode == 0, done.stdout + done.stderr
     installed = target / "nkr"
     assert (installed / "py.typed").exists() and (installed / "focuser.py").exists()
@@ -54,7 +59,7 @@ def test_cmake_install_into_a_staging_prefix(tmp_path):
         pytest.skip("NKR_BUILD_DIR and NKR_PYTHON_INSTALL_DIR (set by ctest) name the build to install")
     stage = tmp_path / "stage"
     done = subprocess.run([cmake, "--install", build, "--prefix", str(stage)], capture_output=True, text=True,
-                          timeout=120)
+                          timeout=120, env=tool_environment())
     assert done.returncode == 0, done.stdout + done.stderr
     done = subprocess.run([sys.executable, "-c", CHECK], capture_output=True, text=True, timeout=60,
                           env=clean_environment(PYTHONPATH=str(stage / site)))
