@@ -13,7 +13,7 @@ from ._records import (ALIAS_BYTES, BLE_NAME_BYTES, BLE_NAME_MAX_CHARS, NKR_ALL_
                        NKR_BATTERY_INFO, NKR_BLE_NAME, NKR_CONTROL_CAPS, NKR_ERROR_MSG, NKR_ID, NKR_INFO,
                        NKR_SN, NKR_TYPE, text_of)
 from ._types import AllInfo, Battery, Control, FirmwareVersion
-from .errors import MoveTimeoutError, check
+from .errors import MoveTimeoutError, NKRError, check
 
 #: How often wait() asks the unit whether it still moves, in seconds.
 DEFAULT_POLL = 0.05
@@ -113,7 +113,13 @@ class Focuser:
 
     def __exit__(self, kind: type[BaseException] | None, value: BaseException | None,
                  traceback: TracebackType | None) -> None:
-        self.close()
+        if value is None:
+            self.close()
+            return
+        try:  # the exception in flight is the news, not a failing close after it
+            self.close()
+        except NKRError:
+            pass
 
     # ---- small read helpers --------------------------------------------------------------
     def _int(self, function: str) -> int:
@@ -192,7 +198,7 @@ class Focuser:
             self.wait(_STOP_SETTLE_SECONDS, interval)
             try:
                 where: int | None = self.position
-            except Exception:  # the unit may be gone; the time-out is the news
+            except NKRError:  # the unit may be gone; the time-out is the news
                 where = None
             raise MoveTimeoutError(
                 f"the move to {target} did not end within {limit} s; stopped at {where}", where, target)
