@@ -97,8 +97,8 @@ bool NkrFocuser::Connect()
     readExtraSettings();
     pollTemperature();
     m_pollFailed = false;
-    m_lastPowerPoll = std::chrono::steady_clock::now();
-    m_timerId = SetTimer(getCurrentPollingPeriod());
+    m_lastPowerPoll = m_lastRestPoll = std::chrono::steady_clock::now();
+    schedulePoll();
     return true;
 }
 
@@ -118,9 +118,26 @@ void NkrFocuser::TimerHit()
     m_timerId = -1;
     if (!isConnected() || !m_unit.isOpen()) return;
     pollMotion();
-    pollTemperature();
-    pollPowerState();
-    m_timerId = SetTimer(getCurrentPollingPeriod());
+    // Temperature, battery and error codes keep the user's pace even while a
+    // move is followed closely.
+    const auto now = std::chrono::steady_clock::now();
+    if (m_mover == Mover::None || now - m_lastRestPoll >= pollingPeriod()) {
+        m_lastRestPoll = now;
+        pollTemperature();
+        pollPowerState();
+    }
+    schedulePoll();
+}
+
+void NkrFocuser::schedulePoll()
+{
+    if (m_timerId >= 0) RemoveTimer(m_timerId);
+    m_timerId = SetTimer(m_mover != Mover::None ? kMotionPollMillis : getCurrentPollingPeriod());
+}
+
+std::chrono::milliseconds NkrFocuser::pollingPeriod() const
+{
+    return std::chrono::milliseconds(getCurrentPollingPeriod());
 }
 
 bool NkrFocuser::saveConfigItems(FILE* fp)

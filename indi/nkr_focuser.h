@@ -46,6 +46,8 @@ protected:
 private:
     // nkr_focuser_motion.cpp
     void readMotorSettings();
+    // One look at the motor: while a move is followed, whether it still runs
+    // and where it is; at rest only the position (a change shows a hand move).
     void pollMotion();
     void finishMove(IPState state);
     void publishPosition(int position);
@@ -63,6 +65,11 @@ private:
     bool handleExtraNumber(const char* name, double values[], char* names[], int n);
     bool handleExtraSwitch(const char* name, ISState* states, char* names[], int n);
     bool handleExtraText(const char* name, char* texts[], char* names[], int n);
+
+    // Arms the one poll timer: kMotionPollMillis while a move is followed, the
+    // user's polling period at rest.
+    void schedulePoll();
+    std::chrono::milliseconds pollingPeriod() const;
 
     // Both selector texts, trimmed, to tell a real change from a reload.
     std::string unitChoice();
@@ -96,11 +103,18 @@ private:
     // Motion bookkeeping between polls.
     Mover m_mover = Mover::None;
     int m_target = 0;
-    int m_lastPosition = -1;
+    int m_lastPosition = -1;      // as published
+    int m_lastSeenPosition = -1;  // as last read
     std::chrono::steady_clock::time_point m_lastProgress{};
+    std::chrono::steady_clock::time_point m_lastPublished{};
     // Backlash the unit uses while the toggle is on; the unit itself has no
     // on/off, so "off" sends 0 and keeps this value for the next "on".
     int m_backlashSteps = 0;
     bool m_pollFailed = false;
     std::chrono::steady_clock::time_point m_lastPowerPoll{};
+    std::chrono::steady_clock::time_point m_lastRestPoll{};
+
+    // Poll interval while a move is under way: the end of a move is reported
+    // within this (plus one exchange) of the motor stopping.
+    static constexpr uint32_t kMotionPollMillis = 20;
 };

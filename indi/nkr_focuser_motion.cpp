@@ -12,6 +12,7 @@ namespace {
 // A host move whose position has not changed for this long has stalled (the
 // unit also reports its error state as "moving", so this is how it ends).
 constexpr auto kStallTimeout = std::chrono::seconds(10);
+constexpr auto kProgressInterval = std::chrono::milliseconds(100);
 
 }  // namespace
 
@@ -68,6 +69,7 @@ IPState NkrFocuser::MoveAbsFocuser(uint32_t targetTicks)
     m_target = target;
     m_lastProgress = std::chrono::steady_clock::now();
     LOGF_DEBUG("Moving to %d.", target);
+    schedulePoll();  // follow the move closely from now on
     return IPS_BUSY;
 }
 
@@ -93,6 +95,7 @@ bool NkrFocuser::AbortFocuser()
     // Report where it stopped now rather than at the next poll.
     int position = 0;
     if (NKRGetPosition(m_unit.id(), &position) == NKR_SUCCESS) publishPosition(position);
+    schedulePoll();
     return true;
 }
 
@@ -143,6 +146,7 @@ bool NkrFocuser::SetFocuserBacklashEnabled(bool enabled)
 void NkrFocuser::publishPosition(int position)
 {
     m_lastPosition = position;
+    m_lastPublished = std::chrono::steady_clock::now();
     FocusAbsPosN[0].value = position;
     IDSetNumber(&FocusAbsPosNP, nullptr);
 }
@@ -164,8 +168,17 @@ void NkrFocuser::pollMotion()
     bool moving = false;
     bool handMoving = false;
     int position = 0;
-    int rc = NKRIsMoving(id, &moving, &handMoving);
-    if (rc == NKR_SUCCESS) rc = NKRGetPosition(id, &position);
+    int rc = NKR_SUCCESS;
+    if (m_mover == Mover::None) {
+        // At rest one exchange: the position. Only a change (a hand move, or
+        // one that ended between two polls) asks for the motor state too.
+        rc = NKRGetPosition(id, &position);
+        if (rc == NKR_SUCCESS && position != m_lastPosition) rc = NKRIsMoving(id, &moving, &handMoving);
+    } else {
+        // Motor state first: a position read after "stopped" is the final one.
+        rc = NKRIsMoving(id, &moving, &handMoving);
+        if (rc == NKR_SUCCESS) rc = NKRGetPosition(id, &position);
+    }
     if (rc != NKR_SUCCESS) {
         if (!m_pollFailed)
             LOGF_ERROR("Reading the focuser failed: %s (%d)", nkrindi::errorText(rc), rc);
@@ -177,10 +190,14 @@ void NkrFocuser::pollMotion()
     m_pollFailed = false;
 
     const auto now = std::chrono::steady_clock::now();
-    if (position != m_lastPosition) {
+    if (position != m_lastSeenPosition) {
+        m_lastSeenPosition = position;
         m_lastProgress = now;
-        publishPosition(position);
     }
+    // Progress of a running move at a client-friendly rate; where it stopped
+    // at once.
+    if (position != m_lastPosition && (!moving || now - m_lastPublished >= kProgressInterval))
+        publishPosition(position);
     if (handMoving && m_mover == Mover::None) {
         LOG_INFO("The hand controller moves the focuser.");
         m_mover = Mover::HandController;
