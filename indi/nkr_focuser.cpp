@@ -34,9 +34,7 @@ bool NkrFocuser::initProperties()
 {
     INDI::Focuser::initProperties();
 
-    m_unitSelectTP[kUsbSelector].fill("USB", "USB serial or alias", "");
-    m_unitSelectTP[kBleSelector].fill("BLE", "Bluetooth name or address", "");
-    m_unitSelectTP.fill(getDeviceName(), "NKR_UNIT", "Unit", CONNECTION_TAB, IP_RW, 60, IPS_IDLE);
+    initUnitProperties();
 
     m_temperatureNP[0].fill("TEMPERATURE", "Celsius", "%6.2f", -50, 70, 0, 0);
     m_temperatureNP.fill(getDeviceName(), "FOCUS_TEMPERATURE", "Temperature", MAIN_CONTROL_TAB,
@@ -60,10 +58,7 @@ bool NkrFocuser::initProperties()
 void NkrFocuser::ISGetProperties(const char* dev)
 {
     INDI::Focuser::ISGetProperties(dev);
-    defineProperty(m_unitSelectTP);
-    // Every client asks for the properties; the saved choice is read once.
-    if (!m_unitChoiceLoaded) loadConfig(true, m_unitSelectTP.getName());
-    m_unitChoiceLoaded = true;
+    defineUnitProperties();
 }
 
 bool NkrFocuser::updateProperties()
@@ -82,14 +77,15 @@ bool NkrFocuser::updateProperties()
 bool NkrFocuser::Connect()
 {
     const std::string ble = nkrindi::trimmed(m_unitSelectTP[kBleSelector].getText());
-    const std::string problem = ble.empty()
-                                    ? m_unit.openUsb(m_unitSelectTP[kUsbSelector].getText())
-                                    : m_unit.openBle(ble);
+    const std::string problem =
+        ble.empty() ? m_unit.openUsb(m_unitSelectTP[kUsbSelector].getText(), getDeviceName())
+                    : m_unit.openBle(ble, getDeviceName());
     if (!problem.empty()) {
-        LOGF_ERROR("%s", problem.c_str());
+        LOGF_ERROR("%s.", problem.c_str());
         return false;
     }
     LOGF_INFO("Connected to the focuser on %s.", m_unit.description().c_str());
+    restoreOwnPosition();
 
     readCapabilities();
     readIdentity();
@@ -107,6 +103,9 @@ bool NkrFocuser::Disconnect()
     if (m_timerId >= 0) RemoveTimer(m_timerId);
     m_timerId = -1;
     const bool wasUsb = m_unit.isOpen() && !m_unit.overBle();
+    if (m_unit.isOpen()) recordOwnPosition();
+    m_moveHold.unlock();
+    m_mover = Mover::None;
     m_unit.close();
     LOG_INFO(wasUsb ? "Focuser closed; its position is saved for the next session."
                     : "Focuser disconnected.");
@@ -144,6 +143,7 @@ bool NkrFocuser::saveConfigItems(FILE* fp)
 {
     INDI::Focuser::saveConfigItems(fp);
     m_unitSelectTP.save(fp);
+    m_savedTP.save(fp);
     return true;
 }
 
@@ -160,7 +160,8 @@ bool NkrFocuser::ISNewText(const char* dev, const char* name, char* texts[], cha
                 LOG_INFO("The new unit choice takes effect at the next connect.");
             return true;
         }
-        if (handleExtraText(name, texts, names, n)) return true;
+        if (handleExtraText(name, texts, names, n) || handleSavedText(name, texts, names, n))
+            return true;
     }
     return INDI::Focuser::ISNewText(dev, name, texts, names, n);
 }
@@ -178,7 +179,7 @@ bool NkrFocuser::ISNewSwitch(const char* dev, const char* name, ISState* states,
                              int n)
 {
     if (dev != nullptr && std::strcmp(dev, getDeviceName()) == 0 &&
-        handleExtraSwitch(name, states, names, n))
+        (handleExtraSwitch(name, states, names, n) || handleUnitSwitch(name, states, names, n)))
         return true;
     return INDI::Focuser::ISNewSwitch(dev, name, states, names, n);
 }

@@ -1,9 +1,12 @@
 // INDI driver for the NKR focuser: an INDI::Focuser over the SDK's C
-// interface. One driver process drives one unit, USB or Bluetooth LE.
+// interface. One driver process drives one unit, USB or Bluetooth LE; several
+// instances, each under its own device name (INDIDEV, or indiserver's
+// "start ... -n <name>"), drive several units.
 #pragma once
 
 #include <chrono>
 #include <string>
+#include <vector>
 
 #include <indifocuser.h>
 #include <indipropertynumber.h>
@@ -71,6 +74,18 @@ private:
     void schedulePoll();
     std::chrono::milliseconds pollingPeriod() const;
 
+    // nkr_focuser_units.cpp: unit list, unit choice, own position record.
+    void initUnitProperties();
+    void defineUnitProperties();
+    // Lists the units present (USB; Bluetooth too when asked, which takes seconds).
+    void scanUnits(bool withBluetooth);
+    bool handleUnitSwitch(const char* name, ISState* states, char* names[], int n);
+    bool handleSavedText(const char* name, char* texts[], char* names[], int n);
+    // At connect: undoes the SDK's restore of another unit's shared record.
+    void restoreOwnPosition();
+    // At disconnect: this unit's position, in this instance's configuration.
+    void recordOwnPosition();
+
     // Both selector texts, trimmed, to tell a real change from a reload.
     std::string unitChoice();
     // Logs a failed SDK call as "<what> failed: <reason> (<code>)"; true on success.
@@ -82,6 +97,13 @@ private:
     // Which unit to open: USB serial number / alias, or Bluetooth name / address.
     INDI::PropertyText m_unitSelectTP{2};
     bool m_unitChoiceLoaded = false;
+    // The units a scan found, one switch each; a choice fills m_unitSelectTP.
+    INDI::PropertySwitch m_unitListSP{0};
+    INDI::PropertySwitch m_unitScanSP{1};
+    std::vector<nkrindi::FoundUnit> m_found;
+    INDI::PropertyText m_savedTP{2};
+    // Shared hold on the probe lock while a host move runs (see file_lock.h).
+    nkrindi::FileLock m_moveHold;
 
     INDI::PropertyNumber m_temperatureNP{1};
     INDI::PropertyText m_infoTP{4};

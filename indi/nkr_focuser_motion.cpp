@@ -64,7 +64,18 @@ IPState NkrFocuser::MoveAbsFocuser(uint32_t targetTicks)
 {
     if (!m_unit.isOpen()) return IPS_ALERT;
     const int target = static_cast<int>(std::min<uint32_t>(targetTicks, INT32_MAX));
-    if (!succeeded(NKRMove(m_unit.id(), target), "Starting the move")) return IPS_ALERT;
+    // Another instance that opens units to list them would stop this move:
+    // it waits while moves hold this lock (and a move waits for its scan).
+    const std::string probeLock = nkrindi::probeLockPath();
+    if (!m_moveHold.held() && !probeLock.empty() &&
+        !m_moveHold.lock(probeLock, false, std::chrono::milliseconds(3000))) {
+        LOG_ERROR("Another driver instance is scanning the units; try the move again.");
+        return IPS_ALERT;
+    }
+    if (!succeeded(NKRMove(m_unit.id(), target), "Starting the move")) {
+        m_moveHold.unlock();
+        return IPS_ALERT;
+    }
     m_mover = Mover::Host;
     m_target = target;
     m_lastProgress = std::chrono::steady_clock::now();
@@ -92,6 +103,7 @@ bool NkrFocuser::AbortFocuser()
     if (!m_unit.isOpen()) return false;
     if (!succeeded(NKRStop(m_unit.id()), "Stopping the motor")) return false;
     m_mover = Mover::None;
+    m_moveHold.unlock();
     // Report where it stopped now rather than at the next poll.
     int position = 0;
     if (NKRGetPosition(m_unit.id(), &position) == NKR_SUCCESS) publishPosition(position);
@@ -154,6 +166,7 @@ void NkrFocuser::publishPosition(int position)
 void NkrFocuser::finishMove(IPState state)
 {
     m_mover = Mover::None;
+    m_moveHold.unlock();
     FocusAbsPosNP.s = state;
     IDSetNumber(&FocusAbsPosNP, nullptr);
     if (FocusRelPosNP.s == IPS_BUSY) {
