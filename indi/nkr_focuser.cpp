@@ -92,7 +92,8 @@ bool NkrFocuser::Connect()
     readMotorSettings();
     readExtraSettings();
     pollTemperature();
-    m_pollFailed = false;
+    m_pollFailed = m_lost = false;
+    m_failedPolls = 0;
     m_lastPowerPoll = m_lastRestPoll = std::chrono::steady_clock::now();
     schedulePoll();
     return true;
@@ -104,6 +105,7 @@ bool NkrFocuser::Disconnect()
     m_timerId = -1;
     const bool wasUsb = m_unit.isOpen() && !m_unit.overBle();
     if (m_unit.isOpen()) recordOwnPosition();
+    m_lost = false;
     m_moveHold.unlock();
     m_mover = Mover::None;
     m_unit.close();
@@ -115,8 +117,17 @@ bool NkrFocuser::Disconnect()
 void NkrFocuser::TimerHit()
 {
     m_timerId = -1;
-    if (!isConnected() || !m_unit.isOpen()) return;
+    if (!isConnected()) return;
+    if (m_lost) tryReconnect();
+    if (!m_unit.isOpen()) {
+        if (m_lost) m_timerId = SetTimer(kLostPollMillis);
+        return;
+    }
     pollMotion();
+    if (m_lost) {
+        m_timerId = SetTimer(kLostPollMillis);
+        return;
+    }
     // Temperature, battery and error codes keep the user's pace even while a
     // move is followed closely.
     const auto now = std::chrono::steady_clock::now();

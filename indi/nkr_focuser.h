@@ -74,6 +74,13 @@ private:
     void schedulePoll();
     std::chrono::milliseconds pollingPeriod() const;
 
+    // nkr_focuser_link.cpp: a unit that goes away and comes back.
+    void pollFailed(int rc);
+    void pollSucceeded();
+    void loseUnit();
+    void tryReconnect();
+    void restoreAfterReturn();
+
     // nkr_focuser_units.cpp: unit list, unit choice, own position record.
     void initUnitProperties();
     void defineUnitProperties();
@@ -118,6 +125,7 @@ private:
     bool m_hasBattery = false;
     bool m_hasLed = false;
     bool m_hasErrorCodes = false;
+    bool m_probeError = false;
 
     // Who moves the motor, as far as the driver knows.
     enum class Mover { None, Host, HandController };
@@ -133,10 +141,20 @@ private:
     // on/off, so "off" sends 0 and keeps this value for the next "on".
     int m_backlashSteps = 0;
     bool m_pollFailed = false;
+    int m_failedPolls = 0;
+    // The unit went away while connected; the driver looks for it again.
+    bool m_lost = false;
+    bool m_lostBle = false;
+    std::string m_lostSerial;
+    int m_knownPosition = -1;
+    std::chrono::steady_clock::time_point m_lastReconnectTry{};
+    static constexpr auto kReconnectInterval = std::chrono::seconds(1);
     std::chrono::steady_clock::time_point m_lastPowerPoll{};
     std::chrono::steady_clock::time_point m_lastRestPoll{};
 
     // Poll interval while a move is under way: the end of a move is reported
     // within this (plus one exchange) of the motor stopping.
     static constexpr uint32_t kMotionPollMillis = 20;
+    // Poll interval while the unit is gone: each tick may look for it.
+    static constexpr uint32_t kLostPollMillis = 250;
 };

@@ -62,7 +62,10 @@ void NkrFocuser::readMotorSettings()
 
 IPState NkrFocuser::MoveAbsFocuser(uint32_t targetTicks)
 {
-    if (!m_unit.isOpen()) return IPS_ALERT;
+    if (!m_unit.isOpen()) {
+        LOG_ERROR("The focuser is not there (unplugged or out of range); it cannot move.");
+        return IPS_ALERT;
+    }
     const int target = static_cast<int>(std::min<uint32_t>(targetTicks, INT32_MAX));
     // Another instance that opens units to list them would stop this move:
     // it waits while moves hold this lock (and a move waits for its scan).
@@ -193,14 +196,10 @@ void NkrFocuser::pollMotion()
         if (rc == NKR_SUCCESS) rc = NKRGetPosition(id, &position);
     }
     if (rc != NKR_SUCCESS) {
-        if (!m_pollFailed)
-            LOGF_ERROR("Reading the focuser failed: %s (%d)", nkrindi::errorText(rc), rc);
-        m_pollFailed = true;
-        if (m_mover != Mover::None) finishMove(IPS_ALERT);
+        pollFailed(rc);
         return;
     }
-    if (m_pollFailed) LOG_INFO("The focuser answers again.");
-    m_pollFailed = false;
+    pollSucceeded();
 
     const auto now = std::chrono::steady_clock::now();
     if (position != m_lastSeenPosition) {

@@ -17,6 +17,7 @@ namespace {
 
 // The helper library reads the scan time-out in milliseconds.
 constexpr int kBleScanMillis = 5000;
+constexpr int kQuickBleScanMillis = 1000;
 constexpr int kMaxScanResults = 16;
 // How long an instance waits for another's scan of the units, or for moves
 // of other instances to end before it scans.
@@ -101,7 +102,7 @@ std::string UnitLink::takeUnitLock(const std::string& key, const std::string& ow
     return {};
 }
 
-std::string UnitLink::openUsb(const std::string& serialOrAlias, const std::string& owner)
+std::string UnitLink::openUsb(const std::string& serialOrAlias, const std::string& owner, bool quick)
 {
     close();
     const std::string wanted = trimmed(serialOrAlias);
@@ -114,7 +115,8 @@ std::string UnitLink::openUsb(const std::string& serialOrAlias, const std::strin
     }
     // Opening and closing units stops their motors: not while another instance moves one.
     FileLock probing;
-    if (!probing.lock(probeLockPath(), true, kProbeWait) && !probeLockPath().empty())
+    if (!probing.lock(probeLockPath(), true, quick ? std::chrono::milliseconds(0) : kProbeWait) &&
+        !probeLockPath().empty())
         return "Another driver instance is moving its focuser or scanning; connect again when it is done";
 
     const int count = NKRGetNum();
@@ -153,13 +155,14 @@ std::string UnitLink::openUsb(const std::string& serialOrAlias, const std::strin
     return "No USB focuser has serial number or alias '" + wanted + "' (found: " + seen + ")";
 }
 
-std::string UnitLink::openBle(const std::string& nameOrAddress, const std::string& owner)
+std::string UnitLink::openBle(const std::string& nameOrAddress, const std::string& owner, bool quick)
 {
     close();
     const std::string wanted = trimmed(nameOrAddress);
     std::vector<_BLE_DEVICE_INFO> found(kMaxScanResults);
     int count = 0;
-    int rc = NKRBLEScan(kBleScanMillis, found.data(), kMaxScanResults, &count);
+    int rc = NKRBLEScan(quick ? kQuickBleScanMillis : kBleScanMillis, found.data(), kMaxScanResults,
+                        &count);
     if (rc != NKR_SUCCESS) return failure("Bluetooth scan failed", rc);
 
     std::string seen;

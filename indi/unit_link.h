@@ -30,9 +30,13 @@ public:
     ~UnitLink() { close(); }
 
     // Each returns "" on success, else a sentence for the log. owner names
-    // this instance to the others (its device name).
-    std::string openUsb(const std::string& serialOrAlias, const std::string& owner);
-    std::string openBle(const std::string& nameOrAddress, const std::string& owner);
+    // this instance to the others (its device name). quick: a look for a unit
+    // that went away, which must not hold up the driver (no waiting for other
+    // instances, a short Bluetooth scan).
+    std::string openUsb(const std::string& serialOrAlias, const std::string& owner,
+                        bool quick = false);
+    std::string openBle(const std::string& nameOrAddress, const std::string& owner,
+                        bool quick = false);
 
     // Closes a USB unit (the SDK then saves its position) or disconnects a
     // Bluetooth unit, and gives up the unit's lock. Harmless when nothing is open.
