@@ -43,6 +43,8 @@ void NkrFocuser::loseUnit()
 {
     if (m_mover == Mover::Host)
         LOGF_ERROR("The move to %d failed: the focuser went away at %d.", m_target, m_lastSeenPosition);
+    // The last position read, even if the progress throttle held it back.
+    FocusAbsPosN[0].value = m_lastPosition = m_lastSeenPosition;
     if (m_mover != Mover::None) finishMove(IPS_ALERT);
     m_lost = true;
     m_lostBle = m_unit.overBle();
