@@ -123,19 +123,27 @@ void NkrFocuser::TimerHit()
         if (m_lost) m_timerId = SetTimer(kLostPollMillis);
         return;
     }
-    pollMotion();
-    if (m_lost) {
-        m_timerId = SetTimer(kLostPollMillis);
-        return;
-    }
-    // Temperature, battery and error codes keep the user's pace even while a
-    // move is followed closely.
+    // At rest one status read per polling period: the position (which shows
+    // a hand move) and the temperature take turns. While a move is followed:
+    // the motor every tick, the temperature at the user's pace.
     const auto now = std::chrono::steady_clock::now();
-    if (m_mover == Mover::None || now - m_lastRestPoll >= pollingPeriod()) {
-        m_lastRestPoll = now;
+    if (m_mover == Mover::None && m_temperatureTurn) {
+        m_temperatureTurn = false;
         pollTemperature();
-        pollPowerState();
+    } else {
+        pollMotion();
+        if (m_lost) {
+            m_timerId = SetTimer(kLostPollMillis);
+            return;
+        }
+        if (m_mover == Mover::None) {
+            m_temperatureTurn = true;
+        } else if (now - m_lastRestPoll >= pollingPeriod()) {
+            m_lastRestPoll = now;
+            pollTemperature();
+        }
     }
+    pollPowerState();  // every few seconds, on its own clock
     schedulePoll();
 }
 

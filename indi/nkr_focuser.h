@@ -151,6 +151,7 @@ private:
     static constexpr auto kReconnectInterval = std::chrono::seconds(1);
     std::chrono::steady_clock::time_point m_lastPowerPoll{};
     std::chrono::steady_clock::time_point m_lastRestPoll{};
+    bool m_temperatureTurn = false;  // at rest: the next tick reads the temperature
 
     // Poll interval while a move is under way: the end of a move is reported
     // within this (plus one exchange) of the motor stopping.

@@ -188,8 +188,8 @@ void NkrFocuser::pollTemperature()
     }
     const IPState state = rc == NKR_SUCCESS ? IPS_OK : IPS_ALERT;
     const double shown = std::isnan(celsius) ? m_temperatureNP[0].getValue() : celsius;
-    if (state == m_temperatureNP.getState() && std::fabs(shown - m_temperatureNP[0].getValue()) < 0.005)
-        return;
+    // Sent at every reading, changed or not: clients that log or track the
+    // temperature see it alive.
     m_temperatureNP[0].setValue(shown);
     m_temperatureNP.setState(state);
     if (isConnected()) m_temperatureNP.apply();  // while connecting it is not defined yet
