@@ -94,7 +94,7 @@ bool NkrFocuser::Connect()
     pollTemperature();
     m_pollFailed = m_lost = false;
     m_failedPolls = 0;
-    m_lastPowerPoll = m_lastRestPoll = std::chrono::steady_clock::now();
+    m_lastPowerPoll = std::chrono::steady_clock::now();
     schedulePoll();
     return true;
 }
@@ -125,8 +125,7 @@ void NkrFocuser::TimerHit()
     }
     // At rest one status read per polling period: the position (which shows
     // a hand move) and the temperature take turns. While a move is followed:
-    // the motor every tick, the temperature at the user's pace.
-    const auto now = std::chrono::steady_clock::now();
+    // the motor every tick.
     if (m_mover == Mover::None && m_temperatureTurn) {
         m_temperatureTurn = false;
         pollTemperature();
@@ -136,14 +135,11 @@ void NkrFocuser::TimerHit()
             m_timerId = SetTimer(kLostPollMillis);
             return;
         }
-        if (m_mover == Mover::None) {
-            m_temperatureTurn = true;
-        } else if (now - m_lastRestPoll >= pollingPeriod()) {
-            m_lastRestPoll = now;
-            pollTemperature();
-        }
+        // While a move is followed nothing else is sent: a message just
+        // before the move's end would hold the end back (see handleMoveNumber).
+        if (m_mover == Mover::None) m_temperatureTurn = true;
     }
-    pollPowerState();  // every few seconds, on its own clock
+    if (m_mover == Mover::None) pollPowerState();  // every few seconds, on its own clock
     schedulePoll();
 }
 
@@ -189,7 +185,7 @@ bool NkrFocuser::ISNewNumber(const char* dev, const char* name, double values[],
                              int n)
 {
     if (dev != nullptr && std::strcmp(dev, getDeviceName()) == 0 &&
-        handleExtraNumber(name, values, names, n))
+        (handleMoveNumber(name, values, names, n) || handleExtraNumber(name, values, names, n)))
         return true;
     return INDI::Focuser::ISNewNumber(dev, name, values, names, n);
 }

@@ -49,6 +49,8 @@ protected:
 private:
     // nkr_focuser_motion.cpp
     void readMotorSettings();
+    // Absolute and relative move requests, announced without a separate message.
+    bool handleMoveNumber(const char* name, double values[], char* names[], int n);
     // One look at the motor: while a move is followed, whether it still runs
     // and where it is; at rest only the position (a change shows a hand move).
     void pollMotion();
@@ -150,7 +152,6 @@ private:
     std::chrono::steady_clock::time_point m_lastReconnectTry{};
     static constexpr auto kReconnectInterval = std::chrono::seconds(1);
     std::chrono::steady_clock::time_point m_lastPowerPoll{};
-    std::chrono::steady_clock::time_point m_lastRestPoll{};
     bool m_temperatureTurn = false;  // at rest: the next tick reads the temperature
 
     // Poll interval while a move is under way: the end of a move is reported

@@ -2,6 +2,8 @@
 // follows a move to its end.
 #include <algorithm>
 #include <cstdint>
+#include <cstdlib>
+#include <cstring>
 
 #include "NKR_focuser.h"
 #include "error_text.h"
@@ -13,6 +15,8 @@ namespace {
 // unit also reports its error state as "moving", so this is how it ends).
 constexpr auto kStallTimeout = std::chrono::seconds(10);
 constexpr auto kProgressInterval = std::chrono::milliseconds(100);
+// Seconds before the expected end of a move in which no progress is sent.
+constexpr double kQuietBeforeEnd = 0.06;
 
 }  // namespace
 
@@ -83,6 +87,20 @@ IPState NkrFocuser::MoveAbsFocuser(uint32_t targetTicks)
     m_target = target;
     m_lastProgress = std::chrono::steady_clock::now();
     LOGF_DEBUG("Moving to %d.", target);
+    // The SDK returns after its pause, in which a short move may have ended:
+    // then it is reported done at once, in one message. (A "Busy" just before
+    // the "Ok" would hold the "Ok" back: indiserver's socket waits for the
+    // client's delayed acknowledgement of the first small message.)
+    bool moving = true;
+    int position = 0;
+    if (NKRIsMoving(m_unit.id(), &moving, nullptr) == NKR_SUCCESS && !moving &&
+        NKRGetPosition(m_unit.id(), &position) == NKR_SUCCESS && position == target) {
+        m_mover = Mover::None;
+        m_moveHold.unlock();
+        m_lastPosition = m_lastSeenPosition = position;
+        schedulePoll();
+        return IPS_OK;
+    }
     schedulePoll();  // follow the move closely from now on
     return IPS_BUSY;
 }
@@ -93,12 +111,44 @@ IPState NkrFocuser::MoveRelFocuser(FocusDirection dir, uint32_t ticks)
     const int64_t wanted = dir == FOCUS_INWARD ? current - static_cast<int64_t>(ticks)
                                                : current + static_cast<int64_t>(ticks);
     const int64_t target = std::clamp<int64_t>(wanted, 0, static_cast<int64_t>(FocusAbsPosN[0].max));
-    const IPState state = MoveAbsFocuser(static_cast<uint32_t>(target));
-    if (state == IPS_BUSY && FocusAbsPosNP.s != IPS_BUSY) {
-        FocusAbsPosNP.s = IPS_BUSY;
-        IDSetNumber(&FocusAbsPosNP, nullptr);
+    return MoveAbsFocuser(static_cast<uint32_t>(target));
+}
+
+bool NkrFocuser::handleMoveNumber(const char* name, double values[], char* names[], int n)
+{
+    // The focuser base class announces each move in a session message of its
+    // own before the property update. indiserver forwards the two as two
+    // small writes, and the second then waits for the client's delayed
+    // acknowledgement of the first (about 40 ms): a move that ends in the
+    // SDK's pause would be reported that much late. So moves are taken here
+    // and announced by the property update alone.
+    const bool absolute = std::strcmp(name, FocusAbsPosNP.name) == 0;
+    if (!absolute && std::strcmp(name, FocusRelPosNP.name) != 0) return false;
+    if (n < 1 || values == nullptr) return false;
+    const double wanted = values[0];
+    INumberVectorProperty& asked = absolute ? FocusAbsPosNP : FocusRelPosNP;
+    const double lowest = absolute ? FocusAbsPosN[0].min : 1;
+    if (wanted < lowest || wanted > asked.np[0].max) {
+        asked.s = IPS_ALERT;
+        IDSetNumber(&asked, nullptr);
+        LOGF_ERROR("%s %.0f is outside %.0f..%.0f.", absolute ? "Position" : "Step count", wanted,
+                   lowest, asked.np[0].max);
+        return true;
     }
-    return state;
+    const uint32_t ticks = static_cast<uint32_t>(wanted);
+    const IPState state =
+        absolute ? MoveAbsFocuser(ticks)
+                 : MoveRelFocuser(FocusMotionS[0].s == ISS_ON ? FOCUS_INWARD : FOCUS_OUTWARD, ticks);
+    LOGF_DEBUG("Move to %d: %s.", m_target, pstateStr(state));
+    if (state == IPS_OK) FocusAbsPosN[0].value = m_target;
+    if (!absolute) {
+        IUUpdateNumber(&FocusRelPosNP, values, names, n);
+        FocusRelPosNP.s = state;
+        IDSetNumber(&FocusRelPosNP, nullptr);  // first: the property the client asked
+    }
+    FocusAbsPosNP.s = state;
+    IDSetNumber(&FocusAbsPosNP, nullptr);
+    return true;
 }
 
 bool NkrFocuser::AbortFocuser()
@@ -170,12 +220,13 @@ void NkrFocuser::finishMove(IPState state)
 {
     m_mover = Mover::None;
     m_moveHold.unlock();
-    FocusAbsPosNP.s = state;
-    IDSetNumber(&FocusAbsPosNP, nullptr);
+    // A relative move's own property first: the client waits on that one.
     if (FocusRelPosNP.s == IPS_BUSY) {
         FocusRelPosNP.s = state;
         IDSetNumber(&FocusRelPosNP, nullptr);
     }
+    FocusAbsPosNP.s = state;
+    IDSetNumber(&FocusAbsPosNP, nullptr);
 }
 
 void NkrFocuser::pollMotion()
@@ -202,13 +253,22 @@ void NkrFocuser::pollMotion()
     pollSucceeded();
 
     const auto now = std::chrono::steady_clock::now();
+    // Progress of a running move at a client-friendly rate, but none just
+    // before the expected end, which would hold the final message back (see
+    // MoveAbsFocuser); where it stopped at once.
+    bool nearEnd = false;
     if (position != m_lastSeenPosition) {
+        const double seconds = std::chrono::duration<double>(now - m_lastProgress).count();
+        const double stepsPerSecond = m_lastSeenPosition >= 0 && seconds > 0
+                                          ? std::abs(position - m_lastSeenPosition) / seconds
+                                          : 0;
+        nearEnd = m_mover == Mover::Host && stepsPerSecond > 0 &&
+                  std::abs(m_target - position) / stepsPerSecond < kQuietBeforeEnd;
         m_lastSeenPosition = position;
         m_lastProgress = now;
     }
-    // Progress of a running move at a client-friendly rate; where it stopped
-    // at once.
-    if (position != m_lastPosition && (!moving || now - m_lastPublished >= kProgressInterval))
+    if (position != m_lastPosition &&
+        (!moving || (now - m_lastPublished >= kProgressInterval && !nearEnd)))
         publishPosition(position);
     if (handMoving && m_mover == Mover::None) {
         LOG_INFO("The hand controller moves the focuser.");
