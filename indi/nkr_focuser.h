@@ -111,6 +111,7 @@ private:
     INDI::PropertySwitch m_unitScanSP{1};
     std::vector<nkrindi::FoundUnit> m_found;
     INDI::PropertyText m_savedTP{2};
+    bool m_loadingSaved = false;
     // Shared hold on the probe lock while a host move runs (see file_lock.h).
     nkrindi::FileLock m_moveHold;
 

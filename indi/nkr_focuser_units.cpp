@@ -46,7 +46,7 @@ void NkrFocuser::initUnitProperties()
 
     m_savedTP[kSavedSerial].fill("SERIAL", "Serial number", "");
     m_savedTP[kSavedPosition].fill("POSITION", "Position", "");
-    m_savedTP.fill(dev, "NKR_SAVED_POSITION", "Saved at disconnect", OPTIONS_TAB, IP_RO, 0,
+    m_savedTP.fill(dev, "NKR_SAVED_POSITION", "Saved at disconnect", OPTIONS_TAB, IP_RW, 0,
                    IPS_IDLE);
 }
 
@@ -64,7 +64,11 @@ void NkrFocuser::defineUnitProperties()
     }
     m_unitChoiceLoaded = true;
     loadConfig(true, m_unitSelectTP.getName());
+    // Read-only properties are not loaded from the configuration: this one is
+    // writable, but only this load may change it.
+    m_loadingSaved = true;
     loadConfig(true, m_savedTP.getName());
+    m_loadingSaved = false;
     scanUnits(false);
 }
 
@@ -161,7 +165,10 @@ bool NkrFocuser::handleUnitSwitch(const char* name, ISState* states, char* names
 bool NkrFocuser::handleSavedText(const char* name, char* texts[], char* names[], int n)
 {
     if (!m_savedTP.isNameMatch(name)) return false;
-    // Written back by the configuration loader only: clients see it read-only.
+    if (!m_loadingSaved) {
+        m_savedTP.apply("The saved position is written by the driver at disconnect only.");
+        return true;
+    }
     m_savedTP.update(texts, names, n);
     m_savedTP.apply();
     return true;

@@ -40,12 +40,13 @@ indi_environment()
     export NKR_SIM_CONTROL="$work/sim-%p.sock"
 }
 
-# Process id of the driver started under a name (indiserver logs the name,
-# then the pid).
+# Process id of the driver last started under a name (indiserver logs the
+# name, then the pid).
 driver_pid_of()
 {
     awk -v name="With name: $1" 'index($0, name) { found = 1; next }
-        found && /pid=/ { sub(/.*pid=/, ""); sub(/ .*/, ""); print; exit }' "$work/server.log"
+        found && /pid=/ { sub(/.*pid=/, ""); sub(/ .*/, ""); pid = $0; found = 0 }
+        END { print pid }' "$work/server.log"
 }
 
 all_driver_pids()
@@ -117,6 +118,19 @@ start_driver()
         sleep 0.1
     done
     fail "driver instance '$1' did not come up"
+}
+
+# stop_driver_wait <name>: stops that instance and waits until its process is gone.
+stop_driver_wait()
+{
+    local pid
+    pid="$(driver_pid_of "$1")"
+    echo "stop $driver -n \"$1\"" >"$work/fifo"
+    for _ in $(seq 50); do
+        kill -0 "$pid" 2>/dev/null || return 0
+        sleep 0.1
+    done
+    fail "driver instance '$1' did not stop"
 }
 
 # sim <name> <command...>: a command to the simulated world of that instance.
