@@ -11,8 +11,6 @@
 namespace {
 
 constexpr uint32_t kDefaultPollMillis = 500;
-constexpr int kUsbSelector = 0;
-constexpr int kBleSelector = 1;
 
 }  // namespace
 

@@ -104,6 +104,10 @@ private:
     int m_timerId = -1;
 
     // Which unit to open: USB serial number / alias, or Bluetooth name / address.
+    // Element indexes of m_unitSelectTP and m_infoTP.
+    enum UnitSelector { kUsbSelector, kBleSelector };
+    enum InfoField { kFirmware, kSerial, kModel, kLink };
+
     INDI::PropertyText m_unitSelectTP{2};
     bool m_unitChoiceLoaded = false;
     // The units a scan found, one switch each; a choice fills m_unitSelectTP.

@@ -22,7 +22,6 @@ constexpr int kControlErrorCodes = 5;
 constexpr auto kPowerPollInterval = std::chrono::seconds(10);
 constexpr int kAliasLength = 8;
 
-enum InfoField { kFirmware, kSerial, kModel, kLink };
 enum BatteryField { kPercent, kVoltage, kChargeVoltage, kChargeCurrent, kDischargeCurrent,
                     kBatteryTemperature, kHealth };
 

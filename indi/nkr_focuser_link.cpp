@@ -69,8 +69,8 @@ void NkrFocuser::tryReconnect()
     const auto now = std::chrono::steady_clock::now();
     if (now - m_lastReconnectTry < kReconnectInterval) return;
     m_lastReconnectTry = now;
-    const std::string ble = nkrindi::trimmed(m_unitSelectTP[1].getText());
-    const std::string usb = m_lostSerial.empty() ? std::string(m_unitSelectTP[0].getText()) : m_lostSerial;
+    const std::string ble = nkrindi::trimmed(m_unitSelectTP[kBleSelector].getText());
+    const std::string usb = m_lostSerial.empty() ? std::string(m_unitSelectTP[kUsbSelector].getText()) : m_lostSerial;
     const std::string problem = m_lostBle ? m_unit.openBle(ble, getDeviceName(), true)
                                           : m_unit.openUsb(usb, getDeviceName(), true);
     if (!problem.empty()) {
@@ -106,7 +106,7 @@ void NkrFocuser::restoreAfterReturn()
     readMotorSettings();
     IDSetNumber(&FocusAbsPosNP, nullptr);
     IDSetNumber(&FocusMaxPosNP, nullptr);
-    m_infoTP[3].setText(m_unit.description());
+    m_infoTP[kLink].setText(m_unit.description());
     m_infoTP.setState(IPS_OK);
     m_infoTP.apply();
     m_temperatureNP.setState(IPS_IDLE);  // the next reading shows it again

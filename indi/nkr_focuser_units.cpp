@@ -11,8 +11,6 @@
 
 namespace {
 
-constexpr int kUsbSelector = 0;
-constexpr int kBleSelector = 1;
 enum SavedField { kSavedSerial, kSavedPosition };
 
 std::string unitLabel(const nkrindi::FoundUnit& unit)
@@ -86,7 +84,7 @@ void NkrFocuser::scanUnits(bool withBluetooth)
         own.ble = m_unit.overBle();
         own.serial = m_unit.serial();
         own.alias = m_aliasTP[0].getText() ? m_aliasTP[0].getText() : "";
-        own.model = m_infoTP[2].getText() ? m_infoTP[2].getText() : "";
+        own.model = m_infoTP[kModel].getText() ? m_infoTP[kModel].getText() : "";
         own.bleName = nkrindi::trimmed(m_unitSelectTP[kBleSelector].getText());
         if (own.ble) {
             // Already listed by the Bluetooth scan, when it ran.
