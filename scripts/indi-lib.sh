@@ -4,7 +4,9 @@
 # simulator's control socket of each driver process.
 #
 # The sourcing script sets: work (its temporary directory), driver, simdir,
-# and calls indi_environment before starting the server.
+# and calls indi_environment before starting the server. Servers get their own
+# local socket (-u), so a running indiserver is left alone, and run under
+# timeout, so they go even if the script is killed outright.
 
 HOST=127.0.0.1
 server_pid=""
@@ -88,8 +90,6 @@ start_fifo_server()
     mkfifo "$work/fifo"
     for _ in 1 2 3 4 5; do
         port="$(free_port)"
-        # -u: a socket of our own, so a running indiserver is left alone;
-        # timeout: the server goes even if the script is killed outright.
         timeout "$limit" indiserver -p "$port" -u "$work/indiserver.sock" -l "$work" -v \
             -f "$work/fifo" >"$work/server.log" 2>&1 &
         server_pid=$!
@@ -101,6 +101,29 @@ start_fifo_server()
         stop_server
     done
     fail "indiserver did not start"
+}
+
+# indiserver with one driver on its command line; waits until the device
+# answers. start_cmdline_server <limit s> <device>
+start_cmdline_server()
+{
+    local limit="$1" device="$2"
+    for _ in 1 2 3 4 5; do
+        port="$(free_port)"
+        timeout "$limit" indiserver -p "$port" -u "$work/indiserver.sock" -l "$work" -v "$driver" \
+            >"$work/server.log" 2>&1 &
+        server_pid=$!
+        for _ in $(seq 50); do
+            kill -0 "$server_pid" 2>/dev/null || break  # port taken: try another
+            if indi_getprop -h "$HOST" -p "$port" -t 1 -1 "$device.CONNECTION.CONNECT" \
+                >/dev/null 2>&1; then
+                return 0
+            fi
+            sleep 0.1
+        done
+        stop_server
+    done
+    fail "indiserver did not come up with the driver"
 }
 
 # start_driver <name>: a driver instance under that device name; waits until
@@ -143,12 +166,14 @@ sim()
 }
 
 # ---- INDI clients; every one bounded in time --------------------------------
-setp()
+# set_prop <device.property.element=value>...
+set_prop()
 {
-    indi_setprop -h "$HOST" -p "$port" -t 5 "$1" || fail "could not set $1"
+    indi_setprop -h "$HOST" -p "$port" -t 5 "$@" || fail "could not set $*"
 }
 
-getp()
+# get_prop <device.property.element>
+get_prop()
 {
     indi_getprop -h "$HOST" -p "$port" -t 5 -1 "$1" || fail "could not read $1"
 }
@@ -160,16 +185,17 @@ wait_for()
         fail "$3 (waited $1 s for: $2)"
 }
 
-# op <device> <property.element>: an operand of indi_eval.
-op()
+# operand <device> <property.element>: an operand of indi_eval.
+operand()
 {
     printf '"%s.%s"' "$1" "$2"
 }
 
-expect()
+# expect_prop <device.property.element> <value>
+expect_prop()
 {
     local value
-    value="$(getp "$1")"
+    value="$(get_prop "$1")"
     [ "$value" = "$2" ] || fail "$1 is '$value', expected '$2'"
 }
 
