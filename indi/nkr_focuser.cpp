@@ -126,7 +126,17 @@ void NkrFocuser::TimerHit()
     // the motor every tick.
     if (m_mover == Mover::None && m_temperatureTurn) {
         m_temperatureTurn = false;
-        pollTemperature();
+        // A failed read counts toward "the unit is gone" like a position read.
+        const int rc = pollTemperature();
+        if (rc == NKR_SUCCESS) {
+            pollSucceeded();
+        } else {
+            pollFailed(rc);
+            if (m_lost) {
+                m_timerId = SetTimer(kLostPollMillis);
+                return;
+            }
+        }
     } else {
         pollMotion();
         if (m_lost) {

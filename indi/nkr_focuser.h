@@ -64,7 +64,8 @@ private:
     void readExtraSettings();
     void defineExtraProperties();
     void deleteExtraProperties();
-    void pollTemperature();
+    // NKR_SUCCESS when a reading came (a probe error is one), else the failure.
+    int pollTemperature();
     // Battery and error codes change slowly: read every few seconds, or now.
     void pollPowerState(bool now = false);
     bool handleExtraNumber(const char* name, double values[], char* names[], int n);

@@ -169,7 +169,7 @@ void NkrFocuser::deleteExtraProperties()
     if (m_hasErrorCodes) deleteProperty(m_errorCodesTP.getName());
 }
 
-void NkrFocuser::pollTemperature()
+int NkrFocuser::pollTemperature()
 {
     float celsius = std::numeric_limits<float>::quiet_NaN();
     const int rc = NKRGetTemp(m_unit.id(), &celsius);
@@ -192,6 +192,7 @@ void NkrFocuser::pollTemperature()
     m_temperatureNP[0].setValue(shown);
     m_temperatureNP.setState(state);
     if (isConnected()) m_temperatureNP.apply();  // while connecting it is not defined yet
+    return probeError ? NKR_SUCCESS : rc;
 }
 
 void NkrFocuser::pollPowerState(bool now)
