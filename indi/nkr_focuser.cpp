@@ -16,7 +16,7 @@ constexpr uint32_t kDefaultPollMillis = 500;
 
 NkrFocuser::NkrFocuser()
 {
-    setVersion(1, 0);
+    setVersion(1, 1);
     SetCapability(FOCUSER_CAN_ABS_MOVE | FOCUSER_CAN_REL_MOVE | FOCUSER_CAN_ABORT |
                   FOCUSER_CAN_REVERSE | FOCUSER_CAN_SYNC | FOCUSER_HAS_BACKLASH);
     // The SDK finds and opens units itself: no serial or network port to choose.
