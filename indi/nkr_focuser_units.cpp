@@ -24,6 +24,7 @@ std::string unitLabel(const nkrindi::FoundUnit& unit)
         label += " (USB)";
     }
     if (!unit.holder.empty()) label += ", in use by " + unit.holder;
+    if (unit.own) label += ", connected here";
     return label;
 }
 
@@ -81,6 +82,7 @@ void NkrFocuser::scanUnits(bool withBluetooth)
     if (m_unit.isOpen()) {
         // This instance's own unit is not opened again; it leads the list.
         nkrindi::FoundUnit own;
+        own.own = true;
         own.ble = m_unit.overBle();
         own.serial = m_unit.serial();
         own.alias = m_aliasTP[0].getText() ? m_aliasTP[0].getText() : "";

@@ -20,6 +20,7 @@ struct FoundUnit {
     std::string bleName;  // Bluetooth units: advertised name and address
     std::string bleAddress;
     std::string holder;   // the driver instance that has it open, if another
+    bool own = false;     // the unit this instance has open
 };
 
 class UnitLink {
