@@ -11,14 +11,12 @@
 namespace {
 
 constexpr uint32_t kDefaultPollMillis = 500;
-constexpr int kUsbSelector = 0;
-constexpr int kBleSelector = 1;
 
 }  // namespace
 
 NkrFocuser::NkrFocuser()
 {
-    setVersion(1, 0);
+    setVersion(1, 1);
     SetCapability(FOCUSER_CAN_ABS_MOVE | FOCUSER_CAN_REL_MOVE | FOCUSER_CAN_ABORT |
                   FOCUSER_CAN_REVERSE | FOCUSER_CAN_SYNC | FOCUSER_HAS_BACKLASH);
     // The SDK finds and opens units itself: no serial or network port to choose.
@@ -34,9 +32,7 @@ bool NkrFocuser::initProperties()
 {
     INDI::Focuser::initProperties();
 
-    m_unitSelectTP[kUsbSelector].fill("USB", "USB serial or alias", "");
-    m_unitSelectTP[kBleSelector].fill("BLE", "Bluetooth name or address", "");
-    m_unitSelectTP.fill(getDeviceName(), "NKR_UNIT", "Unit", CONNECTION_TAB, IP_RW, 60, IPS_IDLE);
+    initUnitProperties();
 
     m_temperatureNP[0].fill("TEMPERATURE", "Celsius", "%6.2f", -50, 70, 0, 0);
     m_temperatureNP.fill(getDeviceName(), "FOCUS_TEMPERATURE", "Temperature", MAIN_CONTROL_TAB,
@@ -60,10 +56,7 @@ bool NkrFocuser::initProperties()
 void NkrFocuser::ISGetProperties(const char* dev)
 {
     INDI::Focuser::ISGetProperties(dev);
-    defineProperty(m_unitSelectTP);
-    // Every client asks for the properties; the saved choice is read once.
-    if (!m_unitChoiceLoaded) loadConfig(true, m_unitSelectTP.getName());
-    m_unitChoiceLoaded = true;
+    defineUnitProperties();
 }
 
 bool NkrFocuser::updateProperties()
@@ -82,23 +75,25 @@ bool NkrFocuser::updateProperties()
 bool NkrFocuser::Connect()
 {
     const std::string ble = nkrindi::trimmed(m_unitSelectTP[kBleSelector].getText());
-    const std::string problem = ble.empty()
-                                    ? m_unit.openUsb(m_unitSelectTP[kUsbSelector].getText())
-                                    : m_unit.openBle(ble);
+    const std::string problem =
+        ble.empty() ? m_unit.openUsb(m_unitSelectTP[kUsbSelector].getText(), getDeviceName())
+                    : m_unit.openBle(ble, getDeviceName());
     if (!problem.empty()) {
-        LOGF_ERROR("%s", problem.c_str());
+        LOGF_ERROR("%s.", problem.c_str());
         return false;
     }
     LOGF_INFO("Connected to the focuser on %s.", m_unit.description().c_str());
+    restoreOwnPosition();
 
     readCapabilities();
     readIdentity();
     readMotorSettings();
     readExtraSettings();
     pollTemperature();
-    m_pollFailed = false;
+    m_pollFailed = m_lost = false;
+    m_failedPolls = 0;
     m_lastPowerPoll = std::chrono::steady_clock::now();
-    m_timerId = SetTimer(getCurrentPollingPeriod());
+    schedulePoll();
     return true;
 }
 
@@ -107,6 +102,10 @@ bool NkrFocuser::Disconnect()
     if (m_timerId >= 0) RemoveTimer(m_timerId);
     m_timerId = -1;
     const bool wasUsb = m_unit.isOpen() && !m_unit.overBle();
+    if (m_unit.isOpen()) recordOwnPosition();
+    m_lost = false;
+    m_moveHold.unlock();
+    m_mover = Mover::None;
     m_unit.close();
     LOG_INFO(wasUsb ? "Focuser closed; its position is saved for the next session."
                     : "Focuser disconnected.");
@@ -116,17 +115,58 @@ bool NkrFocuser::Disconnect()
 void NkrFocuser::TimerHit()
 {
     m_timerId = -1;
-    if (!isConnected() || !m_unit.isOpen()) return;
-    pollMotion();
-    pollTemperature();
-    pollPowerState();
-    m_timerId = SetTimer(getCurrentPollingPeriod());
+    if (!isConnected()) return;
+    if (m_lost) tryReconnect();
+    if (!m_unit.isOpen()) {
+        if (m_lost) m_timerId = SetTimer(kLostPollMillis);
+        return;
+    }
+    // At rest one status read per polling period: the position (which shows
+    // a hand move) and the temperature take turns. While a move is followed:
+    // the motor every tick.
+    if (m_mover == Mover::None && m_temperatureTurn) {
+        m_temperatureTurn = false;
+        // A failed read counts toward "the unit is gone" like a position read.
+        const int rc = pollTemperature();
+        if (rc == NKR_SUCCESS) {
+            pollSucceeded();
+        } else {
+            pollFailed(rc);
+            if (m_lost) {
+                m_timerId = SetTimer(kLostPollMillis);
+                return;
+            }
+        }
+    } else {
+        pollMotion();
+        if (m_lost) {
+            m_timerId = SetTimer(kLostPollMillis);
+            return;
+        }
+        // While a move is followed nothing else is sent: a message just
+        // before the move's end would hold the end back (see handleMoveNumber).
+        if (m_mover == Mover::None) m_temperatureTurn = true;
+    }
+    if (m_mover == Mover::None) pollPowerState();  // every few seconds, on its own clock
+    schedulePoll();
+}
+
+void NkrFocuser::schedulePoll()
+{
+    if (m_timerId >= 0) RemoveTimer(m_timerId);
+    m_timerId = SetTimer(m_mover != Mover::None ? kMotionPollMillis : getCurrentPollingPeriod());
+}
+
+std::chrono::milliseconds NkrFocuser::pollingPeriod() const
+{
+    return std::chrono::milliseconds(getCurrentPollingPeriod());
 }
 
 bool NkrFocuser::saveConfigItems(FILE* fp)
 {
     INDI::Focuser::saveConfigItems(fp);
     m_unitSelectTP.save(fp);
+    m_savedTP.save(fp);
     return true;
 }
 
@@ -143,7 +183,8 @@ bool NkrFocuser::ISNewText(const char* dev, const char* name, char* texts[], cha
                 LOG_INFO("The new unit choice takes effect at the next connect.");
             return true;
         }
-        if (handleExtraText(name, texts, names, n)) return true;
+        if (handleExtraText(name, texts, names, n) || handleSavedText(name, texts, names, n))
+            return true;
     }
     return INDI::Focuser::ISNewText(dev, name, texts, names, n);
 }
@@ -152,7 +193,7 @@ bool NkrFocuser::ISNewNumber(const char* dev, const char* name, double values[],
                              int n)
 {
     if (dev != nullptr && std::strcmp(dev, getDeviceName()) == 0 &&
-        handleExtraNumber(name, values, names, n))
+        (handleMoveNumber(name, values, names, n) || handleExtraNumber(name, values, names, n)))
         return true;
     return INDI::Focuser::ISNewNumber(dev, name, values, names, n);
 }
@@ -161,7 +202,7 @@ bool NkrFocuser::ISNewSwitch(const char* dev, const char* name, ISState* states,
                              int n)
 {
     if (dev != nullptr && std::strcmp(dev, getDeviceName()) == 0 &&
-        handleExtraSwitch(name, states, names, n))
+        (handleExtraSwitch(name, states, names, n) || handleUnitSwitch(name, states, names, n)))
         return true;
     return INDI::Focuser::ISNewSwitch(dev, name, states, names, n);
 }

@@ -1,9 +1,12 @@
 // INDI driver for the NKR focuser: an INDI::Focuser over the SDK's C
-// interface. One driver process drives one unit, USB or Bluetooth LE.
+// interface. One driver process drives one unit, USB or Bluetooth LE; several
+// instances, each under its own device name (INDIDEV, or indiserver's
+// "start ... -n <name>"), drive several units.
 #pragma once
 
 #include <chrono>
 #include <string>
+#include <vector>
 
 #include <indifocuser.h>
 #include <indipropertynumber.h>
@@ -46,6 +49,10 @@ protected:
 private:
     // nkr_focuser_motion.cpp
     void readMotorSettings();
+    // Absolute and relative move requests, announced without a separate message.
+    bool handleMoveNumber(const char* name, double values[], char* names[], int n);
+    // One look at the motor: while a move is followed, whether it still runs
+    // and where it is; at rest only the position (a change shows a hand move).
     void pollMotion();
     void finishMove(IPState state);
     void publishPosition(int position);
@@ -57,12 +64,37 @@ private:
     void readExtraSettings();
     void defineExtraProperties();
     void deleteExtraProperties();
-    void pollTemperature();
+    // NKR_SUCCESS when a reading came (a probe error is one), else the failure.
+    int pollTemperature();
     // Battery and error codes change slowly: read every few seconds, or now.
     void pollPowerState(bool now = false);
     bool handleExtraNumber(const char* name, double values[], char* names[], int n);
     bool handleExtraSwitch(const char* name, ISState* states, char* names[], int n);
     bool handleExtraText(const char* name, char* texts[], char* names[], int n);
+
+    // Arms the one poll timer: kMotionPollMillis while a move is followed, the
+    // user's polling period at rest.
+    void schedulePoll();
+    std::chrono::milliseconds pollingPeriod() const;
+
+    // nkr_focuser_link.cpp: a unit that goes away and comes back.
+    void pollFailed(int rc);
+    void pollSucceeded();
+    void loseUnit();
+    void tryReconnect();
+    void restoreAfterReturn();
+
+    // nkr_focuser_units.cpp: unit list, unit choice, own position record.
+    void initUnitProperties();
+    void defineUnitProperties();
+    // Lists the units present (USB; Bluetooth too when asked, which takes seconds).
+    void scanUnits(bool withBluetooth);
+    bool handleUnitSwitch(const char* name, ISState* states, char* names[], int n);
+    bool handleSavedText(const char* name, char* texts[], char* names[], int n);
+    // At connect: undoes the SDK's restore of another unit's shared record.
+    void restoreOwnPosition();
+    // At disconnect: this unit's position, in this instance's configuration.
+    void recordOwnPosition();
 
     // Both selector texts, trimmed, to tell a real change from a reload.
     std::string unitChoice();
@@ -73,8 +105,20 @@ private:
     int m_timerId = -1;
 
     // Which unit to open: USB serial number / alias, or Bluetooth name / address.
+    // Element indexes of m_unitSelectTP and m_infoTP.
+    enum UnitSelector { kUsbSelector, kBleSelector };
+    enum InfoField { kFirmware, kSerial, kModel, kLink };
+
     INDI::PropertyText m_unitSelectTP{2};
     bool m_unitChoiceLoaded = false;
+    // The units a scan found, one switch each; a choice fills m_unitSelectTP.
+    INDI::PropertySwitch m_unitListSP{0};
+    INDI::PropertySwitch m_unitScanSP{1};
+    std::vector<nkrindi::FoundUnit> m_found;
+    INDI::PropertyText m_savedTP{2};
+    bool m_loadingSaved = false;
+    // Shared hold on the probe lock while a host move runs (see file_lock.h).
+    nkrindi::FileLock m_moveHold;
 
     INDI::PropertyNumber m_temperatureNP{1};
     INDI::PropertyText m_infoTP{4};
@@ -89,6 +133,7 @@ private:
     bool m_hasBattery = false;
     bool m_hasLed = false;
     bool m_hasErrorCodes = false;
+    bool m_probeError = false;
 
     // Who moves the motor, as far as the driver knows.
     enum class Mover { None, Host, HandController };
@@ -96,11 +141,28 @@ private:
     // Motion bookkeeping between polls.
     Mover m_mover = Mover::None;
     int m_target = 0;
-    int m_lastPosition = -1;
+    int m_lastPosition = -1;      // as published
+    int m_lastSeenPosition = -1;  // as last read
     std::chrono::steady_clock::time_point m_lastProgress{};
+    std::chrono::steady_clock::time_point m_lastPublished{};
     // Backlash the unit uses while the toggle is on; the unit itself has no
     // on/off, so "off" sends 0 and keeps this value for the next "on".
     int m_backlashSteps = 0;
     bool m_pollFailed = false;
+    int m_failedPolls = 0;
+    // The unit went away while connected; the driver looks for it again.
+    bool m_lost = false;
+    bool m_lostBle = false;
+    std::string m_lostSerial;
+    int m_knownPosition = -1;
+    std::chrono::steady_clock::time_point m_lastReconnectTry{};
+    static constexpr auto kReconnectInterval = std::chrono::seconds(1);
     std::chrono::steady_clock::time_point m_lastPowerPoll{};
+    bool m_temperatureTurn = false;  // at rest: the next tick reads the temperature
+
+    // Poll interval while a move is under way: the end of a move is reported
+    // within this (plus one exchange) of the motor stopping.
+    static constexpr uint32_t kMotionPollMillis = 20;
+    // Poll interval while the unit is gone: each tick may look for it.
+    static constexpr uint32_t kLostPollMillis = 250;
 };

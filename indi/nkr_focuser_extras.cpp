@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <limits>
 
 #include "NKR_focuser.h"
 #include "error_text.h"
@@ -21,7 +22,6 @@ constexpr int kControlErrorCodes = 5;
 constexpr auto kPowerPollInterval = std::chrono::seconds(10);
 constexpr int kAliasLength = 8;
 
-enum InfoField { kFirmware, kSerial, kModel, kLink };
 enum BatteryField { kPercent, kVoltage, kChargeVoltage, kChargeCurrent, kDischargeCurrent,
                     kBatteryTemperature, kHealth };
 
@@ -169,19 +169,30 @@ void NkrFocuser::deleteExtraProperties()
     if (m_hasErrorCodes) deleteProperty(m_errorCodesTP.getName());
 }
 
-void NkrFocuser::pollTemperature()
+int NkrFocuser::pollTemperature()
 {
-    float celsius = 0;
+    float celsius = std::numeric_limits<float>::quiet_NaN();
     const int rc = NKRGetTemp(m_unit.id(), &celsius);
-    // 7 comes with the last good temperature: show it, marked doubtful.
-    const bool hasValue = rc == NKR_SUCCESS || rc == NKR_ERROR_GENERAL;
+    // 7 with a value written: the probe's reading was implausible (a broken
+    // or missing probe) and the SDK gave the last good one. 7 without: the
+    // read itself failed.
+    const bool probeError = rc == NKR_ERROR_GENERAL && !std::isnan(celsius);
+    if (probeError != m_probeError) {
+        if (probeError)
+            LOGF_WARN("The temperature probe reports an error; the last good reading (%.2f C) is "
+                      "shown, marked Alert.", celsius);
+        else if (rc == NKR_SUCCESS)
+            LOG_INFO("The temperature probe reads again.");
+        m_probeError = probeError;
+    }
     const IPState state = rc == NKR_SUCCESS ? IPS_OK : IPS_ALERT;
-    const double shown = hasValue ? celsius : m_temperatureNP[0].getValue();
-    if (state == m_temperatureNP.getState() && std::fabs(shown - m_temperatureNP[0].getValue()) < 0.005)
-        return;
+    const double shown = std::isnan(celsius) ? m_temperatureNP[0].getValue() : celsius;
+    // Sent at every reading, changed or not: clients that log or track the
+    // temperature see it alive.
     m_temperatureNP[0].setValue(shown);
     m_temperatureNP.setState(state);
     if (isConnected()) m_temperatureNP.apply();  // while connecting it is not defined yet
+    return probeError ? NKR_SUCCESS : rc;
 }
 
 void NkrFocuser::pollPowerState(bool now)

@@ -51,6 +51,22 @@ std::string trimmed(const std::string& text)
     return text.substr(first, last - first);
 }
 
+bool isSerialText(const std::string& text)
+{
+    const std::string digits = withoutSeparators(trimmed(text));
+    if (digits.size() != 16) return false;
+    for (char c : digits)
+        if (!std::isxdigit(static_cast<unsigned char>(c))) return false;
+    return true;
+}
+
+std::string normalizedSerial(const std::string& text)
+{
+    std::string digits = withoutSeparators(trimmed(text));
+    for (char& c : digits) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+    return digits;
+}
+
 bool usbSelectorMatches(const std::string& selector, const std::string& serial,
                         const std::string& alias)
 {

@@ -17,6 +17,12 @@ std::string aliasFromUnitName(const char* unitName);
 // Leading and trailing blanks removed.
 std::string trimmed(const std::string& text);
 
+// True when the text is a serial number: 16 hexadecimal digits, separators
+// ':', '-', ' ' allowed.
+bool isSerialText(const std::string& text);
+// The serial number as the unit reports it: separators removed, upper case.
+std::string normalizedSerial(const std::string& text);
+
 // True when the selector names this USB unit: its serial number (case and
 // separators ':', '-', ' ' ignored) or its alias (case ignored). An empty
 // selector matches nothing: the caller then takes the first unit.

@@ -46,3 +46,13 @@ TEST(IndiUnitIdentity, BleSelectorMatchesNameOrAddress)
     EXPECT_FALSE(bleSelectorMatches("", "", ""));
     EXPECT_FALSE(bleSelectorMatches("x", "y", ""));
 }
+
+TEST(IndiUnitIdentity, SerialTextsAreRecognisedAndNormalised)
+{
+    EXPECT_TRUE(isSerialText("123456789abcdef0"));
+    EXPECT_TRUE(isSerialText(" 12:34:56:78:9A:BC:DE:F0 "));
+    EXPECT_FALSE(isSerialText("123456789ABCDEF"));   // 15 digits
+    EXPECT_FALSE(isSerialText("123456789ABCDEFG"));  // not hexadecimal
+    EXPECT_FALSE(isSerialText("scope1"));
+    EXPECT_EQ(normalizedSerial("12-34-56-78-9a-bc-de-f0"), "123456789ABCDEF0");
+}

@@ -8,6 +8,21 @@
 // back every report and frame the SDK sent.
 //
 // Every function is thread-safe (one world lock).
+//
+// Control from another process: when NKR_SIM_CONTROL=<path> is set ("%p" in
+// it stands for the process id), the world's first use starts a thread that
+// listens on a unix socket at that path (removed again at exit). It takes one
+// command per line and answers each with one line, "ok[ <value>]" or
+// "error <reason>":
+//   unplug <unit>                 replug <unit>
+//   hand-move <unit> <target>     set-temp-raw <unit> <0..65535>
+//   set-serial <unit> <16 hex digits>
+//   transfers <unit>              "ok <n>": feature reports the SDK sent so far
+//   state <unit>                  "ok <position> moving|stopped plugged|unplugged"
+//   wait-stop <unit> <target> <timeout ms>
+//                                 answered once the motor stands at target
+//                                 (seen within 1 ms), or "error timed out"
+// At most 8 clients at a time; lines up to 256 bytes.
 #pragma once
 
 #include <cstdint>

@@ -7,6 +7,7 @@
 #include <sstream>
 
 #include "ble_events.h"
+#include "control_socket.h"
 #include "sysfs.h"
 #include "unit_model.h"
 
@@ -99,6 +100,7 @@ std::unique_lock<std::recursive_mutex> lockWorld()
     if (w.defaultsPending) {
         w.defaultsPending = false;
         addDefaultUnits();
+        startControlSocketFromEnv();
     }
     return guard;
 }
