@@ -11,6 +11,7 @@
 namespace {
 using nkrtest::BleTest;
 using nkrtest::bleUnitWithFirmware;
+using nkrtest::payloadOf;
 using Bytes = std::vector<uint8_t>;
 
 class BleSession : public BleTest {};
@@ -112,9 +113,14 @@ TEST_F(BleSession, PairingFailuresAndWhatAPairingReads)
     device = connect(bleUnitWithFirmware(382), &unit);
     ASSERT_EQ(device->BLEPair(), NKR_SUCCESS);
     EXPECT_TRUE(nkrsim::state(unit).paired);
-    Bytes first = nkrsim::sentFrames(unit).front();
+    // Exactly three requests: the pairing, the version read, the status read.
+    auto frames = nkrsim::sentFrames(unit);
+    ASSERT_EQ(frames.size(), 3u);
+    Bytes first = frames.front();
     EXPECT_EQ(first[3], BLEProtocol::CMD_PAIR);
     EXPECT_EQ(std::string(first.begin() + 4, first.begin() + 4 + first[1]), "00:1A:7D:DA:71:13");
+    EXPECT_EQ(payloadOf(frames[1]), (Bytes{0x7E, 0x5A, 0x02, 0x04}));
+    EXPECT_EQ(payloadOf(frames[2]), (Bytes{0x7E, 0x5A, 0x02, 0x03}));
     EXPECT_EQ(device->fwVersion, 382);
     EXPECT_EQ(device->m_iStepLimit, 600000);
     EXPECT_EQ(device->step, nkrsim::state(unit).position);

@@ -50,28 +50,30 @@ TEST_F(DeviceBle, StatusAnswerIsLaidOverTheHidPositionsAndTheControlFrameFollows
     EXPECT_EQ(nkrsim::state(unit).runState, 0);
 }
 
-TEST_F(DeviceBle, ShortStatusAnswerIsRefusedWithoutTouchingTheCache)
+TEST_F(DeviceBle, ShortStatusAnswerFillsWhatItCarriesAndTheRestStaysFromTheLastReport)
 {
     nkrsim::UnitId unit;
     auto d = connect(bleUnitWithFirmware(336), &unit);
     d->fwVersion = 336;
     int pos = -1;
     ASSERT_EQ(d->getStep(&pos, true), NKR_SUCCESS);
-    const int step = d->step;
+    const int maxStep = d->maxstep;
+    const int tempRaw = d->m_iTempRaw;
+    ASSERT_GT(maxStep, 0);
     const uint8_t nextSeq = static_cast<uint8_t>(nkrsim::sentFrames(unit).back()[2] + 1);
 
-    // A good response whose answer ends at byte 14 of the HID layout.
-    Bytes frame = {0x01, 0x0B, nextSeq, 0x00, 0x7E, 0x5A, 0x02, 0x01, 0x00, 0x01, 0x02, 0x03, 0x04, 0x05};
+    // A good response whose answer ends at byte 9 of the HID layout: move
+    // state 0, backlash 7, position 1234, and nothing after it.
+    Bytes frame = {0x01, 0x06, nextSeq, 0x00, 0x00, 0x00, 0x07, 0x00, 0x00, 0x04, 0xD2};
     uint8_t sum = 0;
     for (uint8_t b : frame) sum = static_cast<uint8_t>(sum + b);
     frame.push_back(sum);
     nkrsim::bleRawAnswer(unit, frame);
-    nkrsim::update(unit, [](nkrsim::UnitState& s) { s.position = 1234; });
-    pos = -77;
-    EXPECT_EQ(d->getStep(&pos, true), NKR_ERROR_GENERAL);
-    EXPECT_EQ(pos, -77);
-    EXPECT_EQ(d->step, step);
-    EXPECT_EQ(d->m_iMoveState.load(), 0);
+    EXPECT_EQ(d->getStep(&pos, true), NKR_SUCCESS);
+    EXPECT_EQ(pos, 1234);
+    EXPECT_EQ(d->iBacklash, 7);
+    EXPECT_EQ(d->maxstep, maxStep);     // bytes 14-15 as the last report left them
+    EXPECT_EQ(d->m_iTempRaw, tempRaw);  // bytes 11-12 likewise
 }
 
 }  // namespace

@@ -2,7 +2,7 @@
 // the device objects, and one lock record per slot.
 #pragma once
 #include "../../include/NKR_focuser.h"
-#include "CriSec.h"
+#include "../common/CriSec.h"
 
 #include <atomic>
 

@@ -17,7 +17,7 @@
 #include <vector>
 
 #include "../../include/NKR_focuser.h"
-#include "../api/CriSec.h"
+#include "../common/CriSec.h"
 #include "../ble/BluetoothLEProtocol.h"
 
 class IBluetoothLEManager;

@@ -114,8 +114,6 @@ int CNKR::BLEPair()
         m_iStepLimit = 600000;
         if (fwVersion > 369) bSupportUsbUpdate = true;
         if (fwVersion > 381) bSupportBleUpdate = true;
-        _NKR_TYPE type{};
-        getType(&type, true);
     }
     getParams(true);
     NKR_LOG("========== BLE pairing succeeded, fwVersion:%d ==========", fwVersion);

@@ -8,8 +8,6 @@
 namespace {
 // Firmware from which positions are 24-bit and the speed is no longer reported.
 constexpr int kFwWidePos = 336;
-// Last status byte read (maximum position, low byte).
-constexpr size_t kLastStatusByte = 15;
 // On thermistor firmware a raw word in 1..341 means a hand controller is
 // plugged into the sensor input.
 constexpr unsigned kHandControlRawMax = 341;
@@ -26,8 +24,6 @@ int CNKR::getParams(bool ble)
         if (rc != NKR_SUCCESS) return rc;
         NKRDbgPrint("getParams", "getParams pszInBuf is %p", static_cast<void*>(pszInBuf));
         if (pszInBuf == nullptr) return NKR_ERROR_BAD_LENGTH;
-        // A short answer would leave stale bytes standing in for status fields.
-        if (answer.size() <= kLastStatusByte) return NKR_ERROR_GENERAL;
     } else {
         // clearError performs the HID status exchange into pszInBuf.
         const int rc = clearError();
@@ -37,7 +33,9 @@ int CNKR::getParams(bool ble)
 
     CriSecLock lock(m_mutex);
     if (ble) {
-        // The BLE answer is laid into the positions of the HID reply.
+        // The BLE answer is laid into the positions of the HID reply. A short
+        // answer leaves the bytes after it as the last report left them; only
+        // an answer longer than the buffer is cut.
         std::memset(pszInBuf, 0, 4);
         std::memcpy(pszInBuf, answer.data(), std::min<size_t>(answer.size(), NKR_BUF_SIZE));
     }

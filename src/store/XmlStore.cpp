@@ -283,3 +283,29 @@ int XMLCloseKey(xmlHandle* handle)
     *handle = xmlHandle{};
     return saved;
 }
+
+namespace {
+constexpr int kIntValueType = 4;
+}  // namespace
+
+void XMLSetInt(xmlHandle* handle, const char* name, int value)
+{
+    const auto u = static_cast<unsigned>(value);
+    const unsigned char bytes[4] = {static_cast<unsigned char>(u), static_cast<unsigned char>(u >> 8),
+                                    static_cast<unsigned char>(u >> 16),
+                                    static_cast<unsigned char>(u >> 24)};
+    XMLSetValueEx(handle, name, nullptr, kIntValueType, bytes, sizeof bytes);
+}
+
+int XMLQueryInt(xmlHandle* handle, const char* name, int preset)
+{
+    const auto p = static_cast<unsigned>(preset);
+    unsigned char bytes[4] = {static_cast<unsigned char>(p), static_cast<unsigned char>(p >> 8),
+                              static_cast<unsigned char>(p >> 16),
+                              static_cast<unsigned char>(p >> 24)};
+    int type = 0;
+    int len = 0;
+    XMLQueryValueEx(handle, name, nullptr, &type, bytes, &len, sizeof bytes);
+    return static_cast<int>(bytes[0] | bytes[1] << 8 | bytes[2] << 16 |
+                            static_cast<unsigned>(bytes[3]) << 24);
+}

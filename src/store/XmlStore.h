@@ -55,3 +55,9 @@ int XMLQueryValueEx(xmlHandle* handle, const char* name, int* attr, int* type,
                     unsigned char* data, int* len, size_t capacity);
 // Saves the document to its file, releases it and clears the handle.
 int XMLCloseKey(xmlHandle* handle);
+
+// A 32-bit value stored as four little-endian bytes of value type 4.
+void XMLSetInt(xmlHandle* handle, const char* name, int value);
+// Reads such a value over preset: a missing value leaves the preset, a
+// shorter stored value replaces only its first bytes, a longer one is cut.
+int XMLQueryInt(xmlHandle* handle, const char* name, int preset);
