@@ -59,8 +59,8 @@ hid_device_info* makeInfo(const Unit& u)
     auto* info = static_cast<hid_device_info*>(std::calloc(1, sizeof(hid_device_info)));
     if (info == nullptr) return nullptr;
     info->path = strdup(nkrsim::usbPath(u.id).c_str());
-    info->vendor_id = FOCUSER_USB_VID;
-    info->product_id = FOCUSER_USB_PID;
+    info->vendor_id = u.spec.usbVendorId;
+    info->product_id = u.spec.usbProductId;
     info->serial_number = wideCopy(serialText(u));
     info->release_number =
         static_cast<unsigned short>(u.st.fwMajor << 8 | u.st.fwMinor << 4 | u.st.fwBuild);
@@ -84,9 +84,10 @@ void freeInfo(hid_device_info* d)
 
 bool visibleOnUsb(const Unit& u) { return u.spec.usb && u.plugged; }
 
-bool matches(unsigned short vid, unsigned short pid)
+// hidapi's rule: an id of 0 matches any.
+bool matches(const Unit& u, unsigned short vid, unsigned short pid)
 {
-    return (vid == 0 || vid == FOCUSER_USB_VID) && (pid == 0 || pid == FOCUSER_USB_PID);
+    return (vid == 0 || vid == u.spec.usbVendorId) && (pid == 0 || pid == u.spec.usbProductId);
 }
 
 hid_device* openUnit(Unit& u)
@@ -172,12 +173,11 @@ int hid_exit(void) { return 0; }
 
 hid_device_info* hid_enumerate(unsigned short vendor_id, unsigned short product_id)
 {
-    if (!matches(vendor_id, product_id)) return nullptr;
     auto guard = lockWorld();
     hid_device_info* head = nullptr;
     hid_device_info** tail = &head;
     for (auto& [id, u] : world().units) {
-        if (!visibleOnUsb(*u)) continue;
+        if (!visibleOnUsb(*u) || !matches(*u, vendor_id, product_id)) continue;
         advance(*u);
         if (hid_device_info* info = makeInfo(*u)) {
             *tail = info;
@@ -198,10 +198,9 @@ void hid_free_enumeration(hid_device_info* devs)
 
 hid_device* hid_open(unsigned short vendor_id, unsigned short product_id, const wchar_t* serial_number)
 {
-    if (!matches(vendor_id, product_id)) return nullptr;
     auto guard = lockWorld();
     for (auto& [id, u] : world().units) {
-        if (!visibleOnUsb(*u)) continue;
+        if (!visibleOnUsb(*u) || !matches(*u, vendor_id, product_id)) continue;
         if (serial_number && serialText(*u) != serial_number) continue;
         return openUnit(*u);
     }

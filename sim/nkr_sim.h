@@ -44,6 +44,8 @@ struct UnitSpec {
     std::vector<uint8_t> descriptor; // non-empty: served as the report descriptor instead
     bool descriptorReadable = true;  // false: the sysfs descriptor file is missing
     bool usb = true;                 // plugged in on USB
+    uint16_t usbVendorId = 0x1209;   // USB ids the unit enumerates with
+    uint16_t usbProductId = 0x4E4B;
     bool ble = false;                // advertised over Bluetooth LE
     std::string bleName = "NKR Pro";
     std::string bleAddress;          // default: a made-up address derived from the unit id

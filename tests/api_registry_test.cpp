@@ -13,6 +13,31 @@ using nkrtest::unitWithFirmware;
 class Registry : public SimTest {};
 class Concurrency : public SimTest {};
 
+TEST_F(Registry, UnitsWithOtherUsbIdsAreFoundOnlyWhenNkrUsbIdNamesThem)
+{
+    nkrsim::addUnit(unitWithFirmware(335));
+    nkrsim::UnitSpec other = unitWithFirmware(382);
+    other.usbVendorId = 0x16C0;
+    other.usbProductId = 0x05DF;
+    nkrsim::UnitId b = nkrsim::addUnit(other);
+
+    unsetenv("NKR_USB_ID");
+    EXPECT_EQ(NKRGetNum(), 1);
+    EXPECT_EQ(NKRCheck(0x16C0, 0x05DF), 0);
+
+    // Bad entries are skipped; the good one and the default both match.
+    setenv("NKR_USB_ID", "zz:1, 16c0:05DF,1209", 1);
+    ASSERT_EQ(NKRGetNum(), 2);
+    EXPECT_EQ(NKRCheck(0x16C0, 0x05DF), 1);
+    EXPECT_EQ(NKRCheck(FOCUSER_USB_VID, FOCUSER_USB_PID), 1);
+    int id = -1;
+    ASSERT_EQ(NKRGetID(1, &id), NKR_SUCCESS);
+    EXPECT_EQ(slotPath(id), nkrsim::usbPath(b));
+    EXPECT_EQ(NKROpen(id), NKR_SUCCESS);
+    EXPECT_EQ(NKRClose(id), NKR_SUCCESS);
+    unsetenv("NKR_USB_ID");
+}
+
 TEST_F(Registry, SlotIdsStayStableAndNewUnitsTakeTheLowestFreeSlot)
 {
     nkrsim::UnitId a = nkrsim::addUnit(unitWithFirmware(335));

@@ -134,4 +134,98 @@ TEST_F(Persist, OtherPositionsAreKeptAndCloseSavesTheLastUnit)
     EXPECT_EQ(loaded.maxstep, 400000);
 }
 
+// Two units with their own serial numbers, by default and with per-unit
+// records: the shared record hands unit A's values to unit B; per-unit
+// records give each unit back only its own.
+class PersistPerUnit : public nkrtest::SimTest, public ::testing::WithParamInterface<bool> {
+protected:
+    void SetUp() override
+    {
+        nkrtest::SimTest::SetUp();
+        if (GetParam())
+            setenv("NKR_STATE_PER_UNIT", "1", 1);
+        else
+            unsetenv("NKR_STATE_PER_UNIT");
+    }
+    void TearDown() override
+    {
+        unsetenv("NKR_STATE_PER_UNIT");
+        nkrtest::SimTest::TearDown();
+    }
+    static nkrsim::UnitSpec unit(uint8_t serialByte)
+    {
+        nkrsim::UnitSpec spec = unitWithFirmware(382);
+        spec.modelLetter = 'E';
+        spec.typeText = "NKRN";
+        spec.serial = {serialByte, 1, 2, 3, 4, 5, 6, 7};
+        return spec;
+    }
+    static int openedId(nkrsim::UnitId unit)
+    {
+        NKRGetNum();
+        for (int id = 0; id < NKR_BLE_FIRST_ID; ++id)
+            if (slotPath(id) == nkrsim::usbPath(unit)) return NKROpen(id) == NKR_SUCCESS ? id : -1;
+        return -1;
+    }
+};
+
+TEST_P(PersistPerUnit, EachUnitGetsBackOnlyItsOwnValuesWhenOptedIn)
+{
+    const bool perUnit = GetParam();
+    nkrsim::UnitId a = nkrsim::addUnit(unit(0xA1));
+    nkrsim::UnitId b = nkrsim::addUnit(unit(0xB2));
+
+    int idA = openedId(a);
+    ASSERT_GE(idA, 0);
+    ASSERT_EQ(NKRResetPostion(idA, 123456), NKR_SUCCESS);  // 24-bit, as newer units have
+    ASSERT_EQ(NKRSetBacklash(idA, 11), NKR_SUCCESS);
+    ASSERT_EQ(NKRClose(idA), NKR_SUCCESS);
+
+    // B powers up at 30000 and finds either A's record or none of its own.
+    int idB = openedId(b);
+    ASSERT_GE(idB, 0);
+    int pos = -1, backlash = -1;
+    ASSERT_EQ(NKRGetPosition(idB, &pos), NKR_SUCCESS);
+    ASSERT_EQ(NKRGetBacklash(idB, &backlash), NKR_SUCCESS);
+    EXPECT_EQ(pos, perUnit ? NKR_POWER_ON_POSITION : 123456);
+    EXPECT_EQ(backlash, perUnit ? 0 : 11);
+    ASSERT_EQ(NKRResetPostion(idB, 777), NKR_SUCCESS);
+    ASSERT_EQ(NKRClose(idB), NKR_SUCCESS);
+
+    // A, power-cycled, gets its own values back only from its own record.
+    nkrsim::unplug(a);
+    nkrsim::replug(a);
+    idA = openedId(a);
+    ASSERT_GE(idA, 0);
+    ASSERT_EQ(NKRGetPosition(idA, &pos), NKR_SUCCESS);
+    ASSERT_EQ(NKRGetBacklash(idA, &backlash), NKR_SUCCESS);
+    EXPECT_EQ(pos, perUnit ? 123456 : 777);
+    EXPECT_EQ(backlash, 11);
+    ASSERT_EQ(NKRClose(idA), NKR_SUCCESS);
+}
+
+INSTANTIATE_TEST_SUITE_P(DefaultAndOptIn, PersistPerUnit, ::testing::Values(false, true),
+                         [](const auto& info) { return info.param ? "PerUnit" : "Shared"; });
+
+TEST_F(Persist, APerUnitRecordIsNeverOverwrittenWithAPositionNobodyRead)
+{
+    {
+        CNKR good;
+        good.m_strUnitKey = "A101020304050607";
+        good.m_bStatusRead = true;
+        fill(good, 4242, 3, false, 60000, false);
+        good.SaveSetting();
+    }
+    {
+        CNKR unread;  // its first status read failed
+        unread.m_strUnitKey = "A101020304050607";
+        fill(unread, 30000, 0, false, 60000, false);
+        unread.SaveSetting();
+    }
+    CNKR loaded;
+    loaded.m_strUnitKey = "A101020304050607";
+    loaded.LoadSetting();
+    EXPECT_EQ(loaded.step, 4242);
+}
+
 }  // namespace

@@ -11,6 +11,7 @@
 #include "../log/Log.h"
 #include "CallFrame.h"
 #include "Registry.h"
+#include "UsbIds.h"
 
 #include "Export.h"
 
@@ -77,7 +78,9 @@ NKR_EXPORT const char* NKRGetSDKVersion(void) { return get_NKR_SDK_Ver(); }
 
 NKR_EXPORT int NKRCheck(int vid, int pid)
 {
-    return (vid == FOCUSER_USB_VID && pid == FOCUSER_USB_PID) ? 1 : 0;
+    for (const nkrapi::UsbId& known : nkrapi::focuserUsbIds())
+        if (vid == known.vendor && pid == known.product) return 1;
+    return 0;
 }
 
 NKR_EXPORT int NKRGetProductIDs(int* pids)
@@ -89,14 +92,16 @@ NKR_EXPORT int NKRGetProductIDs(int* pids)
 NKR_EXPORT int NKRGetNum(void)
 {
     iConnectedNKR = 0;
-    hid_device_info* list = hid_enumerate(FOCUSER_USB_VID, FOCUSER_USB_PID);
-    for (hid_device_info* d = list; d != nullptr; d = d->next) {
-        if (iConnectedNKR >= NKR_MAX_SLOTS) break;  // no room to record more
-        if (d->path == nullptr) continue;
-        copyPath(DevPathScan[iConnectedNKR], d->path);
-        ++iConnectedNKR;
+    for (const nkrapi::UsbId& ids : nkrapi::focuserUsbIds()) {
+        hid_device_info* list = hid_enumerate(ids.vendor, ids.product);
+        for (hid_device_info* d = list; d != nullptr; d = d->next) {
+            if (iConnectedNKR >= NKR_MAX_SLOTS) break;  // no room to record more
+            if (d->path == nullptr) continue;
+            copyPath(DevPathScan[iConnectedNKR], d->path);
+            ++iConnectedNKR;
+        }
+        hid_free_enumeration(list);
     }
-    hid_free_enumeration(list);
 
     // Close the units that have gone.
     for (int s = 0; s < NKR_MAX_SLOTS; ++s) {

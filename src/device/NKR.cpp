@@ -148,6 +148,7 @@ bool CNKR::open(const char* path)
                     reply[kVerBuild], reply[kVerLetter]);
     }
 
+    usePerUnitRecord();
     getParams(false);
     if (step == NKR_POWER_ON_POSITION) {
         // The unit has lost its position at power-up: give it the saved one.

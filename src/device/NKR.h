@@ -124,10 +124,13 @@ public:
     int BLEStartUpdate(int size);
     int BLEWriteUpdateFile(const _NKR_BLE_FILE_BUF& block);
 
-    // ---- position persistence (src/store/NKR_persist.cpp) ----
+    // ---- position persistence (NKR_persist.cpp) ----
     void InitSubKey();
     void SaveSetting();
     void LoadSetting();
+    // Opt-in (NKR_STATE_PER_UNIT): keys the saved record by this unit's
+    // serial number. Called by open before anything is loaded.
+    void usePerUnitRecord();
 
     // True when a HID handle is open or a BLE manager is present.
     bool linkUp() const { return (m_bOpen && m_hDev != nullptr) || m_pBleManager != nullptr; }
@@ -180,6 +183,10 @@ public:
     uint8_t m_cHidErr = 0;
     uint8_t m_cReconnect = 0;
     char* m_pszSubKey = nullptr;
+    // Per-unit record (opt-in): its key, and whether a status report has
+    // been read since open, so an unknown position never overwrites it.
+    std::string m_strUnitKey;
+    std::atomic<bool> m_bStatusRead{false};
     int m_iTempMax = 0;
     int m_iTempMin = 0;
     IBluetoothLEManager* m_pBleManager = nullptr;

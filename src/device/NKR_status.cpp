@@ -58,6 +58,7 @@ int CNKR::getParams(bool ble)
     m_bHandMoving = (flags & 0x04) != 0;
     m_bHandControl = (flags & 0x08) != 0;
     cMaxForce = static_cast<int8_t>(flags >> 4);
+    m_bStatusRead = true;
     if (step == 0) NKRDbgPrint("getParams", "getParams ===step:%d speed:%d===\n", step, speed);
     return NKR_SUCCESS;
 }

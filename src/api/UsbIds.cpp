@@ -1,0 +1,65 @@
+#include "UsbIds.h"
+
+#include <algorithm>
+#include <cstdlib>
+
+#include "NKR_focuser.h"
+#include "../log/Log.h"
+
+namespace nkrapi {
+namespace {
+
+bool parseHex16(const std::string& text, uint16_t& out)
+{
+    if (text.empty() || text.size() > 4) return false;
+    unsigned value = 0;
+    for (char c : text) {
+        int digit = (c >= '0' && c <= '9')   ? c - '0'
+                    : (c >= 'a' && c <= 'f') ? c - 'a' + 10
+                    : (c >= 'A' && c <= 'F') ? c - 'A' + 10
+                                             : -1;
+        if (digit < 0) return false;
+        value = value * 16 + static_cast<unsigned>(digit);
+    }
+    out = static_cast<uint16_t>(value);
+    return true;
+}
+
+}  // namespace
+
+std::vector<UsbId> parseUsbIds(const std::string& text, std::string& rejected)
+{
+    std::vector<UsbId> ids;
+    size_t start = 0;
+    while (start <= text.size()) {
+        size_t comma = text.find(',', start);
+        std::string entry = text.substr(start, comma == std::string::npos ? std::string::npos : comma - start);
+        entry.erase(std::remove(entry.begin(), entry.end(), ' '), entry.end());
+        size_t colon = entry.find(':');
+        UsbId id;
+        if (!entry.empty()) {
+            if (colon != std::string::npos && parseHex16(entry.substr(0, colon), id.vendor) &&
+                parseHex16(entry.substr(colon + 1), id.product) && id.vendor != 0 && id.product != 0)
+                ids.push_back(id);
+            else
+                rejected += (rejected.empty() ? "" : ",") + entry;
+        }
+        if (comma == std::string::npos) break;
+        start = comma + 1;
+    }
+    return ids;
+}
+
+std::vector<UsbId> focuserUsbIds()
+{
+    std::vector<UsbId> ids = {{FOCUSER_USB_VID, FOCUSER_USB_PID}};
+    const char* extra = std::getenv("NKR_USB_ID");
+    if (extra == nullptr || extra[0] == '\0') return ids;
+    std::string rejected;
+    for (const UsbId& id : parseUsbIds(extra, rejected))
+        if (std::find(ids.begin(), ids.end(), id) == ids.end()) ids.push_back(id);
+    if (!rejected.empty()) NKR_LOG("NKR_USB_ID: ignored entries that are not VVVV:PPPP: %s", rejected.c_str());
+    return ids;
+}
+
+}  // namespace nkrapi
