@@ -76,7 +76,7 @@ TEST_F(ToolTest, ToolBluetoothUnitByNameOrAddress)
     // Last: the unit is found by its old name no more.
     ToolRun named = run("--json " + unit + "set ble-name=Scope1");
     ASSERT_EQ(named.status, 0) << named.err;
-    EXPECT_EQ(jsonString(named.out, "ble-name"), "Scope1");
+    EXPECT_EQ(jsonString(named.out, "ble_name"), "Scope1");
 }
 
 TEST_F(ToolTest, ToolFirmwareUpdateReportsTheNewVersion)
@@ -86,22 +86,22 @@ TEST_F(ToolTest, ToolFirmwareUpdateReportsTheNewVersion)
         std::ofstream out(image, std::ios::binary);
         for (int k = 0; k < 1234; ++k) out.put(static_cast<char>(k * 7));
     }
-    ToolRun usb = run("--json firmware 1 '" + image + "'");
+    ToolRun usb = run("--json firmware 1 '" + image + "' --yes");
     ASSERT_EQ(usb.status, 0) << usb.err;
     EXPECT_EQ(jsonString(usb.out, "previous_firmware"), "3.8.2");
     EXPECT_EQ(jsonString(usb.out, "firmware"), "3.9.0");
     EXPECT_EQ(jsonInt(usb.out, "bytes"), 1234);
 
-    ToolRun ble = run("--json --ble 'NKR Pro_A1B2' firmware '" + image + "'");
+    ToolRun ble = run("--json --ble 'NKR Pro_A1B2' firmware '" + image + "' --yes");
     ASSERT_EQ(ble.status, 0) << ble.err;
     EXPECT_EQ(jsonString(ble.out, "firmware"), "3.9.0");
 
     // The older unit cannot be updated over USB: a device error, not a hang.
-    ToolRun old = run("firmware 0 '" + image + "'");
+    ToolRun old = run("firmware 0 '" + image + "' --yes");
     EXPECT_EQ(old.status, 1);
     EXPECT_NE(old.err.find("NKR_ERROR_NOT_SUPPORTED"), std::string::npos) << old.err;
 
-    EXPECT_EQ(run("firmware 1 '" + home_ + "/missing.bin'").status, 2);
+    EXPECT_EQ(run("firmware 1 '" + home_ + "/missing.bin' --yes").status, 2);
 }
 
 TEST_F(ToolTest, ToolDemoRunsToItsSummary)
