@@ -104,10 +104,55 @@ TEST_F(ToolTest, ToolFirmwareUpdateReportsTheNewVersion)
     EXPECT_EQ(run("firmware 1 '" + home_ + "/missing.bin' --yes").status, 2);
 }
 
+TEST_F(ToolTest, ToolFirmwareChecksFirstAndWritesOnlyWhenConfirmed)
+{
+    // Refused before a byte is read: no memory for /dev/zero, no raw C++ error.
+    ToolRun directory = run("firmware 1 '" + home_ + "' --yes");
+    EXPECT_EQ(directory.status, 2);
+    EXPECT_NE(directory.err.find("is a directory"), std::string::npos) << directory.err;
+    ToolRun device = run("firmware 1 /dev/zero --yes");
+    EXPECT_EQ(device.status, 2);
+    EXPECT_NE(device.err.find("not a regular file"), std::string::npos) << device.err;
+
+    std::string image = home_ + "/image.bin";
+    {
+        std::ofstream out(image, std::ios::binary);
+        for (int k = 0; k < 1000; ++k) out.put(static_cast<char>(k));
+    }
+    // Without a terminal to ask on and without --yes: nothing is written.
+    ToolRun unasked = run("firmware 1 '" + image + "' </dev/null");
+    EXPECT_EQ(unasked.status, 2);
+    EXPECT_NE(unasked.err.find("add --yes"), std::string::npos) << unasked.err;
+    EXPECT_EQ(unasked.out.find("Writing"), std::string::npos) << unasked.out;
+
+    ToolRun dry = run("firmware 1 '" + image + "' --dry-run");
+    EXPECT_EQ(dry.status, 0) << dry.err;
+    EXPECT_NE(flat(dry.out).find("(1000 bytes) to USB unit 1, now at firmware 3.8.2"), std::string::npos) << dry.out;
+    EXPECT_NE(flat(dry.out).find("nothing was written"), std::string::npos) << dry.out;
+    EXPECT_EQ(run("get 1 firmware").out, "3.8.2\n");
+
+    // A unit that cannot take it is named before anything says "Writing".
+    ToolRun old = run("firmware 0 '" + image + "' --yes");
+    EXPECT_EQ(old.status, 1);
+    EXPECT_EQ(old.out.find("Writing"), std::string::npos) << old.out;
+    EXPECT_NE(old.err.find("nothing was written"), std::string::npos) << old.err;
+
+    // Progress as events, then the result.
+    ToolRun json = run("--json firmware 1 '" + image + "' --yes");
+    ASSERT_EQ(json.status, 0) << json.err;
+    std::vector<std::string> lines = json.lines();
+    ASSERT_GE(lines.size(), 3u);
+    EXPECT_EQ(jsonString(lines.front(), "event"), "firmware_progress");
+    EXPECT_EQ(jsonInt(lines[lines.size() - 2], "percent"), 100);
+    EXPECT_EQ(jsonInt(lines[lines.size() - 2], "bytes_total"), 1000);
+    EXPECT_EQ(jsonString(lines.back(), "event"), "firmware_done");
+}
+
 TEST_F(ToolTest, ToolDemoRunsToItsSummary)
 {
     ToolRun r = run("demo");
     ASSERT_EQ(r.status, 0) << r.out << r.err;
+    r.out = flat(r.out);
     EXPECT_NE(r.out.find("[6/6]"), std::string::npos);
     EXPECT_NE(r.out.find("Summary: 3 units found"), std::string::npos) << r.out;
     EXPECT_NE(r.out.find("battery 87 %"), std::string::npos);

@@ -62,6 +62,19 @@ inline std::optional<std::string> jsonString(const std::string& doc, const std::
     return raw->substr(1, raw->size() - 2);
 }
 
+// Text output with its wrapped lines joined again: every run of spaces and
+// newlines becomes one space.
+inline std::string flat(const std::string& text)
+{
+    std::string out;
+    for (char c : text) {
+        bool space = c == ' ' || c == '\n';
+        if (space && !out.empty() && out.back() == ' ') continue;
+        out += space ? ' ' : c;
+    }
+    return out;
+}
+
 inline size_t countOf(const std::string& text, const std::string& piece)
 {
     size_t n = 0;

@@ -222,7 +222,14 @@ int main(int argc, char** argv)
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
-        // --help and --version end here with status 0.
+        // --help and --version end here with status 0; help fits the terminal.
+        if (e.get_name() == "CallForHelp" || e.get_name() == "CallForAllHelp") {
+            initOutput(false);
+            std::string help = app.help("", e.get_name() == "CallForAllHelp" ? CLI::AppFormatMode::All
+                                                                              : CLI::AppFormatMode::Normal);
+            std::fputs(wrapText(help, outputWidth()).c_str(), stdout);
+            return kExitOk;
+        }
         if (e.get_exit_code() == 0) return app.exit(e);
         initOutput(false);
         printErrorMessage(describeParseError(e, app, argc, argv));

@@ -92,6 +92,72 @@ int terminalColumns()
     return 80;
 }
 
+size_t outputWidth() { return static_cast<size_t>(std::min(terminalColumns(), 80)); }
+
+namespace {
+
+// Where continuation lines of this line start.
+size_t hangingIndent(const std::string& line, size_t width)
+{
+    size_t indent = line.find_first_not_of(' ');
+    if (indent == std::string::npos) return 0;
+    size_t gap = line.find("  ", indent);
+    if (gap != std::string::npos) {
+        size_t column = line.find_first_not_of(' ', gap);
+        if (column != std::string::npos && column < width / 2) return column;
+    }
+    return std::min(indent + 4, width / 2);
+}
+
+std::string wrapLine(const std::string& line, size_t width)
+{
+    if (line.size() <= width) return line;
+    std::string out;
+    std::string current;
+    size_t indent = hangingIndent(line, width);
+    size_t lead = line.find_first_not_of(' ');
+    current = line.substr(0, lead == std::string::npos ? 0 : lead);
+    size_t at = current.size();
+    bool first = true;
+    while (at < line.size()) {
+        size_t end = line.find(' ', at);
+        if (end == std::string::npos) end = line.size();
+        std::string word = line.substr(at, end - at);
+        size_t next = line.find_first_not_of(' ', end);
+        std::string gap = line.substr(end, (next == std::string::npos ? line.size() : next) - end);
+        bool empty = current.find_first_not_of(' ') == std::string::npos;
+        if (!empty && current.size() + word.size() > width) {
+            while (!current.empty() && current.back() == ' ') current.pop_back();
+            out += current + "\n";
+            current = std::string(indent, ' ');
+            first = false;
+        }
+        current += word;
+        // Keep the column gap of the first line; one space elsewhere.
+        current += (first && gap.size() > 1) ? gap : (gap.empty() ? "" : " ");
+        at = next == std::string::npos ? line.size() : next;
+    }
+    while (!current.empty() && current.back() == ' ') current.pop_back();
+    return out + current;
+}
+
+}  // namespace
+
+std::string wrapText(const std::string& text, size_t width)
+{
+    std::string out;
+    size_t start = 0;
+    while (start <= text.size()) {
+        size_t end = text.find('\n', start);
+        bool last = end == std::string::npos;
+        out += wrapLine(text.substr(start, (last ? text.size() : end) - start), width);
+        if (last) break;
+        out += '\n';
+        start = end + 1;
+    }
+    return out;
+}
+
 std::string clipped(const std::string& text, size_t maxChars)
 {
     if (text.size() <= maxChars) return text;
@@ -121,7 +187,7 @@ void emitJson(const Json& doc)
 void say(const std::string& line)
 {
     if (jsonMode()) return;
-    std::fputs(line.c_str(), stdout);
+    std::fputs(wrapText(line, outputWidth()).c_str(), stdout);
     std::fputc('\n', stdout);
     flushOutput();
 }

@@ -68,6 +68,13 @@ std::string degreesC();
 std::string arrow();
 // The width of the terminal on stdout (COLUMNS, then the tty), 80 when unknown.
 int terminalColumns();
+// The width output is kept within: the terminal's, at most 80 columns.
+size_t outputWidth();
+// Wraps each line longer than width at spaces. Continuation lines line up
+// with a description column ("  name    text", two or more spaces), or else
+// with the line's own indent plus four.
+std::string wrapText(const std::string& text, size_t width);
+
 // A text echoed back in a message, cut to 40 characters with an ellipsis so
 // a 300-digit argument does not fill the screen.
 std::string clipped(const std::string& text, size_t maxChars = 40);
