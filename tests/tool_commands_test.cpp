@@ -202,5 +202,35 @@ TEST_F(ToolTest, ToolShowsWhereTheDiagnosticLogIsAndItsLinesLive)
     EXPECT_NE(runTool("", "--help").out.find("--per-unit-state"), std::string::npos);
 }
 
+TEST_F(ToolTest, ToolManPageAndCompletionComeFromTheHelp)
+{
+    ToolRun man = runTool("", "--help-man");
+    ASSERT_EQ(man.status, 0) << man.err;
+    EXPECT_EQ(man.out.rfind(".TH NKR 1", 0), 0u);
+    for (const char* command : {"list", "info", "get", "wait", "firmware"})
+        EXPECT_NE(man.out.find(std::string(".SS ") + command + "\n"), std::string::npos) << command;
+    EXPECT_NE(man.out.find("143 SIGTERM"), std::string::npos);
+    EXPECT_EQ(runTool("", "--help").out.find("--help-man"), std::string::npos) << "hidden from --help";
+
+    ToolRun completion = runTool("", "--completion bash");
+    ASSERT_EQ(completion.status, 0) << completion.err;
+    const std::string script = home_ + "/nkr.bash";
+    std::ofstream(script) << completion.out;
+    auto complete = [&](const std::string& words, int current) {
+        std::string command = "bash -c 'source " + script + "; COMP_WORDS=(" + words + "); COMP_CWORD=" +
+                              std::to_string(current) + "; _nkr; echo \"${COMPREPLY[*]}\"'";
+        FILE* pipe = popen(command.c_str(), "r");
+        std::string out;
+        char buf[512];
+        for (size_t n; pipe != nullptr && (n = fread(buf, 1, sizeof buf, pipe)) > 0;) out.append(buf, n);
+        if (pipe != nullptr) pclose(pipe);
+        return out;
+    };
+    EXPECT_EQ(complete("nkr mo", 1), "move\n");
+    EXPECT_EQ(complete("nkr firmware 1 img --dr", 4), "--dry-run\n");
+    EXPECT_EQ(complete("nkr get 0 tem", 3), "temperature\n");
+    EXPECT_EQ(runTool("", "--completion zsh").status, 2);
+}
+
 }  // namespace
 }  // namespace nkrtest

@@ -6,6 +6,7 @@
 
 #include <functional>
 #include <string>
+#include <vector>
 
 namespace CLI {
 class App;
@@ -45,5 +46,8 @@ Command addFirmwareCommand(CLI::App& app, const GlobalOptions& globals);
 Command addDemoCommand(CLI::App& app, const GlobalOptions& globals);
 Command addGetCommand(CLI::App& app, const GlobalOptions& globals);
 Command addWaitCommand(CLI::App& app, const GlobalOptions& globals);
+
+// The FIELD names of nkr get, for the completion script.
+std::vector<std::string> getFieldNames();
 
 }  // namespace nkrtool

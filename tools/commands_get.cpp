@@ -194,6 +194,13 @@ int runWait(const WaitOptions& options, const GlobalOptions& globals)
 
 }  // namespace
 
+std::vector<std::string> getFieldNames()
+{
+    std::vector<std::string> names;
+    for (const Field& f : fields()) names.push_back(f.name);
+    return names;
+}
+
 Command addGetCommand(CLI::App& app, const GlobalOptions& globals)
 {
     auto options = std::make_shared<GetOptions>();

@@ -11,6 +11,7 @@
 
 #include "commands.h"
 #include "diagnostic_log.h"
+#include "help_documents.h"
 #include "errors.h"
 #include "interrupt.h"
 #include "output.h"
@@ -214,6 +215,17 @@ int main(int argc, char** argv)
     };
     // After the sub-commands, which would otherwise inherit these examples.
     app.footer(kFooter);
+    // For the build, which installs the man page and completion made from this help.
+    const std::string version = std::string("nkr ") + NKR_TOOL_VERSION;
+    app.add_flag_callback("--help-man", [&app, &version] {
+           std::fputs(manPage(app, version).c_str(), stdout);
+           throw CLI::Success();
+       })->group("");
+    app.add_option_function<std::string>("--completion", [&app](const std::string& shell) {
+           if (shell != "bash") throw CLI::ValidationError("--completion", "only bash is supported");
+           std::fputs(bashCompletion(app).c_str(), stdout);
+           throw CLI::Success();
+       })->group("");
     for (const Command& c : commands)
         c.app->footer(c.app->get_footer() +
                       "\n\nGlobal options (--json, --simulate, --ble NAME-OR-ADDRESS, ...) may come "
