@@ -1,6 +1,7 @@
 // The nkr tool given real signals mid-move: the motor is stopped, the unit
 // closed (so its position is saved) and the exit status is 128 + signal.
 #include <csignal>
+#include <fstream>
 #include <memory>
 #include <utility>
 
@@ -89,6 +90,26 @@ TEST_F(ToolSignalTest, ToolWatchEndsWithTheSignalStatusLikeEveryCommand)
 
     EXPECT_EQ(runTool("", "--help").out.find("130 Ctrl-C.") , std::string::npos);
     EXPECT_NE(runTool("", "--help").out.find("143 SIGTERM"), std::string::npos);
+}
+
+TEST_F(ToolSignalTest, ToolSignalDuringAFirmwareUpdateSaysWhatStateTheUnitIsIn)
+{
+    // The largest image allowed, so the write takes a while.
+    const std::string image = home_ + "/large.bin";
+    {
+        std::ofstream out(image, std::ios::binary);
+        std::string block(1 << 16, '\x5a');
+        for (int k = 0; k < 256; ++k) out << block;
+    }
+    LiveTool update(home_, kTool, "--simulate --json firmware 1 '" + image + "' --yes");
+    ASSERT_TRUE(update.waitForLine("\"firmware_progress\""));
+    update.sendSignal(SIGINT);
+    int status = update.finish();
+    if (status == 0) GTEST_SKIP() << "the update finished before the signal arrived";
+    EXPECT_EQ(status, 130) << update.errors();
+    EXPECT_NE(update.errors().find("interrupted by SIGINT (Ctrl-C)"), std::string::npos) << update.errors();
+    EXPECT_NE(update.errors().find("the unit is in update mode"), std::string::npos) << update.errors();
+    EXPECT_NE(update.errors().find("Run the same nkr firmware command again"), std::string::npos);
 }
 
 }  // namespace
