@@ -232,5 +232,16 @@ TEST_F(ToolTest, ToolManPageAndCompletionComeFromTheHelp)
     EXPECT_EQ(runTool("", "--completion zsh").status, 2);
 }
 
+TEST(ToolReadme, ShowsTheHostExampleAsItIs)
+{
+#ifdef NKR_SOURCE_DIR
+    std::string readme = readFile(NKR_SOURCE_DIR "/README.md");
+    std::string example = readFile(NKR_SOURCE_DIR "/examples/host_example.c");
+    ASSERT_FALSE(example.empty());
+    EXPECT_NE(readme.find("```c\n" + example + "```"), std::string::npos)
+        << "the README's C snippet differs from examples/host_example.c";
+#endif
+}
+
 }  // namespace
 }  // namespace nkrtest
