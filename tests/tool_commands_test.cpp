@@ -1,6 +1,8 @@
 // The nkr tool as a new user meets it: messages, the commands scripts need
 // (get, wait, units by serial or alias), set and sync rules, the settings
 // file left alone by commands that only look, ASCII output and the log.
+#include <cctype>
+#include <cstdlib>
 #include <fstream>
 #include <iterator>
 
@@ -184,6 +186,44 @@ TEST_F(ToolTest, ToolPlainAsciiOutsideUtf8AndWithinTheTerminalWidth)
         for (std::string line; std::getline(lines, line);)
             EXPECT_LE(line.size(), 80u) << args << ": " << line;
     }
+}
+
+TEST_F(ToolTest, ToolProgressBarFitsA40ColumnTerminal)
+{
+#ifdef NKR_TOOL_PATH
+    if (std::system("command -v script >/dev/null 2>&1") != 0) GTEST_SKIP() << "no script(1) for a pseudo-terminal";
+    // script(1) gives the tool a terminal of 40 columns, as a narrow window would.
+    std::string command = "cd '" + home_ + "' && env -u NKR_SIM_ACTIVE HOME='" + home_ + "' XDG_STATE_HOME='" +
+                          home_ + "/state' LC_ALL=C.UTF-8 timeout -k 5 60 script -qec \"stty cols 40; '" NKR_TOOL_PATH
+                          "' --simulate move 1 +1000\" /dev/null";
+    FILE* pipe = popen(command.c_str(), "r");
+    ASSERT_NE(pipe, nullptr);
+    std::string out;
+    char buf[4096];
+    for (size_t n; (n = fread(buf, 1, sizeof buf, pipe)) > 0;) out.append(buf, n);
+    pclose(pipe);
+    ASSERT_NE(out.find("Reached position 31000"), std::string::npos) << out;
+    ASSERT_NE(out.find("100%"), std::string::npos) << "the bar was drawn: " << out;
+    // What shows on screen: no escape sequences, a UTF-8 character is one column.
+    std::string line;
+    auto check = [&] {
+        size_t columns = 0;
+        for (unsigned char c : line) columns += (c & 0xC0) != 0x80 ? 1 : 0;
+        EXPECT_LE(columns, 40u) << line;
+        line.clear();
+    };
+    for (size_t k = 0; k < out.size(); ++k) {
+        char c = out[k];
+        if (c == '\033') {
+            while (k < out.size() && !std::isalpha(static_cast<unsigned char>(out[k]))) ++k;
+        } else if (c == '\r' || c == '\n') {
+            check();
+        } else {
+            line += c;
+        }
+    }
+    check();
+#endif
 }
 
 TEST_F(ToolTest, ToolShowsWhereTheDiagnosticLogIsAndItsLinesLive)
