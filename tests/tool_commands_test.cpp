@@ -193,8 +193,8 @@ TEST_F(ToolTest, ToolProgressBarFitsA40ColumnTerminal)
 #ifdef NKR_TOOL_PATH
     if (std::system("command -v script >/dev/null 2>&1") != 0) GTEST_SKIP() << "no script(1) for a pseudo-terminal";
     // script(1) gives the tool a terminal of 40 columns, as a narrow window would.
-    std::string command = "cd '" + home_ + "' && env -u NKR_SIM_ACTIVE HOME='" + home_ + "' XDG_STATE_HOME='" +
-                          home_ + "/state' LC_ALL=C.UTF-8 timeout -k 5 60 script -qec \"stty cols 40; '" NKR_TOOL_PATH
+    std::string command = "cd '" + home_ + "' && env -u NKR_SIM_ACTIVE -u NKR_SIM_STATE HOME='" + home_ + "' XDG_STATE_HOME='" +
+                          home_ + "/state' XDG_RUNTIME_DIR='" + home_ + "/run' LC_ALL=C.UTF-8 timeout -k 5 60 script -qec \"stty cols 40; '" NKR_TOOL_PATH
                           "' --simulate move 1 +1000\" /dev/null";
     FILE* pipe = popen(command.c_str(), "r");
     ASSERT_NE(pipe, nullptr);

@@ -21,8 +21,8 @@ public:
     {
         int out[2], err[2];
         if (pipe(out) != 0 || pipe(err) != 0) return;
-        std::string command = "exec env -u NKR_SIM_ACTIVE -u NKR_SIMULATE HOME='" + home +
-                              "' XDG_STATE_HOME='" + home + "/state' '" + toolPath + "' " + args;
+        std::string command = "exec env -u NKR_SIM_ACTIVE -u NKR_SIMULATE -u NKR_SIM_STATE HOME='" + home +
+                              "' XDG_STATE_HOME='" + home + "/state' XDG_RUNTIME_DIR='" + home + "/run' '" + toolPath + "' " + args;
         pid_ = fork();
         if (pid_ == 0) {
             dup2(out[1], STDOUT_FILENO);
