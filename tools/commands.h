@@ -46,6 +46,7 @@ Command addFirmwareCommand(CLI::App& app, const GlobalOptions& globals);
 Command addDemoCommand(CLI::App& app, const GlobalOptions& globals);
 Command addGetCommand(CLI::App& app, const GlobalOptions& globals);
 Command addWaitCommand(CLI::App& app, const GlobalOptions& globals);
+Command addResetCommand(CLI::App& app, const GlobalOptions& globals);
 
 // The FIELD names of nkr get, for the completion script.
 std::vector<std::string> getFieldNames();

@@ -212,6 +212,7 @@ int main(int argc, char** argv)
         addStopCommand(app, globals),  addSyncCommand(app, globals),  addSetCommand(app, globals),
         addGetCommand(app, globals),   addWaitCommand(app, globals),
         addWatchCommand(app, globals), addFirmwareCommand(app, globals), addDemoCommand(app, globals),
+        addResetCommand(app, globals),
     };
     // After the sub-commands, which would otherwise inherit these examples.
     app.footer(kFooter);
