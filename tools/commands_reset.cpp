@@ -3,6 +3,7 @@
 #include <dlfcn.h>
 
 #include <CLI/CLI.hpp>
+#include <cstdlib>
 #include <filesystem>
 #include <system_error>
 
@@ -25,19 +26,28 @@ int runReset(const GlobalOptions& globals)
     if (forget(message, sizeof message) == 0)
         throw ToolError(std::string("cannot forget the simulated world: ") + message, -1, kExitDeviceError);
 
-    // The library's saved positions and settings of the simulated units
-    // (never the real ones: --real-home leaves the user's file alone).
-    std::error_code ec;
-    std::filesystem::path settings = privateStateDirectory() / ".HTX";
-    std::filesystem::remove_all(settings, ec);
-    if (ec)
-        throw ToolError("cannot delete " + settings.string() + ": " + ec.message(), -1, kExitDeviceError);
+    // The library's saved positions and settings of the simulated units: the
+    // restarted tool's HOME is the simulator's state folder. --real-home
+    // points at the user's own settings, which are never touched.
+    const char* home = std::getenv("HOME");
+    bool settingsForgotten = false;
+    if (!globals.realHome && home != nullptr && std::filesystem::path(home).filename() == "nkr-sim") {
+        std::error_code ec;
+        std::filesystem::path settings = std::filesystem::path(home) / ".HTX";
+        std::filesystem::remove_all(settings, ec);
+        if (ec)
+            throw ToolError("cannot delete " + settings.string() + ": " + ec.message(), -1,
+                            kExitDeviceError);
+        settingsForgotten = true;
+    }
 
     if (jsonMode())
-        emitJson(Json::object().set("reset", true));
-    else
+        emitJson(Json::object().set("reset", true).set("settings_forgotten", settingsForgotten));
+    else if (settingsForgotten)
         say("The simulated units are back as they came out of the box.");
-    (void)globals;
+    else
+        say("The simulated units are back as they came out of the box; with --real-home their "
+            "saved settings in your own settings file are kept.");
     return kExitOk;
 }
 
