@@ -1,62 +1,112 @@
-// nkr --simulate keeps one simulated world between commands, forgets it on
-// reset, and refuses a malformed description of the simulated units.
-#include <sys/stat.h>
-
+// The simulated world as a user of "nkr --simulate" meets it: one command
+// after another finds the units as the last one left them, until
+// "nkr --simulate reset". Each command is a process of its own.
+#include <chrono>
 #include <string>
+#include <thread>
 
 #include "tool_support.h"
 
-namespace nkrtest {
 namespace {
 
-TEST_F(ToolTest, ToolSimulatedWorldOutlivesTheCommand)
-{
-    ASSERT_EQ(run("move 0 29000").status, 0);
-    ASSERT_EQ(run("set 1 alias=Main max-step=50000").status, 0);
-    EXPECT_EQ(run("get 0 position").out, "29000\n");
-    EXPECT_EQ(run("get 1 alias").out, "Main\n");
-    // The world lives in the runtime folder the test gave the tool.
-    struct stat st {};
-    EXPECT_EQ(stat((home_ + "/run/nkr-sim/world").c_str(), &st), 0);
+using nkrtest::ToolRun;
 
-    // A move started without waiting goes on after the tool has gone, and a
-    // later command can stop it.
-    ASSERT_EQ(run("move 0 60000 --no-wait").status, 0);
+class ToolSimWorldTest : public nkrtest::ToolTest {
+protected:
+    // "nkr --simulate get ID FIELD": the bare value.
+    std::string get(int id, const std::string& field)
+    {
+        ToolRun r = run("get " + std::to_string(id) + " " + field);
+        EXPECT_EQ(r.status, 0) << r.err;
+        std::string value = r.out;
+        while (!value.empty() && (value.back() == '\n' || value.back() == '\r')) value.pop_back();
+        return value;
+    }
+};
+
+TEST_F(ToolSimWorldTest, PositionAndSettingsOutliveTheCommand)
+{
+    ASSERT_EQ(run("move 0 30400").status, 0);
+    ASSERT_EQ(run("set 0 alias=scope").status, 0);
+    ASSERT_EQ(run("set 1 max-step=45000").status, 0);
+
+    EXPECT_EQ(get(0, "position"), "30400");
+    EXPECT_EQ(get(0, "alias"), "scope");
+    EXPECT_EQ(get(1, "max-step"), "45000");
+    EXPECT_EQ(get(1, "position"), "30000");  // the other unit was left alone
+}
+
+TEST_F(ToolSimWorldTest, MoveWithoutWaitingGoesOnUntilStopped)
+{
+    ASSERT_EQ(get(0, "position"), "30000");
+    // 29000 steps at 2000 a second: still running when the next command comes.
+    ToolRun started = run("move 0 59000 --no-wait");
+    ASSERT_EQ(started.status, 0) << started.err;
+
+    // The next process sees the motor running and further on (bounded wait).
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    std::string position = get(0, "position");
+    while (position == "30000" && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        position = get(0, "position");
+    }
+    EXPECT_NE(position, "30000");
+    EXPECT_EQ(get(0, "moving"), "true");
+
     ASSERT_EQ(run("stop 0").status, 0);
-    std::string stopped = run("get 0 position").out;
-    EXPECT_NE(stopped, "60000\n");
-    EXPECT_EQ(run("get 0 moving").out, "false\n");
-    EXPECT_EQ(run("get 0 position").out, stopped);
+    EXPECT_EQ(get(0, "moving"), "false");
+    const std::string stoppedAt = get(0, "position");
+    const int stopped = std::stoi(stoppedAt);
+    EXPECT_GT(stopped, 30000);
+    EXPECT_LT(stopped, 59000);
+    EXPECT_EQ(get(0, "position"), stoppedAt);  // and stays there
+}
+
+TEST_F(ToolSimWorldTest, ResetForgetsTheWorldAndTheSavedSettings)
+{
+    ASSERT_EQ(run("move 0 30400").status, 0);
+    ASSERT_EQ(run("set 0 alias=gone").status, 0);
 
     ToolRun reset = run("reset");
-    EXPECT_EQ(reset.status, 0) << reset.err;
-    EXPECT_EQ(stat((home_ + "/run/nkr-sim/world").c_str(), &st), -1);
-    EXPECT_EQ(run("get 0 position").out, "30000\n");
-    EXPECT_NE(run("get 1 alias").out, "Main\n");
+    ASSERT_EQ(reset.status, 0) << reset.err;
+    // Back out of the box: neither the world nor the library's saved position
+    // (restored when a unit reports its power-on position) brings 30400 back.
+    EXPECT_EQ(get(0, "position"), "30000");
+    EXPECT_EQ(get(0, "alias"), "");
+
+    ToolRun notSimulated = runTool("", "reset");
+    EXPECT_EQ(notSimulated.status, 2);
+    EXPECT_EQ(notSimulated.err.rfind("nkr: error:", 0), 0u) << notSimulated.err;
 }
 
-TEST_F(ToolTest, ToolResetNeedsTheSimulator)
+TEST_F(ToolSimWorldTest, EveryUnitHasItsOwnSerial)
 {
-    ToolRun r = runTool("", "reset");
-    EXPECT_EQ(r.status, 2);
-    EXPECT_NE(r.err.find("nkr: error:"), std::string::npos) << r.err;
-    EXPECT_NE(r.err.find("nkr --simulate reset"), std::string::npos) << r.err;
+    const std::string first = get(0, "serial");
+    const std::string second = get(1, "serial");
+    EXPECT_EQ(first.size(), 16u);
+    EXPECT_NE(first, second);
 }
 
-TEST_F(ToolTest, ToolRefusesMalformedSimulatedUnits)
+TEST_F(ToolSimWorldTest, SimulateFromTheEnvironmentInAnySpellingOfYes)
 {
-    for (const char* env : {"NKR_SIM_UNITS=usb:33", "NKR_SIM_UNITS=usb:335,", "NKR_SIM_UNPLUG=7:100",
-                            "NKR_SIM_UNPLUG=0-100"}) {
-        SCOPED_TRACE(env);
-        ToolRun r = runTool(env, "--simulate list");
-        EXPECT_EQ(r.status, 2);
-        EXPECT_EQ(r.err.rfind("nkr: error: NKR_SIM_", 0), 0u) << r.err;
-        EXPECT_EQ(r.err.find("nkr-sim:"), std::string::npos) << r.err;  // said once, by the tool
+    for (const char* yes : {"1", "true", "TRUE", "yes", "Yes"}) {
+        ToolRun r = runTool(std::string("NKR_SIMULATE=") + yes, "get 0 position");
+        EXPECT_EQ(r.status, 0) << yes << ": " << r.err;
+        EXPECT_EQ(r.out, "30000\n") << yes;
     }
-    EXPECT_EQ(runTool("NKR_SIM_UNITS=usb:382:E:NKRN", "--simulate list").status, 0);
-    EXPECT_EQ(runTool("NKR_SIMULATE=yes", "get 0 position").status, 0);
-    EXPECT_EQ(runTool("NKR_SIMULATE=True", "get 0 position").status, 0);
+}
+
+TEST_F(ToolSimWorldTest, MalformedUnitsOrUnplugAreUsageErrors)
+{
+    for (const char* environment : {"NKR_SIM_UNITS=usb:33", "NKR_SIM_UNITS=usb:335,,ble:382",
+                                    "NKR_SIM_UNITS=serial:335", "NKR_SIM_UNPLUG=0-500",
+                                    "NKR_SIM_UNPLUG=7:10"}) {
+        ToolRun r = runTool(environment, "--simulate list");
+        EXPECT_EQ(r.status, 2) << environment;
+        EXPECT_EQ(r.err.rfind("nkr: error: NKR_SIM_", 0), 0u) << environment << ": " << r.err;
+        EXPECT_EQ(nkrtest::countOf(r.err, "\n"), 1u) << r.err;
+        EXPECT_EQ(r.out, "") << environment;
+    }
 }
 
 }  // namespace
-}  // namespace nkrtest
