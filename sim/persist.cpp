@@ -93,6 +93,9 @@ bool statFile(const std::string& path, FileStamp& out)
 json unitToJson(const Unit& u, int64_t wallBase)
 {
     const UnitState& s = u.st;
+    // A still motor's clock means nothing: leaving it out keeps a look at an
+    // idle world from rewriting the file (and every other process re-reading it).
+    const bool moving = s.runState == 1 || s.handMoving;
     return json{
         {"id", u.id},
         {"plugged", u.plugged},
@@ -105,7 +108,7 @@ json unitToJson(const Unit& u, int64_t wallBase)
         {"hand_control", s.handControl},
         // When the motor was last brought up to date, in wall-clock time, so
         // the next process finds a move where it has got to by now.
-        {"tick_wall_us", wallBase + static_cast<int64_t>(u.lastTick)},
+        {"tick_wall_us", moving ? wallBase + static_cast<int64_t>(u.lastTick) : 0},
         {"step_fraction", u.stepFraction},
         {"steps_moved", u.stepsMoved},
         {"backlash", s.backlash},
