@@ -89,6 +89,13 @@ bool allDigits(const std::string& text)
            std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
 }
 
+// Arguments are quoted in messages, cut short so a huge value stays readable.
+std::string quoted(const std::string& text)
+{
+    constexpr size_t kMaxShown = 40;
+    return "'" + (text.size() > kMaxShown ? text.substr(0, kMaxShown) + "..." : text) + "'";
+}
+
 // One NKR_SIM_UNITS entry: link:fw[:letter[:type]].
 bool parseUnit(const std::string& entry, int bleIndex, UnitSpec& spec, std::string& error)
 {
@@ -104,24 +111,24 @@ bool parseUnit(const std::string& entry, int bleIndex, UnitSpec& spec, std::stri
     spec.usb = f[0] == "usb" || f[0] == "both";
     spec.ble = f[0] == "ble" || f[0] == "both";
     if (!spec.usb && !spec.ble) {
-        error = "the link '" + f[0] + "' is not usb, ble or both";
+        error = "the link " + quoted(f[0]) + " is not usb, ble or both";
         return false;
     }
     if (f[1].size() != 3 || !allDigits(f[1])) {
-        error = "the firmware version '" + f[1] + "' is not three digits (e.g. 382 for 3.8.2)";
+        error = "the firmware version " + quoted(f[1]) + " is not three digits (e.g. 382 for 3.8.2)";
         return false;
     }
     spec.fwMajor = f[1][0] - '0';
     spec.fwMinor = f[1][1] - '0';
     spec.fwBuild = f[1][2] - '0';
     if (f.size() > 2 && f[2].size() > 1) {
-        error = "the model letter '" + f[2] + "' is not one character";
+        error = "the model letter " + quoted(f[2]) + " is not one character";
         return false;
     }
     if (f.size() > 2 && !f[2].empty()) spec.modelLetter = f[2][0];
     if (f.size() > 3) {
         if (f[3].size() > 8) {
-            error = "the model text '" + f[3] + "' is longer than 8 characters";
+            error = "the model text " + quoted(f[3]) + " is longer than 8 characters";
             return false;
         }
         spec.typeText = f[3];
@@ -131,13 +138,6 @@ bool parseUnit(const std::string& entry, int bleIndex, UnitSpec& spec, std::stri
     spec.bleNameSuffix = suffix;
     spec.bleName = (spec.typeText.empty() ? std::string("NKR Pro") : spec.typeText) + "_" + suffix;
     return true;
-}
-
-// Arguments are quoted in messages, cut short so a huge value stays readable.
-std::string quoted(const std::string& text)
-{
-    constexpr size_t kMaxShown = 40;
-    return "'" + (text.size() > kMaxShown ? text.substr(0, kMaxShown) + "..." : text) + "'";
 }
 
 bool parseUnitList(const std::string& value, std::vector<UnitSpec>& specs, std::string& error)

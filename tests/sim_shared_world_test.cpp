@@ -4,6 +4,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
@@ -267,7 +268,7 @@ TEST(SimEnvironment, MalformedUnitsOrUnplugAreRefusedWithTheReason)
     setenv("NKR_SIM_UNITS", ("usb:" + std::string(300, '9')).c_str(), 1);
     std::string message;
     EXPECT_FALSE(nkrsim::validateEnvironment(message));
-    EXPECT_LT(message.size(), 200u);
+    EXPECT_EQ(message.find(std::string(60, '9')), std::string::npos) << message;
     unsetenv("NKR_SIM_UNITS");
     unsetenv("NKR_SIM_UNPLUG");
 }
@@ -280,7 +281,6 @@ TEST(SimEnvironment, MalformedUnitsGiveNoUnitsAndOneLineOnStderr)
     nkrsim::addDefaultUnits();
     std::string err = ::testing::internal::GetCapturedStderr();
     unsetenv("NKR_SIM_UNITS");
-    EXPECT_EQ(nkrsim::usbPath(0), "/dev/nkrsim0");
     EXPECT_EQ(nkrsim::bleAddress(0), "");  // no unit 0: not even the good first entry
     EXPECT_NE(err.find("nkr-sim: NKR_SIM_UNITS entry 2 'usb:9'"), std::string::npos) << err;
     EXPECT_NE(err.find("simulating no units"), std::string::npos) << err;
