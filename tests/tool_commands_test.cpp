@@ -150,7 +150,8 @@ TEST_F(ToolTest, ToolJsonKeysAreSnakeCaseAndEventsCarryIdAndTime)
 {
     std::vector<std::string> docs;
     for (const char* args : {"--json list", "--json info 1", "--json set 1 max-step=50000 backlash=3",
-                             "--json move 1 +300", "--json watch 1 --count 2 --interval 50", "--json get 1 max-step"}) {
+                             "--json move 1 +300", "--json watch 1 --count 2 --interval 50", "--json get 1 max-step",
+                             "--json demo"}) {
         ToolRun r = run(args);
         ASSERT_EQ(r.status, 0) << args << r.err;
         for (const std::string& line : r.lines()) docs.push_back(line);

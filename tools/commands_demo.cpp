@@ -79,7 +79,7 @@ std::vector<FoundUnit> findUnits(Tour& tour, std::vector<BleUnit>& bleUnits)
         NKRClose(id);
         rows.push_back({std::to_string(id), "usb", u.ident.name, firmwareOf(u.ident),
                         u.ident.type.empty() ? "-" : u.ident.type, std::to_string(u.ident.stepRange)});
-        units.push(Json::object().set("link", "usb").set("id", id).set("firmware", firmwareOf(u.ident)).set("type", u.ident.type));
+        units.push(Json::object().set("link", "usb").set("id", id).set("firmware", firmwareOf(u.ident)).set("type", u.ident.type.empty() ? Json() : Json(u.ident.type)));
         usb.push_back(u);
     }
     bleUnits = scanBluetooth(kBleScanSeconds);
