@@ -25,6 +25,7 @@
 // At most 8 clients at a time; lines up to 256 bytes.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <string>
@@ -54,7 +55,8 @@ struct UnitSpec {
     int stepsPerSecond = 2000;       // motor speed on the simulated clock
     bool thermistor = false;         // temperature word is a raw ADC reading (firmware 3.0.0)
     int tempRaw = 32500;             // status bytes 11-12 (25.00 degrees scaled)
-    std::vector<uint8_t> serial = {0x12, 0x34, 0x56, 0x78, 0x9A, 0xBC, 0xDE, 0xF0};
+    // Empty: the unit's own, 12 34 56 78 9A BC DE F0 plus the unit id.
+    std::vector<uint8_t> serial;
     std::string alias;
     std::string bleNameSuffix = "A1B2";  // the unit's part of the BLE name
 };
@@ -103,8 +105,22 @@ void reset();
 // digits (major, minor, build), letter the model letter, type the model text;
 // e.g. "usb:335,usb:382:E:NKRN,ble:382:E:NKR Pro" (the default set). Bluetooth
 // units are named "<type>_<suffix>" with suffixes A1B2, A1B3, ... in order.
-// An empty value gives no units; malformed entries are skipped.
+// Up to 8 characters of type. An empty value gives no units. A malformed
+// value (or NKR_SIM_UNPLUG) is said on stderr in one line and gives no units.
+//
+// NKR_SIM_STATE=<file> shares the world between processes while the clock is
+// real: the units' state is kept in that file (JSON, under an flock on
+// <file>.lock), loaded when the world is first used, re-read whenever another
+// process changed it and saved after every change. A move goes on in wall-
+// clock time between processes. A missing or damaged file (or one made for
+// another NKR_SIM_UNITS) gives a fresh world.
 void addDefaultUnits();
+// Checks NKR_SIM_UNITS and NKR_SIM_UNPLUG without touching the world: false
+// with a one-line reason when either is malformed.
+bool validateEnvironment(std::string& message);
+// Deletes the NKR_SIM_STATE file (under its lock) and puts this process's
+// units back to their power-on state. False with the reason on failure.
+bool forgetSharedState(std::string& message);
 
 // ---- units ------------------------------------------------------------------
 UnitId addUnit(const UnitSpec& spec);
@@ -182,3 +198,9 @@ std::vector<uint8_t> receivedImage(UnitId unit);
 bool inUpdateMode(UnitId unit);
 
 }  // namespace nkrsim
+
+// The same two checks for programs that find the simulator at run time (dlsym
+// on a process the simulator was loaded into): 1 when good, else 0 with a
+// NUL-terminated reason in message (cut to size).
+extern "C" int nkr_sim_validate_environment(char* message, size_t size);
+extern "C" int nkr_sim_forget_state(char* message, size_t size);

@@ -1,6 +1,7 @@
 // The world itself: clock, motion, and the units coming and going.
 #include "world.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -8,6 +9,7 @@
 
 #include "ble_events.h"
 #include "control_socket.h"
+#include "persist.h"
 #include "sysfs.h"
 #include "unit_model.h"
 
@@ -53,35 +55,158 @@ void applySpec(const UnitSpec& spec, UnitState& s)
     s.stepsPerSecond = spec.stepsPerSecond;
 }
 
-void publishDescriptor(const Unit& u)
+// An older USB unit, a newer USB unit and a Bluetooth Pro unit.
+std::vector<UnitSpec> builtInUnits()
 {
-    if (!u.spec.usb) return;
-    writeDescriptor(usbPath(u.id),
-                    u.spec.descriptor.empty() ? defaultDescriptor(u.spec.outputReportLen)
-                                              : u.spec.descriptor,
-                    u.spec.descriptorReadable);
+    UnitSpec older;
+    older.fwMajor = 3, older.fwMinor = 3, older.fwBuild = 5;
+    older.modelLetter = 'A';
+
+    UnitSpec newer;
+    newer.fwMajor = 3, newer.fwMinor = 8, newer.fwBuild = 2;
+    newer.modelLetter = 'E';
+    newer.typeText = "NKRN";
+
+    UnitSpec pro = newer;
+    pro.typeText = "NKR Pro";
+    pro.usb = false;
+    pro.ble = true;
+    pro.bleName = "NKR Pro_A1B2";
+    return {older, newer, pro};
 }
 
-// One NKR_SIM_UNITS entry: kind:fw[:letter[:type]].
-bool parseUnit(const std::string& entry, int bleIndex, UnitSpec& spec)
+// A unit's own serial number: the same eight bytes for every simulator,
+// with the last two counting up from DE F0 by unit id.
+std::vector<uint8_t> derivedSerial(UnitId id)
+{
+    unsigned tail = (0xDEF0u + static_cast<unsigned>(id)) & 0xFFFFu;
+    return {0x12, 0x34, 0x56, 0x78, 0x9A, 0xBC, static_cast<uint8_t>(tail >> 8),
+            static_cast<uint8_t>(tail & 0xFF)};
+}
+
+bool allDigits(const std::string& text)
+{
+    return !text.empty() &&
+           std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
+}
+
+// Arguments are quoted in messages, cut short so a huge value stays readable.
+std::string quoted(const std::string& text)
+{
+    constexpr size_t kMaxShown = 40;
+    return "'" + (text.size() > kMaxShown ? text.substr(0, kMaxShown) + "..." : text) + "'";
+}
+
+// One NKR_SIM_UNITS entry: link:fw[:letter[:type]].
+bool parseUnit(const std::string& entry, int bleIndex, UnitSpec& spec, std::string& error)
 {
     std::vector<std::string> f;
     std::stringstream in(entry);
     for (std::string part; std::getline(in, part, ':');) f.push_back(part);
-    if (f.size() < 2 || f[1].size() != 3) return false;
+    if (!entry.empty() && entry.back() == ':') f.push_back("");
+    if (f.size() < 2 || f.size() > 4) {
+        error = "expected link:fw[:letter[:type]]";
+        return false;
+    }
     spec = UnitSpec{};
     spec.usb = f[0] == "usb" || f[0] == "both";
     spec.ble = f[0] == "ble" || f[0] == "both";
-    if (!spec.usb && !spec.ble) return false;
+    if (!spec.usb && !spec.ble) {
+        error = "the link " + quoted(f[0]) + " is not usb, ble or both";
+        return false;
+    }
+    if (f[1].size() != 3 || !allDigits(f[1])) {
+        error = "the firmware version " + quoted(f[1]) + " is not three digits (e.g. 382 for 3.8.2)";
+        return false;
+    }
     spec.fwMajor = f[1][0] - '0';
     spec.fwMinor = f[1][1] - '0';
     spec.fwBuild = f[1][2] - '0';
+    if (f.size() > 2 && f[2].size() > 1) {
+        error = "the model letter " + quoted(f[2]) + " is not one character";
+        return false;
+    }
     if (f.size() > 2 && !f[2].empty()) spec.modelLetter = f[2][0];
-    if (f.size() > 3) spec.typeText = f[3];
+    if (f.size() > 3) {
+        if (f[3].size() > 8) {
+            error = "the model text " + quoted(f[3]) + " is longer than 8 characters";
+            return false;
+        }
+        spec.typeText = f[3];
+    }
     char suffix[8];
     std::snprintf(suffix, sizeof suffix, "%04X", (0xA1B2 + bleIndex) & 0xFFFF);
     spec.bleNameSuffix = suffix;
     spec.bleName = (spec.typeText.empty() ? std::string("NKR Pro") : spec.typeText) + "_" + suffix;
+    return true;
+}
+
+bool parseUnitList(const std::string& value, std::vector<UnitSpec>& specs, std::string& error)
+{
+    specs.clear();
+    if (value.empty()) return true;  // deliberately no units
+    std::vector<std::string> entries;
+    size_t start = 0;
+    for (size_t comma; (comma = value.find(',', start)) != std::string::npos; start = comma + 1)
+        entries.push_back(value.substr(start, comma - start));
+    entries.push_back(value.substr(start));
+    int bleIndex = 0;
+    for (size_t i = 0; i < entries.size(); ++i) {
+        UnitSpec spec;
+        std::string why;
+        if (entries[i].empty())
+            why = "is empty";
+        else if (!parseUnit(entries[i], bleIndex, spec, why))
+            why = quoted(entries[i]) + ": " + why;
+        if (!why.empty()) {
+            error = "NKR_SIM_UNITS entry " + std::to_string(i + 1) + " " + why +
+                    " (expected comma-separated link:fw[:letter[:type]], e.g. usb:335,ble:382:E:NKR Pro)";
+            return false;
+        }
+        if (spec.ble) ++bleIndex;
+        specs.push_back(spec);
+    }
+    return true;
+}
+
+bool parseUnplug(const std::string& value, size_t unitCount, int& unit, int& steps,
+                 std::string& error)
+{
+    size_t colon = value.find(':');
+    std::string id = value.substr(0, colon);
+    std::string count = colon == std::string::npos ? "" : value.substr(colon + 1);
+    if (!allDigits(id) || !allDigits(count) || id.size() > 6 || count.size() > 9) {
+        error = "NKR_SIM_UNPLUG " + quoted(value) +
+                " is not <unit id>:<steps> (e.g. 0:500, both whole numbers)";
+        return false;
+    }
+    unit = std::stoi(id);
+    steps = std::stoi(count);
+    if (static_cast<size_t>(unit) >= unitCount) {
+        error = "NKR_SIM_UNPLUG names unit " + id + ", but the simulated units are " +
+                (unitCount == 0 ? std::string("none") : "0 to " + std::to_string(unitCount - 1));
+        return false;
+    }
+    return true;
+}
+
+// The units the environment asks for; false with the reason when it is malformed.
+bool environmentUnits(std::vector<UnitSpec>* specs, int* unplugUnit, int* unplugSteps,
+                      std::string& error)
+{
+    std::vector<UnitSpec> parsed;
+    const char* units = std::getenv("NKR_SIM_UNITS");
+    if (units != nullptr) {
+        if (!parseUnitList(units, parsed, error)) return false;
+    } else {
+        parsed = builtInUnits();
+    }
+    int unit = -1, steps = -1;
+    const char* unplug = std::getenv("NKR_SIM_UNPLUG");
+    if (unplug != nullptr && !parseUnplug(unplug, parsed.size(), unit, steps, error)) return false;
+    if (specs) *specs = std::move(parsed);
+    if (unplugUnit) *unplugUnit = unit;
+    if (unplugSteps) *unplugSteps = steps;
     return true;
 }
 
@@ -93,17 +218,26 @@ World& world()
     return *w;
 }
 
-std::unique_lock<std::recursive_mutex> lockWorld()
+WorldGuard::WorldGuard() : lock_(world().lock)
 {
     World& w = world();
-    std::unique_lock<std::recursive_mutex> guard(w.lock);
+    if (++w.lockDepth > 1) return;
     if (w.defaultsPending) {
         w.defaultsPending = false;
         addDefaultUnits();
         startControlSocketFromEnv();
     }
-    return guard;
+    beginShared();
 }
+
+WorldGuard::~WorldGuard()
+{
+    World& w = world();
+    if (w.lockDepth == 1) endShared();
+    --w.lockDepth;
+}
+
+WorldGuard lockWorld() { return WorldGuard(); }
 
 uint64_t nowLocked()
 {
@@ -114,8 +248,14 @@ uint64_t nowLocked()
 void advance(Unit& u)
 {
     uint64_t now = nowLocked();
-    uint64_t dt = now > u.lastTick ? std::min(now - u.lastTick, kMaxStepInterval) : 0;
+    uint64_t dt = now > u.lastTick ? now - u.lastTick : 0;
     u.lastTick = std::max(now, u.lastTick);
+    advanceBy(u, dt);
+}
+
+void advanceBy(Unit& u, uint64_t dt)
+{
+    dt = std::min(dt, kMaxStepInterval);
     UnitState& s = u.st;
     bool host = s.runState == 1;
     if (!host && !s.handMoving) {
@@ -146,6 +286,30 @@ void advance(Unit& u)
         removeDescriptor(usbPath(u.id));
         dropBleConnections(u.id);
     }
+}
+
+void publishDescriptor(const Unit& u)
+{
+    if (!u.spec.usb) return;
+    writeDescriptor(usbPath(u.id),
+                    u.spec.descriptor.empty() ? defaultDescriptor(u.spec.outputReportLen)
+                                              : u.spec.descriptor,
+                    u.spec.descriptorReadable);
+}
+
+void rebuildUnit(Unit& u)
+{
+    u.st = UnitState{};
+    applySpec(u.spec, u.st);
+    u.bleName = u.spec.bleName;
+    u.epoch = world().nextEpoch++;
+    u.plugged = true;
+    u.plugCount = 0;
+    u.handTarget = 0;
+    u.update = UpdateConfig{};
+    u.image.clear();
+    powerOn(u);
+    publishDescriptor(u);
 }
 
 Unit* findUnit(UnitId id)
@@ -192,31 +356,27 @@ void reset()
     }
 }
 
-namespace {
-void addBuiltInUnits();
-}
-
 void addDefaultUnits()
 {
     auto guard = lockWorld();
-    if (const char* env = std::getenv("NKR_SIM_UNITS")) {
-        std::stringstream in(env);
-        int bleIndex = 0;
-        for (std::string entry; std::getline(in, entry, ',');) {
-            UnitSpec spec;
-            if (!parseUnit(entry, bleIndex, spec)) continue;
-            if (spec.ble) ++bleIndex;
-            addUnit(spec);
-        }
-    } else {
-        addBuiltInUnits();
+    std::vector<UnitSpec> specs;
+    int unplugUnit = -1, unplugSteps = -1;
+    std::string error;
+    if (!environmentUnits(&specs, &unplugUnit, &unplugSteps, error)) {
+        // Said once, plainly; a half-understood world would only mislead.
+        std::fprintf(stderr, "nkr-sim: %s; simulating no units\n", error.c_str());
+        return;
     }
+    for (const UnitSpec& spec : specs) addUnit(spec);
     // NKR_SIM_UNPLUG=<unit id>:<steps> pulls that unit's cable once it has
     // moved that many steps, so a separate program can meet an unplug mid-move.
-    if (const char* env = std::getenv("NKR_SIM_UNPLUG")) {
-        int id = -1, steps = -1;
-        if (std::sscanf(env, "%d:%d", &id, &steps) == 2) unplugAfterSteps(id, steps);
-    }
+    if (unplugUnit >= 0) unplugAfterSteps(unplugUnit, unplugSteps);
+}
+
+bool validateEnvironment(std::string& message)
+{
+    message.clear();
+    return environmentUnits(nullptr, nullptr, nullptr, message);
 }
 
 void unplugAfterSteps(UnitId unit, int steps)
@@ -225,29 +385,6 @@ void unplugAfterSteps(UnitId unit, int steps)
     if (Unit* u = findUnit(unit)) u->unplugAfterSteps = steps;
 }
 
-namespace {
-void addBuiltInUnits()
-{
-    UnitSpec older;
-    older.fwMajor = 3, older.fwMinor = 3, older.fwBuild = 5;
-    older.modelLetter = 'A';
-    addUnit(older);
-
-    UnitSpec newer;
-    newer.fwMajor = 3, newer.fwMinor = 8, newer.fwBuild = 2;
-    newer.modelLetter = 'E';
-    newer.typeText = "NKRN";
-    addUnit(newer);
-
-    UnitSpec pro = newer;
-    pro.typeText = "NKR Pro";
-    pro.usb = false;
-    pro.ble = true;
-    pro.bleName = "NKR Pro_A1B2";
-    addUnit(pro);
-}
-}  // namespace
-
 UnitId addUnit(const UnitSpec& spec)
 {
     auto guard = lockWorld();
@@ -255,7 +392,8 @@ UnitId addUnit(const UnitSpec& spec)
     auto u = std::make_unique<Unit>();
     u->id = w.nextId++;
     u->spec = spec;
-    applySpec(spec, u->st);
+    if (u->spec.serial.empty()) u->spec.serial = derivedSerial(u->id);
+    applySpec(u->spec, u->st);
     u->epoch = w.nextEpoch++;
     u->bleName = spec.bleName;
     u->bleAddress = spec.bleAddress.empty() ? defaultBleAddress(u->id) : spec.bleAddress;
@@ -282,6 +420,7 @@ void replug(UnitId unit)
     Unit* u = findUnit(unit);
     if (u == nullptr || u->plugged) return;
     u->plugged = true;
+    ++u->plugCount;
     u->epoch = world().nextEpoch++;  // handles of the old plug stay dead
     powerOn(*u);
     publishDescriptor(*u);

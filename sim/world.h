@@ -25,6 +25,7 @@ struct Unit {
     UnitState st;
     bool plugged = true;
     uint64_t epoch = 0;  // plug generation; HID handles of an older one are dead
+    int plugCount = 0;   // times plugged back in (shared with other processes)
 
     // Motion: lazily integrated from the clock.
     uint64_t lastTick = 0;
@@ -93,17 +94,39 @@ struct World {
     bool bleSupported = true;
     std::string adapterAddress = "00:1A:7D:DA:71:13";
     std::map<Manager*, std::unique_ptr<Manager>> managers;
+
+    int lockDepth = 0;  // nesting of WorldGuard on the thread holding the lock
+};
+
+// The world lock. The outermost guard of a thread also shares the world with
+// other processes (NKR_SIM_STATE): it loads their changes on entry and saves
+// this process's changes on exit.
+class WorldGuard {
+public:
+    WorldGuard();
+    ~WorldGuard();
+    WorldGuard(const WorldGuard&) = delete;
+    WorldGuard& operator=(const WorldGuard&) = delete;
+
+private:
+    std::unique_lock<std::recursive_mutex> lock_;
 };
 
 // The process-wide world (never destroyed, so late callers at exit are safe).
 World& world();
 // Locks the world and adds the default units first if nothing has set the
 // world up yet.
-std::unique_lock<std::recursive_mutex> lockWorld();
+WorldGuard lockWorld();
 
 uint64_t nowLocked();
 // Brings the unit's position up to the current time.
 void advance(Unit& unit);
+// Moves the unit on by dt microseconds of motor time (lastTick untouched).
+void advanceBy(Unit& unit, uint64_t dt);
+// Publishes the unit's report descriptor where the SDK looks for it (USB units).
+void publishDescriptor(const Unit& unit);
+// Puts the unit back in the state its spec gives at power-on, plugged in.
+void rebuildUnit(Unit& unit);
 // The unit, advanced to now; null for an unknown id. World lock held.
 Unit* findUnit(UnitId id);
 // Disconnects every manager connected to the unit and queues their

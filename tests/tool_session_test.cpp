@@ -76,7 +76,7 @@ TEST_F(ToolTest, ToolBluetoothUnitByNameOrAddress)
     // Last: the unit is found by its old name no more.
     ToolRun named = run("--json " + unit + "set ble-name=Scope1");
     ASSERT_EQ(named.status, 0) << named.err;
-    EXPECT_EQ(jsonString(named.out, "ble-name"), "Scope1");
+    EXPECT_EQ(jsonString(named.out, "ble_name"), "Scope1");
 }
 
 TEST_F(ToolTest, ToolFirmwareUpdateReportsTheNewVersion)
@@ -86,28 +86,73 @@ TEST_F(ToolTest, ToolFirmwareUpdateReportsTheNewVersion)
         std::ofstream out(image, std::ios::binary);
         for (int k = 0; k < 1234; ++k) out.put(static_cast<char>(k * 7));
     }
-    ToolRun usb = run("--json firmware 1 '" + image + "'");
+    ToolRun usb = run("--json firmware 1 '" + image + "' --yes");
     ASSERT_EQ(usb.status, 0) << usb.err;
     EXPECT_EQ(jsonString(usb.out, "previous_firmware"), "3.8.2");
     EXPECT_EQ(jsonString(usb.out, "firmware"), "3.9.0");
     EXPECT_EQ(jsonInt(usb.out, "bytes"), 1234);
 
-    ToolRun ble = run("--json --ble 'NKR Pro_A1B2' firmware '" + image + "'");
+    ToolRun ble = run("--json --ble 'NKR Pro_A1B2' firmware '" + image + "' --yes");
     ASSERT_EQ(ble.status, 0) << ble.err;
     EXPECT_EQ(jsonString(ble.out, "firmware"), "3.9.0");
 
     // The older unit cannot be updated over USB: a device error, not a hang.
-    ToolRun old = run("firmware 0 '" + image + "'");
+    ToolRun old = run("firmware 0 '" + image + "' --yes");
     EXPECT_EQ(old.status, 1);
     EXPECT_NE(old.err.find("NKR_ERROR_NOT_SUPPORTED"), std::string::npos) << old.err;
 
-    EXPECT_EQ(run("firmware 1 '" + home_ + "/missing.bin'").status, 2);
+    EXPECT_EQ(run("firmware 1 '" + home_ + "/missing.bin' --yes").status, 2);
+}
+
+TEST_F(ToolTest, ToolFirmwareChecksFirstAndWritesOnlyWhenConfirmed)
+{
+    // Refused before a byte is read: no memory for /dev/zero, no raw C++ error.
+    ToolRun directory = run("firmware 1 '" + home_ + "' --yes");
+    EXPECT_EQ(directory.status, 2);
+    EXPECT_NE(directory.err.find("is a directory"), std::string::npos) << directory.err;
+    ToolRun device = run("firmware 1 /dev/zero --yes");
+    EXPECT_EQ(device.status, 2);
+    EXPECT_NE(device.err.find("not a regular file"), std::string::npos) << device.err;
+
+    std::string image = home_ + "/image.bin";
+    {
+        std::ofstream out(image, std::ios::binary);
+        for (int k = 0; k < 1000; ++k) out.put(static_cast<char>(k));
+    }
+    // Without a terminal to ask on and without --yes: nothing is written.
+    ToolRun unasked = run("firmware 1 '" + image + "' </dev/null");
+    EXPECT_EQ(unasked.status, 2);
+    EXPECT_NE(unasked.err.find("add --yes"), std::string::npos) << unasked.err;
+    EXPECT_EQ(unasked.out.find("Writing"), std::string::npos) << unasked.out;
+
+    ToolRun dry = run("firmware 1 '" + image + "' --dry-run");
+    EXPECT_EQ(dry.status, 0) << dry.err;
+    EXPECT_NE(flat(dry.out).find("(1000 bytes) to USB unit 1, now at firmware 3.8.2"), std::string::npos) << dry.out;
+    EXPECT_NE(flat(dry.out).find("nothing was written"), std::string::npos) << dry.out;
+    EXPECT_EQ(run("get 1 firmware").out, "3.8.2\n");
+
+    // A unit that cannot take it is named before anything says "Writing".
+    ToolRun old = run("firmware 0 '" + image + "' --yes");
+    EXPECT_EQ(old.status, 1);
+    EXPECT_EQ(old.out.find("Writing"), std::string::npos) << old.out;
+    EXPECT_NE(old.err.find("nothing was written"), std::string::npos) << old.err;
+
+    // Progress as events, then the result.
+    ToolRun json = run("--json firmware 1 '" + image + "' --yes");
+    ASSERT_EQ(json.status, 0) << json.err;
+    std::vector<std::string> lines = json.lines();
+    ASSERT_GE(lines.size(), 3u);
+    EXPECT_EQ(jsonString(lines.front(), "event"), "firmware_progress");
+    EXPECT_EQ(jsonInt(lines[lines.size() - 2], "percent"), 100);
+    EXPECT_EQ(jsonInt(lines[lines.size() - 2], "bytes_total"), 1000);
+    EXPECT_EQ(jsonString(lines.back(), "event"), "firmware_done");
 }
 
 TEST_F(ToolTest, ToolDemoRunsToItsSummary)
 {
     ToolRun r = run("demo");
     ASSERT_EQ(r.status, 0) << r.out << r.err;
+    r.out = flat(r.out);
     EXPECT_NE(r.out.find("[6/6]"), std::string::npos);
     EXPECT_NE(r.out.find("Summary: 3 units found"), std::string::npos) << r.out;
     EXPECT_NE(r.out.find("battery 87 %"), std::string::npos);

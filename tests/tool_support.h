@@ -62,6 +62,19 @@ inline std::optional<std::string> jsonString(const std::string& doc, const std::
     return raw->substr(1, raw->size() - 2);
 }
 
+// Text output with its wrapped lines joined again: every run of spaces and
+// newlines becomes one space.
+inline std::string flat(const std::string& text)
+{
+    std::string out;
+    for (char c : text) {
+        bool space = c == ' ' || c == '\n';
+        if (space && !out.empty() && out.back() == ' ') continue;
+        out += space ? ' ' : c;
+    }
+    return out;
+}
+
 inline size_t countOf(const std::string& text, const std::string& piece)
 {
     size_t n = 0;
@@ -80,11 +93,12 @@ protected:
 #else
         home_ = std::string(std::getenv("HOME")) + "/tool";
         ASSERT_EQ(mkdir(home_.c_str(), 0700), 0);
+        ASSERT_EQ(mkdir((home_ + "/run").c_str(), 0700), 0);
 #endif
     }
 
     // Runs "nkr --simulate <args>" (args are shell words) with a private
-    // HOME; a hung tool is killed after 60 s. interruptAfter: seconds after
+    // HOME, state and runtime directory (so the simulated world is the test's own); a hung tool is killed after 60 s. interruptAfter: seconds after
     // which the tool gets a SIGINT, as from Ctrl-C (empty: none).
     ToolRun run(const std::string& args, const std::string& interruptAfter = "")
     {
@@ -100,8 +114,8 @@ protected:
         std::string errFile = home_ + "/stderr.txt";
         std::string interrupt =
             interruptAfter.empty() ? "" : "timeout --foreground --preserve-status -s INT " + interruptAfter + " ";
-        std::string command = "cd '" + home_ + "' && env -u NKR_SIM_ACTIVE -u NKR_SIMULATE HOME='" + home_ +
-                              "' XDG_STATE_HOME='" + home_ + "/state' " + environment + " timeout -k 5 60 " +
+        std::string command = "cd '" + home_ + "' && env -u NKR_SIM_ACTIVE -u NKR_SIMULATE -u NKR_SIM_STATE HOME='" + home_ +
+                              "' XDG_STATE_HOME='" + home_ + "/state' XDG_RUNTIME_DIR='" + home_ + "/run' " + environment + " timeout -k 5 60 " +
                               interrupt + "'" NKR_TOOL_PATH "' " + args + " 2>'" + errFile + "'";
         FILE* pipe = popen(command.c_str(), "r");
         if (pipe == nullptr) return result;

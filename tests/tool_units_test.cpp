@@ -129,7 +129,9 @@ TEST_F(ToolTest, ToolSetShowsWhatTheUnitKept)
     ASSERT_EQ(set.status, 0) << set.err;
     EXPECT_EQ(jsonInt(set.out, "backlash"), 20);
     EXPECT_EQ(jsonRaw(set.out, "beep"), "true");
-    EXPECT_EQ(jsonInt(set.out, "max-step"), 60000) << "clamped to the step range by the library";
+    EXPECT_EQ(jsonInt(set.out, "max_step"), 60000) << "clamped to the step range by the library";
+    EXPECT_EQ(jsonInt(set.out, "max_step", set.out.find("\"requested\"")), 70000);
+    EXPECT_NE(set.err.find("the unit keeps 60000"), std::string::npos) << set.err;
     ToolRun info = run("--json info 0");
     ASSERT_EQ(info.status, 0) << info.err;
     EXPECT_EQ(jsonInt(info.out, "backlash"), 20);
@@ -172,7 +174,7 @@ TEST_F(ToolTest, ToolSyncDeclaresThePositionWithoutMovingAndKeepsItOutOfTheRealH
     EXPECT_EQ(jsonInt(run("--json info 1").out, "position"), 12345);
 
     EXPECT_EQ(run("sync 0 70000").status, 2) << "beyond the step range of the older unit";
-    EXPECT_EQ(run("sync 0 -5").status, 2);
+    EXPECT_EQ(run("sync 0 -30001").status, 2) << "before position 0";
 
     // The simulated units' settings live in the simulator's own state
     // directory, never in the user's real settings file.

@@ -5,6 +5,7 @@
 #include <climits>
 
 #include "errors.h"
+#include "output.h"
 
 namespace nkrtool {
 
@@ -22,7 +23,7 @@ long long parseNumber(const std::string& text, const std::string& what)
     bool digits = text.size() > start && text.size() - start <= 12 &&
                   std::all_of(text.begin() + static_cast<long>(start), text.end(),
                               [](unsigned char c) { return std::isdigit(c) != 0; });
-    if (!digits) usageError("'" + text + "' is not a valid " + what + " (a whole number)");
+    if (!digits) usageError("'" + clipped(text) + "' is not a valid " + what + " (a whole number)");
     return std::stoll(text);
 }
 
@@ -39,7 +40,7 @@ bool parseSwitch(const std::string& text, const std::string& what)
     std::transform(t.begin(), t.end(), t.begin(), [](unsigned char c) { return std::tolower(c); });
     if (t == "on" || t == "1" || t == "true" || t == "yes") return true;
     if (t == "off" || t == "0" || t == "false" || t == "no") return false;
-    usageError("'" + text + "' is not a valid " + what + " (use on or off)");
+    usageError("'" + clipped(text) + "' is not a valid " + what + " (use on or off)");
 }
 
 }  // namespace nkrtool

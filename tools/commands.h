@@ -6,12 +6,17 @@
 
 #include <functional>
 #include <string>
+#include <vector>
 
 namespace CLI {
 class App;
 }
 
 namespace nkrtool {
+
+// Help of the ID argument of every per-unit command.
+inline constexpr const char* kUnitIdHelp =
+    "The unit: its USB slot id (see 'nkr list'), serial number or alias; leave out when --ble names it";
 
 // Options that apply to every command.
 struct GlobalOptions {
@@ -20,6 +25,8 @@ struct GlobalOptions {
     bool realHome = false;
     std::string ble;          // --ble NAME-OR-ADDRESS: the unit of a per-unit command
     int bleScanSeconds = 3;   // --ble-scan: how long to look for that unit
+    bool verbose = false;     // -v: show the library's diagnostic log live
+    bool perUnitState = false;  // --per-unit-state: NKR_STATE_PER_UNIT=1 for the library
 };
 
 struct Command {
@@ -37,5 +44,11 @@ Command addSetCommand(CLI::App& app, const GlobalOptions& globals);
 Command addWatchCommand(CLI::App& app, const GlobalOptions& globals);
 Command addFirmwareCommand(CLI::App& app, const GlobalOptions& globals);
 Command addDemoCommand(CLI::App& app, const GlobalOptions& globals);
+Command addGetCommand(CLI::App& app, const GlobalOptions& globals);
+Command addWaitCommand(CLI::App& app, const GlobalOptions& globals);
+Command addResetCommand(CLI::App& app, const GlobalOptions& globals);
+
+// The FIELD names of nkr get, for the completion script.
+std::vector<std::string> getFieldNames();
 
 }  // namespace nkrtool

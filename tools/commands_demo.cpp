@@ -35,7 +35,7 @@ public:
         ++chapter_;
         // A short pause lets a person read each chapter before the next.
         if (interactive() && chapter_ > 1) sleepUnlessInterrupted(400);
-        if (interrupted()) throw ToolError("demo stopped with Ctrl-C", -1, kExitInterrupted);
+        if (interrupted()) throw ToolError(std::string("demo stopped by ") + signalDescription(receivedSignal()), -1, kExitInterrupted);
         say("");
         say(paint(Colour::Bold, "[" + std::to_string(chapter_) + "/" + std::to_string(kChapters) + "] " + title));
     }
@@ -79,7 +79,7 @@ std::vector<FoundUnit> findUnits(Tour& tour, std::vector<BleUnit>& bleUnits)
         NKRClose(id);
         rows.push_back({std::to_string(id), "usb", u.ident.name, firmwareOf(u.ident),
                         u.ident.type.empty() ? "-" : u.ident.type, std::to_string(u.ident.stepRange)});
-        units.push(Json::object().set("link", "usb").set("id", id).set("firmware", firmwareOf(u.ident)).set("type", u.ident.type));
+        units.push(Json::object().set("link", "usb").set("id", id).set("firmware", firmwareOf(u.ident)).set("type", u.ident.type.empty() ? Json() : Json(u.ident.type)));
         usb.push_back(u);
     }
     bleUnits = scanBluetooth(kBleScanSeconds);
@@ -104,14 +104,14 @@ constexpr int kPowerOnPosition = 30000;
 void showOlderUnit(Tour& tour, const FoundUnit& unit)
 {
     tour.chapter("A closer look at the older unit (NKROpen, NKRGetFirmwareVersion, NKRGetNumOfControls)");
-    UnitSession session(UnitTarget{unit.id, "", 0});
+    UnitSession session(UnitTarget{unit.id, "", 0, ""});
     Status st = readStatus(unit.id);
     Controls controls = readControls(unit.id);
     std::string features;
     for (const Control& c : controls.list) features += (features.empty() ? "" : ", ") + c.name;
     tour.note("unit " + std::to_string(unit.id) + ": " + unit.ident.name + ", firmware " + firmwareOf(unit.ident) +
               ", step range 0.." + std::to_string(unit.ident.stepRange));
-    tour.note("position " + std::to_string(st.position) + ", temperature " + formatFixed(st.temperature, 2) + " \u00B0C");
+    tour.note("position " + std::to_string(st.position) + ", temperature " + formatFixed(st.temperature, 2) + degreesC());
     // Simulated units power up at 30000, like real ones; anything else is the
     // position the library restored from the last session's close.
     if (st.position != kPowerOnPosition)
@@ -141,7 +141,7 @@ MoveOutcome moveUnit(Tour& tour, UnitSession& session)
     m.target = std::clamp(m.target, 0, range);
     tour.note("from " + std::to_string(m.start) + " to " + std::to_string(m.target) + " at 2000 steps/s");
     MoveResult r = moveAndFollow(session.id(), m.start, m.target, false);
-    if (r.interrupted) throw ToolError("demo stopped with Ctrl-C (the motor was stopped)", -1, kExitInterrupted);
+    if (r.interrupted) throw ToolError(std::string("demo stopped by ") + signalDescription(receivedSignal()) + " (the motor was stopped)", -1, kExitInterrupted);
     m.position = r.position;
     tour.note(m.position == m.target ? "reached " + std::to_string(m.position)
                                      : "stopped at " + std::to_string(m.position));
@@ -181,12 +181,12 @@ int readSensors(Tour& tour, const std::vector<FoundUnit>& usb, const std::vector
     Json temps = Json::array();
     for (const FoundUnit& u : usb) {
         std::optional<UnitSession> session;
-        if (u.id != openId) session.emplace(UnitTarget{u.id, "", 0});
+        if (u.id != openId) session.emplace(UnitTarget{u.id, "", 0, ""});
         float t = 0;
         int rc = NKRGetTemp(u.id, &t);
         double rounded = static_cast<int>(t * 100.0f + (t < 0 ? -0.5f : 0.5f)) / 100.0;
         tour.note("unit " + std::to_string(u.id) + " temperature: " +
-                  (rc == NKR_SUCCESS ? formatFixed(rounded, 2) + " \u00B0C" : unavailableText(rc)));
+                  (rc == NKR_SUCCESS ? formatFixed(rounded, 2) + degreesC() : unavailableText(rc)));
         temps.push(Json::object().set("id", u.id).set("temperature", rc == NKR_SUCCESS ? Json(rounded) : Json()));
     }
     int percent = -1;
@@ -194,7 +194,7 @@ int readSensors(Tour& tour, const std::vector<FoundUnit>& usb, const std::vector
     if (ble.empty()) {
         tour.note("no Bluetooth unit in range: battery skipped");
     } else {
-        UnitSession session(UnitTarget{std::nullopt, ble.front().name, kBleScanSeconds});
+        UnitSession session(UnitTarget{std::nullopt, ble.front().name, kBleScanSeconds, ""});
         Firmware fw = readFirmware(session.id());
         _NKR_BATTERY_INFO b{};
         int rc = NKRGetBatteryInfo(session.id(), &b);
@@ -250,7 +250,7 @@ int runDemo()
     SavedSettings original;
     bool kept = false;
     {
-        UnitSession session(UnitTarget{newer.id, "", 0});
+        UnitSession session(UnitTarget{newer.id, "", 0, ""});
         move = moveUnit(tour, session);
         original = changeSettings(tour, session);
         int battery = readSensors(tour, usb, ble, session.id());

@@ -57,7 +57,7 @@ void addStatus(Report& r, int id, const Status& st)
     int code = NKRGetSpeed(id, &speed);
     r.addRead("speed", "speed", code, speed, std::to_string(speed));
     r.addRead("temperature", "temperature", st.temperatureCode, st.temperature,
-              formatFixed(st.temperature, 2) + " \u00B0C");
+              formatFixed(st.temperature, 2) + degreesC());
 }
 
 void addSettings(Report& r, int id, const Controls& controls)
@@ -96,7 +96,7 @@ void addBattery(Report& r, int id, const Controls& controls)
                           "discharge_current", "health", "charge_voltage"};
     const char* labels[] = {"temperature", "voltage", "charge current", "charge",
                             "discharge current", "health", "charge voltage"};
-    const char* units[] = {" \u00B0C", "", "", " %", "", "", ""};
+    const std::string units[] = {degreesC(), "", "", " %", "", "", ""};
     _NKR_BATTERY_INFO b{};
     int code = NKRGetBatteryInfo(id, &b);
     const int values[] = {b.battery_temp,           b.battery_vol,    b.battery_charge_curr,
@@ -150,7 +150,8 @@ int runInfo(const InfoOptions& options, const GlobalOptions& globals)
 {
     std::vector<std::string> args = givenArgs({options.id});
     UnitTarget target = takeTarget(args, globals.ble, globals.bleScanSeconds);
-    UnitSession unit(target);
+    rejectExtraArgs(args, target);
+    UnitSession unit(target, UnitSession::Access::ReadOnly);
 
     Identity ident = readIdentity(unit.id());
     Controls controls = readControls(unit.id());
@@ -186,8 +187,7 @@ Command addInfoCommand(CLI::App& app, const GlobalOptions& globals)
         "LED), temperature, its optional features, and on battery models the battery, error "
         "codes and last power-off reason. Values the unit cannot give are shown as "
         "\"not supported\" or \"unavailable\".");
-    sub->add_option("ID", options->id,
-                    "Slot id of a USB unit (see 'nkr list'); leave out when --ble names the unit");
+    sub->add_option("ID", options->id, kUnitIdHelp);
     sub->footer("Examples:\n  nkr info 0\n  nkr --ble \"NKR Pro_A1B2\" info\n  nkr --json info 0");
     return {sub, [options, &globals] { return runInfo(*options, globals); }, false};
 }

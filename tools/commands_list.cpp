@@ -22,7 +22,8 @@ std::string orDash(int code, const std::string& text)
     return code == NKR_SUCCESS && !text.empty() ? text : "-";
 }
 
-// Opens the unit just long enough to read who it is.
+// Opens the unit to read who it is, and leaves it open: a close would save
+// position and settings, rewriting the settings file for a mere look.
 void listUsbUnit(int id, Json& units, std::vector<std::vector<std::string>>& rows)
 {
     Json unit = Json::object().set("link", "usb").set("id", id);
@@ -35,7 +36,6 @@ void listUsbUnit(int id, Json& units, std::vector<std::vector<std::string>>& row
         return;
     }
     Identity ident = readIdentity(id);
-    NKRClose(id);
 
     unit.set("name", ident.name)
         .set("alias", ident.alias.empty() ? Json() : Json(ident.alias))

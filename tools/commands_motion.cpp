@@ -8,6 +8,7 @@
 #include "arguments.h"
 #include "commands.h"
 #include "errors.h"
+#include "interrupt.h"
 #include "move_follow.h"
 #include "output.h"
 #include "session.h"
@@ -24,14 +25,14 @@ struct PositionOptions {
     std::string id, step;
 };
 
-const char* kIdHelp = "Slot id of a USB unit (see 'nkr list'); leave out when --ble names the unit";
+const char* const kIdHelp = kUnitIdHelp;
 
 
 // The one value argument left after the unit was taken from args.
 std::string takeValue(std::vector<std::string>& args, const std::string& what)
 {
     if (args.empty()) usageError("missing " + what);
-    if (args.size() > 1) usageError("unexpected argument '" + args[1] + "'");
+    if (args.size() > 1) usageError("unexpected argument '" + clipped(args[1]) + "'");
     return args.front();
 }
 
@@ -65,9 +66,7 @@ int runMove(const MoveOptions& options, const GlobalOptions& globals)
         // Closing the unit would stop the motor: leave it running.
         unit.leaveOpen();
         if (jsonMode())
-            emitJson(Json::object()
-                         .set("event", "started")
-                         .set("id", unit.id())
+            emitJson(eventJson("started", unit.id())
                          .set("start", start)
                          .set("target", goal)
                          .set("moving", true));
@@ -81,7 +80,8 @@ int runMove(const MoveOptions& options, const GlobalOptions& globals)
         (interactive() ? " (Ctrl-C stops the motor)" : "") + ".");
     MoveResult result = moveAndFollow(unit.id(), start, goal, true);
     if (result.interrupted) {
-        say("Stopped by Ctrl-C at position " + std::to_string(result.position) + ".");
+        say(std::string("Stopped at position ") + std::to_string(result.position) + " on " +
+            signalDescription(receivedSignal()) + ".");
         return kExitInterrupted;
     }
     if (result.position == goal)
@@ -96,7 +96,7 @@ int runStop(const PositionOptions& options, const GlobalOptions& globals)
 {
     std::vector<std::string> args = givenArgs({options.id, options.step});
     UnitTarget target = takeTarget(args, globals.ble, globals.bleScanSeconds);
-    if (!args.empty()) usageError("unexpected argument '" + args.front() + "'");
+    rejectExtraArgs(args, target);
     UnitSession unit(target);
     check(NKRStop(unit.id()), "stopping the motor");
     int position = readPosition(unit.id(), "reading the position");
@@ -111,15 +111,17 @@ int runSync(const PositionOptions& options, const GlobalOptions& globals)
 {
     std::vector<std::string> args = givenArgs({options.id, options.step});
     UnitTarget target = takeTarget(args, globals.ble, globals.bleScanSeconds);
-    long long step = parseNumber(takeValue(args, "STEP (the position to declare)"), "step");
-    if (step < 0) usageError("STEP must be 0 or more");
+    std::string stepText = takeValue(args, "STEP (the position to declare, or +N / -N from the current one)");
+    parseNumber(stepText, "step");  // a bad number is refused before the unit is opened
     UnitSession unit(target);
+    int before = readPosition(unit.id(), "reading the position");
+    bool relative = false;
+    long long step = parseStepTarget(stepText, before, relative);
     int range = 0;
     check(NKRStepRange(unit.id(), &range), "reading the step range");
-    if (step > range)
-        usageError("STEP " + std::to_string(step) + " is beyond the unit's step range 0.." +
-                   std::to_string(range));
-    int before = readPosition(unit.id(), "reading the position");
+    if (step < 0 || step > range)
+        usageError("STEP " + clipped(stepText) + (relative ? " (position " + std::to_string(step) + ")" : "") +
+                   " is outside the unit's step range 0.." + std::to_string(range));
     check(NKRResetPostion(unit.id(), static_cast<int>(step)), "setting the position");
     int after = readPosition(unit.id(), "reading the position");
     if (jsonMode())
@@ -165,10 +167,11 @@ Command addSyncCommand(CLI::App& app, const GlobalOptions& globals)
     CLI::App* sub = app.add_subcommand(
         "sync",
         "Declare the unit's current position to be STEP without moving the motor (for "
-        "example after focusing by hand at a known mark).");
+        "example after focusing by hand at a known mark). +N / -N shift the current "
+        "position by N steps, as in move.");
     sub->add_option("ID", options->id, kIdHelp);
-    sub->add_option("STEP", options->step, "The position to declare, in steps");
-    sub->footer("Example:\n  nkr sync 0 25000");
+    sub->add_option("STEP", options->step, "The position to declare, or +N / -N from the current one");
+    sub->footer("Examples:\n  nkr sync 0 25000\n  nkr sync 0 +100");
     return {sub, [options, &globals] { return runSync(*options, globals); }, false};
 }
 

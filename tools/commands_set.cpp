@@ -42,7 +42,7 @@ int boundedNumber(const std::string& name, const std::string& text, long long lo
     long long v = parseNumber(text, name);
     if (v < low || v > high)
         usageError(name + " must be between " + std::to_string(low) + " and " + std::to_string(high) +
-                   " (got " + text + ")");
+                   " (got " + clipped(text) + ")");
     return static_cast<int>(v);
 }
 
@@ -89,7 +89,7 @@ Change parseAssignment(const std::string& assignment, bool ble)
 {
     size_t eq = assignment.find('=');
     if (eq == std::string::npos || eq == 0)
-        usageError("'" + assignment + "' is not NAME=VALUE (for example backlash=20)");
+        usageError("'" + clipped(assignment) + "' is not NAME=VALUE (for example backlash=20)");
     std::string name = assignment.substr(0, eq);
     std::string value = assignment.substr(eq + 1);
 
@@ -108,7 +108,7 @@ Change parseAssignment(const std::string& assignment, bool ble)
         return boolChange(name, parseSwitch(value, name), NKRSetLedState, NKRGetLedState);
     if (name == "alias") {
         if (value.size() > sizeof(_NKR_ID::id) || !printableAscii(value))
-            usageError("alias must be at most 8 plain characters (got '" + value + "')");
+            usageError("alias must be at most 8 plain characters (got '" + clipped(value) + "')");
         _NKR_ID alias{};
         std::memcpy(alias.id, value.data(), value.size());
         return {name, value, value.empty() ? "(none)" : value,
@@ -128,13 +128,29 @@ Change parseAssignment(const std::string& assignment, bool ble)
             usageError("ble-name can only be changed over Bluetooth: name the unit with "
                        "--ble NAME-OR-ADDRESS instead of an ID");
         if (value.empty() || value.size() > 11 || !printableAscii(value))
-            usageError("ble-name must be 1 to 11 plain characters (got '" + value + "')");
+            usageError("ble-name must be 1 to 11 plain characters (got '" + clipped(value) + "')");
         _NKR_BLE_NAME bleName{};
         std::memcpy(bleName.name, value.data(), value.size());
         return {name, value, value, [bleName](int id) { return NKRSetBLEName(id, bleName); }, nullptr};
     }
-    usageError("unknown setting '" + name +
+    usageError("unknown setting '" + clipped(name) +
                "'; settings are backlash, max-step, beep, reverse, force, speed, led, alias, ble-name");
+}
+
+// Every change is checked against the unit before any is sent: a setting
+// the unit cannot read is one it cannot take either.
+void refuseUnsupported(const std::vector<Change>& changes, const UnitSession& unit)
+{
+    for (const Change& c : changes) {
+        if (!c.readBack) continue;
+        Json value;
+        std::string text;
+        int rc = c.readBack(unit.id(), value, text);
+        if (rc == NKR_ERROR_NOT_SUPPORTED)
+            throw ToolError(unit.label() + " has no " + c.name + " setting, so nothing was changed: " +
+                                formatErrorCode(rc),
+                            rc, kExitDeviceError);
+    }
 }
 
 int runSet(const SetOptions& options, const GlobalOptions& globals)
@@ -147,17 +163,26 @@ int runSet(const SetOptions& options, const GlobalOptions& globals)
     for (const std::string& a : args) changes.push_back(parseAssignment(a, !target.ble.empty()));
 
     UnitSession unit(target);
-    for (const Change& c : changes) {
-        if (c.name == "speed") {
-            Firmware fw = readFirmware(unit.id());
-            if (fw.code == NKR_SUCCESS && fw.number() >= 336)
-                warn("firmware " + fw.text() + " ignores the speed setting (3.3.6 and later run at a fixed speed)");
+    refuseUnsupported(changes, unit);
+
+    // Newer firmware runs at a fixed speed: the value is not sent at all.
+    Firmware fw = readFirmware(unit.id());
+    bool speedIgnored = fw.code == NKR_SUCCESS && fw.number() >= 336;
+    std::vector<Change> sent;
+    for (Change& c : changes) {
+        if (c.name == "speed" && speedIgnored) {
+            warn("firmware " + fw.text() +
+                 " ignores the speed setting (3.3.6 and later run at a fixed speed); speed not changed");
+            continue;
         }
-        check(c.apply(unit.id()), "setting " + c.name + " to " + c.text);
+        sent.push_back(c);
     }
+    for (const Change& c : sent) check(c.apply(unit.id()), "setting " + c.name + " to " + c.text);
 
     Json applied = Json::object();
-    for (Change& c : changes) {
+    Json adjusted = Json::object();
+    bool anyAdjusted = false;
+    for (Change& c : sent) {
         Json value = c.value;
         std::string text = c.text;
         // Show what the unit now reports, which may differ (a clamped maximum).
@@ -165,11 +190,24 @@ int runSet(const SetOptions& options, const GlobalOptions& globals)
             value = c.value;
             text = c.text;
         }
-        applied.set(c.name, value);
+        if (value.dump() != c.value.dump() && c.name != "alias") {
+            warn(c.name + " " + c.text + " was not taken as is: the unit keeps " + text +
+                 (c.name == "max-step" ? " (the largest its step range allows)" : ""));
+            adjusted.set(jsonKey(c.name), c.value);
+            anyAdjusted = true;
+        }
+        applied.set(jsonKey(c.name), value);
         if (!jsonMode()) sayField(c.name, text);
     }
-    if (jsonMode()) emitJson(Json::object().set("id", unit.id()).set("set", applied));
-    else say(paint(Colour::Green, "Settings of " + unit.label() + " changed."));
+    if (jsonMode()) {
+        Json doc = Json::object().set("id", unit.id()).set("set", applied);
+        if (anyAdjusted) doc.set("requested", adjusted);
+        emitJson(doc);
+    } else if (sent.empty()) {
+        say("Nothing was changed on " + unit.label() + ".");
+    } else {
+        say(paint(Colour::Green, "Settings of " + unit.label() + " changed."));
+    }
     return kExitOk;
 }
 
@@ -186,8 +224,7 @@ Command addSetCommand(CLI::App& app, const GlobalOptions& globals)
         "(battery model), alias=TEXT (up to 8 characters, shown in the name), "
         "ble-name=TEXT (up to 11 characters; over Bluetooth only). All values are checked "
         "before any is sent; the values the unit then reports are shown.");
-    sub->add_option("ID", options->id,
-                    "Slot id of a USB unit (see 'nkr list'); leave out when --ble names the unit");
+    sub->add_option("ID", options->id, kUnitIdHelp);
     sub->add_option("SETTINGS", options->assignments, "One or more NAME=VALUE");
     sub->footer("Examples:\n  nkr set 0 backlash=20\n  nkr set 0 beep=off reverse=on max-step=50000\n  nkr set 1 alias=Main\n  nkr --ble \"NKR Pro_A1B2\" set ble-name=Scope1 led=off");
     return {sub, [options, &globals] { return runSet(*options, globals); }, false};

@@ -29,7 +29,7 @@ std::string statusText(const Status& st)
     std::string moving = st.movingCode != NKR_SUCCESS ? "?"
                          : st.moving                 ? (st.handMoving ? "hand move" : "moving")
                                                      : "still";
-    std::string temp = st.temperatureCode == NKR_SUCCESS ? formatFixed(st.temperature, 2) + " \u00B0C"
+    std::string temp = st.temperatureCode == NKR_SUCCESS ? formatFixed(st.temperature, 2) + degreesC()
                                                          : unavailableText(st.temperatureCode);
     return "position " + pos + "  " + moving + "  temperature " + temp;
 }
@@ -37,8 +37,7 @@ std::string statusText(const Status& st)
 Json statusJson(int id, int sequence, const Status& st)
 {
     auto orNull = [](int code, Json v) { return code == NKR_SUCCESS ? v : Json(); };
-    return Json::object()
-        .set("id", id)
+    return eventJson("status", id)
         .set("update", sequence)
         .set("position", orNull(st.positionCode, st.position))
         .set("moving", orNull(st.movingCode, st.moving))
@@ -50,8 +49,8 @@ int runWatch(const WatchOptions& options, const GlobalOptions& globals)
 {
     std::vector<std::string> args = givenArgs({options.id});
     UnitTarget target = takeTarget(args, globals.ble, globals.bleScanSeconds);
-    if (!args.empty()) usageError("unexpected argument '" + args.front() + "'");
-    UnitSession unit(target);
+    rejectExtraArgs(args, target);
+    UnitSession unit(target, UnitSession::Access::ReadOnly);
 
     if (interactive()) say(paint(Colour::Dim, "Watching " + unit.label() + " (Ctrl-C ends)"));
     for (int sequence = 1; options.count == 0 || sequence <= options.count; ++sequence) {
@@ -66,7 +65,7 @@ int runWatch(const WatchOptions& options, const GlobalOptions& globals)
             emitJson(statusJson(unit.id(), sequence, st));
         } else if (interactive()) {
             std::printf("\r%s\033[K", statusText(st).c_str());
-            std::fflush(stdout);
+            flushOutput();
         } else {
             say(statusText(st));
         }
@@ -87,8 +86,7 @@ Command addWatchCommand(CLI::App& app, const GlobalOptions& globals)
         "Show a live status line of a unit (position, moving or still, temperature), "
         "refreshed about four times a second until Ctrl-C. In JSON mode, or when output is "
         "not a terminal, each update is printed on a line of its own.");
-    sub->add_option("ID", options->id,
-                    "Slot id of a USB unit (see 'nkr list'); leave out when --ble names the unit");
+    sub->add_option("ID", options->id, kUnitIdHelp);
     sub->add_option("--count", options->count, "Stop after this many updates (0: until Ctrl-C)")
         ->type_name("N")
         ->check(CLI::NonNegativeNumber);

@@ -12,7 +12,7 @@ enum ExitStatus : int {
     kExitOk = 0,
     kExitDeviceError = 1,   // the unit or the library refused or failed
     kExitUsage = 2,         // bad argument, unknown id or unit
-    kExitInterrupted = 130  // stopped with Ctrl-C
+    kExitInterrupted = 130  // stopped by a signal; main turns it into 128 + the signal
 };
 
 struct ErrorDescription {

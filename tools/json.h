@@ -1,52 +1,46 @@
-// A minimal JSON value and writer: enough for the tool's machine-readable
-// output (objects keep their insertion order so the output reads naturally).
+// The tool's machine-readable output: a thin builder over nlohmann's ordered
+// JSON (members keep their insertion order so the output reads naturally).
 #pragma once
 
+#include <nlohmann/json.hpp>
 #include <string>
-#include <utility>
-#include <variant>
-#include <vector>
 
 namespace nkrtool {
 
 class Json {
 public:
-    using Array = std::vector<Json>;
-    using Object = std::vector<std::pair<std::string, Json>>;
-
-    Json() : value_(nullptr) {}
-    Json(std::nullptr_t) : value_(nullptr) {}
+    Json() = default;
+    Json(std::nullptr_t) {}
     Json(bool b) : value_(b) {}
-    Json(int i) : value_(static_cast<long long>(i)) {}
+    Json(int i) : value_(i) {}
     Json(long long i) : value_(i) {}
     Json(double d) : value_(d) {}
     Json(const char* s) : value_(std::string(s)) {}
     Json(std::string s) : value_(std::move(s)) {}
 
-    static Json object() { return Json(Object{}); }
-    static Json array() { return Json(Array{}); }
+    static Json object();
+    static Json array();
 
     // Adds (or replaces) a member of an object; returns *this for chaining.
     Json& set(const std::string& key, Json value);
     // Appends to an array; returns *this.
     Json& push(Json value);
-    // Member of an object, or null when absent (for reading back in the tool).
-    const Json* find(const std::string& key) const;
 
-    bool isNull() const { return std::holds_alternative<std::nullptr_t>(value_); }
+    bool isNull() const { return value_.is_null(); }
+    bool isEmptyString() const { return value_.is_string() && value_.get_ref<const std::string&>().empty(); }
 
-    // Compact one-line text.
+    // Compact one-line text (non-finite numbers as null; bad UTF-8 replaced).
     std::string dump() const;
 
 private:
-    explicit Json(Array a) : value_(std::move(a)) {}
-    explicit Json(Object o) : value_(std::move(o)) {}
-    void write(std::string& out) const;
-
-    std::variant<std::nullptr_t, bool, long long, double, std::string, Array, Object> value_;
+    nlohmann::ordered_json value_;
 };
 
-// Quotes and escapes a string for JSON.
-std::string jsonQuote(const std::string& s);
+// "max-step" -> "max_step": every JSON key is snake_case.
+std::string jsonKey(std::string name);
+
+// {"event": name, "id": id, "timestamp": "2026-01-02T03:04:05.678Z"}: the
+// start of every event line (move, watch, wait, firmware).
+Json eventJson(const std::string& name, int id);
 
 }  // namespace nkrtool

@@ -3,10 +3,15 @@
 #include <NKR_focuser.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
+#include <csignal>
+#include <cstdlib>
 #include <cstdio>
 #include <vector>
 
 #include "commands.h"
+#include "diagnostic_log.h"
+#include "help_documents.h"
 #include "errors.h"
 #include "interrupt.h"
 #include "output.h"
@@ -22,8 +27,9 @@ using namespace nkrtool;
 
 const char* kDescription =
     "nkr - find, inspect and drive NKR telescope focusers over USB and Bluetooth LE.\n"
-    "A USB unit is named by the slot ID that 'nkr list' shows; a Bluetooth unit by\n"
-    "--ble NAME-OR-ADDRESS (the tool scans, connects and pairs for the command).\n"
+    "A USB unit is named by the slot ID that 'nkr list' shows, or by its serial\n"
+    "number or alias; a Bluetooth unit by --ble NAME-OR-ADDRESS (the tool scans,\n"
+    "connects and pairs for the command).\n"
     "Use --simulate to try everything on simulated units.";
 
 const char* kFooter =
@@ -33,9 +39,13 @@ const char* kFooter =
     "  nkr move 0 12000                  move unit 0 to position 12000\n"
     "  nkr move 0 -500                   move unit 0 back by 500 steps\n"
     "  nkr set 0 backlash=20 beep=off    change settings\n"
+    "  nkr get 0 position                one bare value, for scripts\n"
+    "  nkr wait 0 --timeout 60           block until the motor stands still\n"
     "  nkr --ble \"NKR Pro_A1B2\" info     a Bluetooth unit\n"
     "  nkr --simulate demo               a guided tour on simulated units\n"
-    "Exit status: 0 success, 1 device error, 2 bad argument or unknown unit, 130 Ctrl-C.";
+    "Exit status: 0 success; 1 device error; 2 bad argument or unknown unit;\n"
+    "  128+N ended by signal N after stopping the motor and closing the unit:\n"
+    "  129 SIGHUP, 130 SIGINT (Ctrl-C), 131 SIGQUIT, 141 SIGPIPE, 143 SIGTERM.";
 
 void addGlobalOptions(CLI::App& app, GlobalOptions& g)
 {
@@ -51,6 +61,19 @@ void addGlobalOptions(CLI::App& app, GlobalOptions& g)
     app.add_option("--ble-scan", g.bleScanSeconds, "Seconds to scan when looking for the --ble unit")
         ->type_name("SECONDS")
         ->check(CLI::Range(1, 60));
+    app.add_flag("-v,--verbose", g.verbose,
+                 "Show the library's diagnostic log lines on stderr while the command runs");
+    app.add_flag_callback(
+        "--log-dir",
+        [] {
+            std::string newest = newestLogFile();
+            std::printf("%s\n", logDirectory());
+            if (!newest.empty()) std::printf("newest log file: %s\n", newest.c_str());
+            throw CLI::Success();
+        },
+        "Print the directory of the library's diagnostic log (and its newest file), then exit");
+    app.add_flag("--per-unit-state", g.perUnitState,
+                 "Keep saved position and settings per unit (sets NKR_STATE_PER_UNIT=1 for the library)");
 }
 
 int runChosen(const std::vector<Command>& commands)
@@ -60,10 +83,122 @@ int runChosen(const std::vector<Command>& commands)
     return kExitUsage;
 }
 
+// The name of the sub-command nearest to a mistyped one (edit distance at
+// most 2), or "".
+std::string nearestCommand(const CLI::App& app, const std::string& typed)
+{
+    std::string best;
+    size_t bestDistance = 3;
+    for (const CLI::App* sub : app.get_subcommands([](const CLI::App*) { return true; })) {
+        const std::string& name = sub->get_name();
+        std::vector<size_t> row(name.size() + 1);
+        for (size_t j = 0; j <= name.size(); ++j) row[j] = j;
+        for (size_t i = 1; i <= typed.size(); ++i) {
+            size_t diagonal = row[0];
+            row[0] = i;
+            for (size_t j = 1; j <= name.size(); ++j) {
+                size_t above = row[j];
+                row[j] = std::min({row[j] + 1, row[j - 1] + 1, diagonal + (typed[i - 1] == name[j - 1] ? 0 : 1)});
+                diagonal = above;
+            }
+        }
+        if (row[name.size()] < bestDistance) {
+            bestDistance = row[name.size()];
+            best = name;
+        }
+    }
+    return best;
+}
+
+// The first word that is not an option or an option's value.
+std::string firstCommandWord(int argc, char** argv)
+{
+    static const std::vector<std::string> withValue = {"--ble", "--ble-scan"};
+    for (int k = 1; k < argc; ++k) {
+        std::string word = argv[k];
+        if (word.rfind("-", 0) == 0) {
+            if (std::find(withValue.begin(), withValue.end(), word) != withValue.end()) ++k;
+            continue;
+        }
+        return word;
+    }
+    return "";
+}
+
+// CLI11's message, in the tool's form: words cut to a sane length, a
+// mistyped command answered with the nearest one.
+std::string describeParseError(const CLI::ParseError& e, const CLI::App& app, int argc, char** argv)
+{
+    std::string command = firstCommandWord(argc, argv);
+    bool known = false;
+    for (const CLI::App* sub : app.get_subcommands([](const CLI::App*) { return true; }))
+        known = known || sub->get_name() == command;
+    if (!command.empty() && !known) {
+        std::string nearest = nearestCommand(app, command);
+        return "unknown command '" + clipped(command) + "'" +
+               (nearest.empty() ? "" : "; did you mean '" + nearest + "'?") +
+               " (nkr --help lists the commands)";
+    }
+    std::string message;
+    std::string word;
+    for (char c : std::string(e.what()) + " ") {
+        if (c == ' ' || c == '\n') {
+            message += clipped(word) + (c == '\n' ? "; " : " ");
+            word.clear();
+        } else {
+            word += c;
+        }
+    }
+    while (!message.empty() && (message.back() == ' ' || message.back() == ';')) message.pop_back();
+    if (message.empty()) message = "bad command line";
+    return message + " (see nkr --help)";
+}
+
+void reportError(const ToolError& e)
+{
+    if (receivedSignal() == SIGPIPE) return;
+    printErrorMessage(e.what());
+    if (jsonMode()) {
+        Json error = Json::object().set("message", e.what());
+        if (e.code() >= 0)
+            error.set("code", e.code()).set("name", describeError(e.code()).name)
+                .set("explanation", describeError(e.code()).explanation);
+        emitJson(Json::object().set("error", error));
+    }
+}
+
+int runCommand(const std::vector<Command>& commands, const GlobalOptions& globals, char** argv)
+{
+    try {
+        SimulateOptions sim;
+        sim.realHome = globals.realHome;
+        sim.requested = globals.simulate || simulateRequestedByEnvironment();
+        for (const Command& c : commands)
+            if (c.app->parsed() && c.needsSimulator) sim.requested = true;
+        enterSimulatorIfRequested(sim, argv);
+
+        installInterruptHandler();
+        if (globals.verbose) startLogTail();
+        int status = runChosen(commands);
+        stopLogTail();
+        return status;
+    } catch (const ToolError& e) {
+        stopLogTail();
+        reportError(e);
+        return e.exitStatus();
+    } catch (const std::exception& e) {
+        stopLogTail();
+        if (receivedSignal() != SIGPIPE) printErrorMessage(e.what());
+        return kExitDeviceError;
+    }
+}
+
 }  // namespace
 
 int main(int argc, char** argv)
 {
+    // Before anything can start a thread, so that only the watcher takes them.
+    blockTerminatingSignals();
     CLI::App app{kDescription, "nkr"};
     app.set_version_flag("--version",
                          std::string("nkr ") + NKR_TOOL_VERSION + " (SDK version " + get_NKR_SDK_Ver() + ")");
@@ -75,10 +210,23 @@ int main(int argc, char** argv)
     std::vector<Command> commands = {
         addListCommand(app, globals),  addInfoCommand(app, globals),  addMoveCommand(app, globals),
         addStopCommand(app, globals),  addSyncCommand(app, globals),  addSetCommand(app, globals),
+        addGetCommand(app, globals),   addWaitCommand(app, globals),
         addWatchCommand(app, globals), addFirmwareCommand(app, globals), addDemoCommand(app, globals),
+        addResetCommand(app, globals),
     };
     // After the sub-commands, which would otherwise inherit these examples.
     app.footer(kFooter);
+    // For the build, which installs the man page and completion made from this help.
+    const std::string version = std::string("nkr ") + NKR_TOOL_VERSION;
+    app.add_flag_callback("--help-man", [&app, &version] {
+           std::fputs(manPage(app, version).c_str(), stdout);
+           throw CLI::Success();
+       })->group("");
+    app.add_option_function<std::string>("--completion", [&app](const std::string& shell) {
+           if (shell != "bash") throw CLI::ValidationError("--completion", "only bash is supported");
+           std::fputs(bashCompletion(app).c_str(), stdout);
+           throw CLI::Success();
+       })->group("");
     for (const Command& c : commands)
         c.app->footer(c.app->get_footer() +
                       "\n\nGlobal options (--json, --simulate, --ble NAME-OR-ADDRESS, ...) may come "
@@ -87,33 +235,30 @@ int main(int argc, char** argv)
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
-        int status = app.exit(e);
-        return status == 0 ? kExitOk : kExitUsage;
+        // --help and --version end here with status 0; help fits the terminal.
+        if (e.get_name() == "CallForHelp" || e.get_name() == "CallForAllHelp") {
+            initOutput(false);
+            std::string help = app.help("", e.get_name() == "CallForAllHelp" ? CLI::AppFormatMode::All
+                                                                              : CLI::AppFormatMode::Normal);
+            std::fputs(wrapText(help, outputWidth()).c_str(), stdout);
+            return kExitOk;
+        }
+        if (e.get_exit_code() == 0) return app.exit(e);
+        initOutput(false);
+        printErrorMessage(describeParseError(e, app, argc, argv));
+        return kExitUsage;
     }
 
     initOutput(globals.json);
-    try {
-        SimulateOptions sim;
-        sim.realHome = globals.realHome;
-        sim.requested = globals.simulate || simulateRequestedByEnvironment();
-        for (const Command& c : commands)
-            if (c.app->parsed() && c.needsSimulator) sim.requested = true;
-        enterSimulatorIfRequested(sim, argv);
-
-        installInterruptHandler();
-        return runChosen(commands);
-    } catch (const ToolError& e) {
-        printErrorMessage(e.what());
-        if (jsonMode()) {
-            Json error = Json::object().set("message", e.what());
-            if (e.code() >= 0)
-                error.set("code", e.code()).set("name", describeError(e.code()).name)
-                    .set("explanation", describeError(e.code()).explanation);
-            emitJson(Json::object().set("error", error));
-        }
-        return e.exitStatus();
-    } catch (const std::exception& e) {
-        printErrorMessage(e.what());
-        return kExitDeviceError;
+    // Set before the library first reads its environment (the simulator's
+    // re-exec keeps it).
+    if (globals.perUnitState) setenv("NKR_STATE_PER_UNIT", "1", 1);
+    int status = runCommand(commands, globals, argv);
+    // Every unit session has been closed by now, so the position is saved.
+    if (int signalNumber = receivedSignal()) {
+        // A broken pipe ends quietly, like any filter in a pipeline.
+        if (signalNumber != SIGPIPE) warn(std::string("stopped by ") + signalDescription(signalNumber));
+        return 128 + signalNumber;
     }
+    return status;
 }

@@ -40,10 +40,9 @@ int percentDone(int start, int target, int position)
                     code, kExitDeviceError);
 }
 
-Json progressLine(const char* event, int start, int target, int position, int speed, bool moving)
+Json progressLine(const char* event, int id, int start, int target, int position, int speed, bool moving)
 {
-    return Json::object()
-        .set("event", event)
+    return eventJson(event, id)
         .set("start", start)
         .set("target", target)
         .set("position", position)
@@ -73,7 +72,8 @@ MoveResult moveAndFollow(int id, int start, int target, bool emitLines)
             result.interrupted = true;
             if (rc != NKR_SUCCESS) warn("stopping the motor failed: " + formatErrorCode(rc));
             if (emitLines && jsonMode())
-                emitJson(progressLine("stopped", start, target, result.position, 0, false));
+                emitJson(progressLine("stopped", id, start, target, result.position, 0, false)
+                             .set("signal", signalName(receivedSignal())));
             return result;
         }
 
@@ -93,10 +93,10 @@ MoveResult moveAndFollow(int id, int start, int target, bool emitLines)
 
         if (!moving) break;
         bar.update(percentDone(start, target, position) / 100.0,
-                   "position " + std::to_string(position) + " \u2192 " + std::to_string(target) + "  " +
+                   "position " + std::to_string(position) + arrow() + std::to_string(target) + "  " +
                        std::to_string(speed) + " steps/s");
         if (emitLines && jsonMode())
-            emitJson(progressLine("progress", start, target, position, speed, true));
+            emitJson(progressLine("progress", id, start, target, position, speed, true));
 
         if (std::chrono::duration<double>(now - lastChange).count() > kStallSeconds) {
             NKRStop(id);
@@ -109,10 +109,10 @@ MoveResult moveAndFollow(int id, int start, int target, bool emitLines)
     }
 
     bar.update(percentDone(start, target, result.position) / 100.0,
-               "position " + std::to_string(result.position) + " \u2192 " + std::to_string(target));
+               "position " + std::to_string(result.position) + arrow() + std::to_string(target));
     bar.finish();
     if (emitLines && jsonMode())
-        emitJson(progressLine("done", start, target, result.position, 0, false)
+        emitJson(progressLine("done", id, start, target, result.position, 0, false)
                      .set("reached", result.position == target));
     return result;
 }

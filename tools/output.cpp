@@ -1,12 +1,18 @@
 #include "output.h"
 
+#include <langinfo.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <clocale>
 #include <cstring>
+
+#include "interrupt.h"
 
 namespace nkrtool {
 namespace {
@@ -16,6 +22,7 @@ struct OutputState {
     bool tty = false;
     bool colour = false;
     bool stderrColour = false;
+    bool utf8 = false;
 };
 
 OutputState& state()
@@ -46,6 +53,14 @@ const char* colourCode(Colour colour)
 
 constexpr int kLabelWidth = 24;
 constexpr int kBarWidth = 30;
+constexpr int kNarrowBarWidth = 10;
+
+bool localeIsUtf8()
+{
+    std::setlocale(LC_CTYPE, "");
+    const char* codeset = nl_langinfo(CODESET);
+    return codeset != nullptr && (std::strcmp(codeset, "UTF-8") == 0 || std::strcmp(codeset, "utf8") == 0);
+}
 
 }  // namespace
 
@@ -56,25 +71,125 @@ void initOutput(bool json)
     s.tty = isatty(STDOUT_FILENO) != 0;
     s.colour = !json && colourAllowed(STDOUT_FILENO);
     s.stderrColour = colourAllowed(STDERR_FILENO);
+    s.utf8 = localeIsUtf8();
+}
+
+bool utf8Output() { return state().utf8; }
+
+std::string symbol(const char* utf8, const char* ascii) { return utf8Output() ? utf8 : ascii; }
+
+std::string degreesC() { return symbol(" \u00B0C", " C"); }
+std::string arrow() { return symbol(" \u2192 ", " -> "); }
+
+int terminalColumns()
+{
+    if (const char* columns = std::getenv("COLUMNS")) {
+        int n = std::atoi(columns);
+        if (n >= 20 && n <= 1000) return n;
+    }
+    winsize size{};
+    if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col >= 20) return size.ws_col;
+    return 80;
+}
+
+size_t outputWidth() { return static_cast<size_t>(std::min(terminalColumns(), 80)); }
+
+namespace {
+
+// Where continuation lines of this line start.
+size_t hangingIndent(const std::string& line, size_t width)
+{
+    size_t indent = line.find_first_not_of(' ');
+    if (indent == std::string::npos) return 0;
+    size_t gap = line.find("  ", indent);
+    if (gap != std::string::npos) {
+        size_t column = line.find_first_not_of(' ', gap);
+        if (column != std::string::npos && column < width / 2) return column;
+    }
+    return std::min(indent + 4, width / 2);
+}
+
+std::string wrapLine(const std::string& line, size_t width)
+{
+    if (line.size() <= width) return line;
+    std::string out;
+    std::string current;
+    size_t indent = hangingIndent(line, width);
+    size_t lead = line.find_first_not_of(' ');
+    current = line.substr(0, lead == std::string::npos ? 0 : lead);
+    size_t at = current.size();
+    bool first = true;
+    while (at < line.size()) {
+        size_t end = line.find(' ', at);
+        if (end == std::string::npos) end = line.size();
+        std::string word = line.substr(at, end - at);
+        size_t next = line.find_first_not_of(' ', end);
+        std::string gap = line.substr(end, (next == std::string::npos ? line.size() : next) - end);
+        bool empty = current.find_first_not_of(' ') == std::string::npos;
+        if (!empty && current.size() + word.size() > width) {
+            while (!current.empty() && current.back() == ' ') current.pop_back();
+            out += current + "\n";
+            current = std::string(indent, ' ');
+            first = false;
+        }
+        current += word;
+        // Keep the column gap of the first line; one space elsewhere.
+        current += (first && gap.size() > 1) ? gap : (gap.empty() ? "" : " ");
+        at = next == std::string::npos ? line.size() : next;
+    }
+    while (!current.empty() && current.back() == ' ') current.pop_back();
+    return out + current;
+}
+
+}  // namespace
+
+std::string wrapText(const std::string& text, size_t width)
+{
+    std::string out;
+    size_t start = 0;
+    while (start <= text.size()) {
+        size_t end = text.find('\n', start);
+        bool last = end == std::string::npos;
+        out += wrapLine(text.substr(start, (last ? text.size() : end) - start), width);
+        if (last) break;
+        out += '\n';
+        start = end + 1;
+    }
+    return out;
+}
+
+std::string clipped(const std::string& text, size_t maxChars)
+{
+    if (text.size() <= maxChars) return text;
+    return text.substr(0, maxChars) + symbol("\u2026", "...");
 }
 
 bool jsonMode() { return state().json; }
 bool interactive() { return state().tty && !state().json; }
+
+void flushOutput()
+{
+    if (std::fflush(stdout) != 0 && errno == EPIPE) {
+        // The reader went away (nkr watch | head): end as on SIGPIPE.
+        noteBrokenPipe();
+        std::clearerr(stdout);
+    }
+}
 
 void emitJson(const Json& doc)
 {
     std::string text = doc.dump();
     std::fwrite(text.data(), 1, text.size(), stdout);
     std::fputc('\n', stdout);
-    std::fflush(stdout);
+    flushOutput();
 }
 
 void say(const std::string& line)
 {
     if (jsonMode()) return;
-    std::fputs(line.c_str(), stdout);
+    std::fputs(wrapText(line, outputWidth()).c_str(), stdout);
     std::fputc('\n', stdout);
-    std::fflush(stdout);
+    flushOutput();
 }
 
 void sayField(const std::string& label, const std::string& value)
@@ -138,14 +253,18 @@ void ProgressBar::update(double fraction, const std::string& detail)
 {
     if (!visible()) return;
     fraction = std::clamp(std::isfinite(fraction) ? fraction : 0.0, 0.0, 1.0);
-    int filled = static_cast<int>(std::lround(fraction * kBarWidth));
-    std::string bar = paint(Colour::Green, std::string(filled, '#')) +
-                      std::string(kBarWidth - filled, '-');
+    // "[bar] 100% detail" must stay on one line, or \r redraws a new one each time.
+    int columns = terminalColumns();
+    int width = columns >= 70 ? kBarWidth : kNarrowBarWidth;
+    int filled = static_cast<int>(std::lround(fraction * width));
+    std::string bar = paint(Colour::Green, std::string(filled, '#')) + std::string(width - filled, '-');
     char percent[16];
     std::snprintf(percent, sizeof percent, "%3d%%", static_cast<int>(std::lround(fraction * 100)));
+    size_t room = static_cast<size_t>(std::max(0, columns - width - 9));
+    std::string shown = detail.size() > room ? detail.substr(0, room) : detail;
     // \r returns to the line start, \033[K clears what a longer line left.
-    std::printf("\r[%s] %s %s\033[K", bar.c_str(), percent, detail.c_str());
-    std::fflush(stdout);
+    std::printf("\r[%s] %s %s\033[K", bar.c_str(), percent, shown.c_str());
+    flushOutput();
     drawn_ = true;
 }
 
@@ -153,7 +272,7 @@ void ProgressBar::finish()
 {
     if (!drawn_) return;
     std::fputc('\n', stdout);
-    std::fflush(stdout);
+    flushOutput();
     drawn_ = false;
 }
 

@@ -16,6 +16,9 @@ bool jsonMode();
 // True when stdout is a terminal: live lines and colours are allowed.
 bool interactive();
 
+// Flushes stdout; a reader that went away counts as SIGPIPE.
+void flushOutput();
+
 // Prints one JSON document on its own line and flushes it at once, so a
 // script reading line by line sees each update when it happens.
 void emitJson(const Json& doc);
@@ -54,6 +57,27 @@ public:
 private:
     bool drawn_ = false;
 };
+
+// True when the locale's character set is UTF-8; otherwise the tool prints
+// plain ASCII ("->" for an arrow, "..." for an ellipsis, "C" for degrees).
+bool utf8Output();
+// The UTF-8 text, or its ASCII stand-in outside a UTF-8 locale.
+std::string symbol(const char* utf8, const char* ascii);
+// " °C" / " C" and " → " / " -> ".
+std::string degreesC();
+std::string arrow();
+// The width of the terminal on stdout (COLUMNS, then the tty), 80 when unknown.
+int terminalColumns();
+// The width output is kept within: the terminal's, at most 80 columns.
+size_t outputWidth();
+// Wraps each line longer than width at spaces. Continuation lines line up
+// with a description column ("  name    text", two or more spaces), or else
+// with the line's own indent plus four.
+std::string wrapText(const std::string& text, size_t width);
+
+// A text echoed back in a message, cut to 40 characters with an ellipsis so
+// a 300-digit argument does not fill the screen.
+std::string clipped(const std::string& text, size_t maxChars = 40);
 
 // Helpers for values shown to people.
 std::string onOff(bool on);

@@ -23,6 +23,8 @@ void Report::sectionUnavailable(const std::string& key, const std::string& title
 
 void Report::add(const std::string& key, const std::string& label, Json value, std::string text)
 {
+    // A missing text value is null in JSON, never "".
+    if (value.isEmptyString()) value = Json();
     current().entries.push_back({key, label, std::move(text), std::move(value), true});
 }
 

@@ -9,6 +9,7 @@
 #include "errors.h"
 #include "interrupt.h"
 #include "output.h"
+#include "unit_info.h"
 
 namespace nkrtool {
 namespace {
@@ -35,21 +36,29 @@ std::string joinIds(const std::vector<int>& ids)
 
 }  // namespace
 
+bool isUnitName(const std::string& text)
+{
+    bool number = !text.empty() && text.size() <= 3 &&
+                  std::all_of(text.begin(), text.end(), [](unsigned char c) { return std::isdigit(c) != 0; });
+    bool signedNumber = text.size() > 1 && (text[0] == '-' || text[0] == '+') &&
+                        std::all_of(text.begin() + 1, text.end(), [](unsigned char c) { return std::isdigit(c) != 0; });
+    return !number && !signedNumber;
+}
+
 int parseUsbId(const std::string& text)
 {
+    const std::string range = "USB units have slot ids 0 to " + std::to_string(NKR_BLE_FIRST_ID - 1) +
+                              " (see 'nkr list'); a unit may also be named by its serial number or alias";
     if (text.empty()) usageError("missing unit ID (a USB slot id from 'nkr list', or --ble NAME)");
-    size_t used = 0;
-    int id = -1;
-    try {
-        id = std::stoi(text, &used);
-    } catch (const std::exception&) {
-        used = 0;
-    }
-    if (used != text.size() || id < 0)
-        usageError("'" + text + "' is not a unit ID: give the slot id shown by 'nkr list'");
-    if (id >= NKR_BLE_FIRST_ID)
+    bool digits = text.size() <= 9 && std::all_of(text.begin(), text.end(), [](unsigned char c) {
+                      return std::isdigit(c) != 0;
+                  });
+    if (!digits) usageError("'" + clipped(text) + "' is not a unit ID: " + range);
+    int id = std::stoi(text);
+    if (id >= NKR_BLE_FIRST_ID && id < NKR_MAX_SLOTS)
         usageError("ID " + text + " is a Bluetooth slot, which exists only while a program is "
                    "connected; name the unit with --ble NAME-OR-ADDRESS instead");
+    if (id >= NKR_BLE_FIRST_ID) usageError("ID " + text + " is out of range: " + range);
     return id;
 }
 
@@ -60,10 +69,22 @@ UnitTarget takeTarget(std::vector<std::string>& args, const std::string& ble, in
     target.bleScanSeconds = bleScanSeconds;
     if (ble.empty()) {
         if (args.empty()) usageError("missing unit ID (a USB slot id from 'nkr list', or --ble NAME)");
-        target.usbId = parseUsbId(args.front());
+        if (isUnitName(args.front()))
+            target.usbName = args.front();
+        else
+            target.usbId = parseUsbId(args.front());
         args.erase(args.begin());
     }
     return target;
+}
+
+void rejectExtraArgs(const std::vector<std::string>& args, const UnitTarget& target)
+{
+    if (args.empty()) return;
+    if (!target.ble.empty())
+        usageError("unexpected argument '" + clipped(args.front()) +
+                   "': --ble already names the unit, so no ID is given");
+    usageError("unexpected argument '" + clipped(args.front()) + "'");
 }
 
 std::vector<BleUnit> scanBluetooth(int seconds)
@@ -90,10 +111,13 @@ std::vector<int> scanUsbSlots()
     return slots;
 }
 
-UnitSession::UnitSession(const UnitTarget& target) : target_(target)
+UnitSession::UnitSession(const UnitTarget& target, Access access) : target_(target)
 {
+    leaveOpen_ = access == Access::ReadOnly;
     if (target.usbId)
         openUsb(*target.usbId);
+    else if (!target.usbName.empty())
+        openUsbByName(target.usbName);
     else
         openBle();
 }
@@ -106,6 +130,10 @@ UnitSession::~UnitSession()
 void UnitSession::openUsb(int slot)
 {
     std::vector<int> slots = scanUsbSlots();
+    if (slots.empty())
+        throw ToolError("no USB focuser is connected (check the cable, and permissions with "
+                        "ls -l /dev/hidraw*): " + formatErrorCode(NKR_ERROR_INVALID_ID),
+                        NKR_ERROR_INVALID_ID, kExitUsage);
     if (std::find(slots.begin(), slots.end(), slot) == slots.end())
         throw ToolError("no USB focuser with ID " + std::to_string(slot) + " (IDs found: " +
                             joinIds(slots) + "): " + formatErrorCode(NKR_ERROR_INVALID_ID),
@@ -115,6 +143,36 @@ void UnitSession::openUsb(int slot)
     ble_ = false;
     open_ = true;
     label_ = "USB unit " + std::to_string(slot);
+}
+
+// Only an open unit tells its serial number and alias, so each is opened in
+// turn; the ones that do not match are left open rather than closed, since a
+// close would rewrite the settings file.
+void UnitSession::openUsbByName(const std::string& name)
+{
+    std::vector<int> slots = scanUsbSlots();
+    std::vector<int> matches;
+    std::string seen;
+    for (int slot : slots) {
+        if (NKROpen(slot) != NKR_SUCCESS) continue;
+        Identity ident = readIdentity(slot);
+        bool serial = ident.serialCode == NKR_SUCCESS && sameAddress(ident.serial, name);
+        if (serial || (!ident.alias.empty() && ident.alias == name)) matches.push_back(slot);
+        seen += (seen.empty() ? "" : ", ") + std::to_string(slot) + " " + ident.serial +
+                (ident.alias.empty() ? "" : " (" + ident.alias + ")");
+    }
+    if (matches.empty())
+        throw ToolError("no USB focuser has the serial number or alias '" + clipped(name) + "' (units: " +
+                            (seen.empty() ? "none" : seen) + ")",
+                        NKR_ERROR_INVALID_ID, kExitUsage);
+    if (matches.size() > 1)
+        throw ToolError("several USB focusers answer to '" + clipped(name) + "' (ids " + joinIds(matches) +
+                            "); name one by its serial number or slot id",
+                        NKR_ERROR_INVALID_ID, kExitUsage);
+    id_ = matches.front();
+    ble_ = false;
+    open_ = true;
+    label_ = "USB unit " + std::to_string(id_) + " (" + name + ")";
 }
 
 void UnitSession::openBle()

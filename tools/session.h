@@ -11,18 +11,26 @@ namespace nkrtool {
 
 // What the user named on the command line.
 struct UnitTarget {
-    std::optional<int> usbId;  // ID argument
+    std::optional<int> usbId;  // ID argument: a slot id
     std::string ble;           // --ble NAME-OR-ADDRESS
     int bleScanSeconds = 3;    // --ble-scan
+    std::string usbName;       // ID argument: a serial number or an alias
 };
 
-// Parses an ID argument: a USB slot id, 0..49. Throws a usage error with a
-// hint for anything else.
+// Parses an ID argument that is a number: a USB slot id, 0..49. Throws a
+// usage error that gives the valid range for anything else.
 int parseUsbId(const std::string& text);
+// True when an ID argument names a unit by serial number or alias rather
+// than by slot id (anything but a number of at most three digits).
+bool isUnitName(const std::string& text);
 
 // Builds the target from the positional arguments of a per-unit command:
 // without --ble the first argument is the ID and is removed from args.
 UnitTarget takeTarget(std::vector<std::string>& args, const std::string& ble, int bleScanSeconds);
+
+// Refuses arguments left over after the unit was taken; with --ble an ID
+// given as well is named as such.
+void rejectExtraArgs(const std::vector<std::string>& args, const UnitTarget& target);
 
 // One unit found by a Bluetooth scan.
 struct BleUnit {
@@ -37,8 +45,14 @@ std::vector<int> scanUsbSlots();
 
 class UnitSession {
 public:
+    // How the session ends: a command that changes something closes the unit,
+    // which stops a move and saves position and settings to the settings
+    // file; a read-only command leaves the unit as it found it (no close, so
+    // the file is not rewritten and a move started elsewhere goes on).
+    enum class Access { Change, ReadOnly };
+
     // Opens the unit; throws ToolError when it is unknown or cannot be opened.
-    explicit UnitSession(const UnitTarget& target);
+    explicit UnitSession(const UnitTarget& target, Access access = Access::Change);
     ~UnitSession();
     UnitSession(const UnitSession&) = delete;
     UnitSession& operator=(const UnitSession&) = delete;
@@ -65,6 +79,7 @@ public:
 
 private:
     void openUsb(int slot);
+    void openUsbByName(const std::string& name);
     void openBle();
 
     UnitTarget target_;

@@ -1,5 +1,7 @@
 #include "simulate.h"
 
+#include <dlfcn.h>
+#include <strings.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -54,6 +56,8 @@ fs::path findSimulatorDirectory(std::string& looked)
     return {};
 }
 
+}  // namespace
+
 // $XDG_STATE_HOME/nkr-sim, or ~/.local/state/nkr-sim: the simulated units'
 // saved positions live there, apart from the user's real settings.
 fs::path privateStateDirectory()
@@ -69,6 +73,8 @@ fs::path privateStateDirectory()
     return base / "nkr-sim";
 }
 
+namespace {
+
 void setEnv(const char* name, const std::string& value)
 {
     if (setenv(name, value.c_str(), 1) != 0)
@@ -76,12 +82,38 @@ void setEnv(const char* name, const std::string& value)
                         kExitDeviceError);
 }
 
+// The file the simulated world is kept in between commands: in the login
+// session's runtime folder (gone at log-out, like units unplugged), else
+// beside the units' saved settings.
+std::string worldStateFile()
+{
+    const char* runtime = std::getenv("XDG_RUNTIME_DIR");
+    std::error_code ec;
+    if (runtime != nullptr && runtime[0] == '/' && fs::is_directory(runtime, ec))
+        return (fs::path(runtime) / "nkr-sim" / "world").string();
+    return (privateStateDirectory() / "world").string();
+}
+
+// Asks the simulator (this process's HID library after the restart) whether
+// NKR_SIM_UNITS and NKR_SIM_UNPLUG make sense, before it builds its world.
+void validateSimulatorEnvironment()
+{
+    using Validate = int (*)(char*, size_t);
+    auto validate = reinterpret_cast<Validate>(dlsym(RTLD_DEFAULT, "nkr_sim_validate_environment"));
+    if (validate == nullptr) return;  // an older simulator: it checks nothing
+    char message[512] = {0};
+    if (validate(message, sizeof message) == 0) throw ToolError(message, -1, kExitUsage);
+}
+
 }  // namespace
 
 bool simulateRequestedByEnvironment()
 {
     const char* value = std::getenv("NKR_SIMULATE");
-    return value != nullptr && std::strcmp(value, "1") == 0;
+    if (value == nullptr) return false;
+    for (const char* yes : {"1", "true", "yes"})
+        if (strcasecmp(value, yes) == 0) return true;
+    return false;
 }
 
 bool runningInSimulator()
@@ -92,7 +124,11 @@ bool runningInSimulator()
 
 void enterSimulatorIfRequested(const SimulateOptions& options, char** argv)
 {
-    if (!options.requested || runningInSimulator()) return;
+    if (!options.requested) return;
+    if (runningInSimulator()) {
+        validateSimulatorEnvironment();
+        return;
+    }
 
     std::string looked;
     fs::path simDir = findSimulatorDirectory(looked);
@@ -108,6 +144,9 @@ void enterSimulatorIfRequested(const SimulateOptions& options, char** argv)
     setEnv("LD_LIBRARY_PATH", libraryPath);
     setEnv("NKR_BLE_HELPER", (simDir / kSimLibraryName).string());
     setEnv(kActiveMarker, "1");
+    // One simulated world for every command, kept as real units keep theirs.
+    const char* stateFile = std::getenv("NKR_SIM_STATE");
+    if (stateFile == nullptr || stateFile[0] == '\0') setEnv("NKR_SIM_STATE", worldStateFile());
 
     if (!options.realHome) {
         fs::path stateDir = privateStateDirectory();

@@ -3,6 +3,8 @@
 // library's HID and Bluetooth back ends are the simulator.
 #pragma once
 
+#include <filesystem>
+
 namespace nkrtool {
 
 struct SimulateOptions {
@@ -10,15 +12,23 @@ struct SimulateOptions {
     bool realHome = false;   // --real-home: keep the user's HOME (settings file)
 };
 
-// True when NKR_SIMULATE=1 is set in the environment.
+// $XDG_STATE_HOME/nkr-sim (or ~/.local/state/nkr-sim): HOME of the simulated
+// units' settings file, and the world's state file when there is no
+// XDG_RUNTIME_DIR.
+std::filesystem::path privateStateDirectory();
+
+// True when NKR_SIMULATE is 1, true or yes.
 bool simulateRequestedByEnvironment();
 
 // True in the process that the re-exec started.
 bool runningInSimulator();
 
 // When simulation is requested and not yet active, replaces the process with
-// the tool itself in the simulator's environment (does not return). Throws a
-// ToolError when the simulator library cannot be found or started.
+// the tool itself in the simulator's environment (does not return); it sets
+// NKR_SIM_STATE (unless set) so that every command meets the same world.
+// Throws a ToolError when the simulator library cannot be found or started.
+// In the restarted process it checks NKR_SIM_UNITS / NKR_SIM_UNPLUG and
+// throws a usage error when either is malformed.
 void enterSimulatorIfRequested(const SimulateOptions& options, char** argv);
 
 }  // namespace nkrtool

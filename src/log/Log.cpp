@@ -4,6 +4,8 @@
 #include "Log.h"
 
 #include <dirent.h>
+#include <fcntl.h>
+#include <sys/file.h>
 #include <spdlog/sinks/rotating_file_sink.h>
 #include <spdlog/spdlog.h>
 #include <sys/stat.h>
@@ -17,6 +19,7 @@
 #include <iostream>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <vector>
 
 namespace {
@@ -75,14 +78,42 @@ void writeLog(spdlog::level::level_enum level, const std::string& msg, const cha
     }
 }
 
-std::string logFileNameNow(const std::string& dir)
+std::string logFileName(const std::string& dir, time_t when)
 {
     char stamp[100] = {0};
-    time_t now = time(nullptr);
     struct tm local {};
-    localtime_r(&now, &local);
+    localtime_r(&when, &local);
     strftime(stamp, sizeof stamp, "%Y-%m-%d_%H-%M-%S", &local);
     return dir + "log_" + stamp + ".txt";
+}
+
+// How many later seconds a start-up tries when names are taken.
+constexpr int kNameAttempts = 120;
+
+// The part of a log file name that its rotated files share ("log_<time>").
+std::string rotationGroup(const std::string& name) { return name.substr(0, name.find('.')); }
+
+// True when a running process holds the file's lock. Files that cannot be
+// opened count as in use: better kept than deleted from under someone.
+bool inUse(const std::string& path)
+{
+    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+    if (fd < 0) return errno != ENOENT;
+    bool locked = flock(fd, LOCK_SH | LOCK_NB) != 0;
+    close(fd);
+    return locked;
+}
+
+// Deletes path unless a process locks it meanwhile: the shared lock held
+// over the unlink keeps a starting process from claiming the doomed file.
+bool deleteIfUnused(const std::string& path)
+{
+    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+    if (fd < 0) return errno == ENOENT;
+    bool done = false;
+    if (flock(fd, LOCK_SH | LOCK_NB) == 0) done = unlink(path.c_str()) == 0 || errno == ENOENT;
+    close(fd);
+    return done;
 }
 
 void createLogger(const std::string& file)
@@ -150,10 +181,49 @@ void removeOldLogFiles(const std::string& dir, size_t keep)
     std::sort(files.begin(), files.end(), [](const LogFileEntry& a, const LogFileEntry& b) {
         return a.mtime != b.mtime ? a.mtime < b.mtime : a.path < b.path;
     });
+    // A running process's file and its rotated files stay.
+    std::set<std::string> busyGroups;
+    for (const LogFileEntry& f : files)
+        if (inUse(f.path)) busyGroups.insert(rotationGroup(f.path.substr(dir.size())));
     for (size_t i = 0; i < files.size() - keep; ++i) {
-        if (unlink(files[i].path.c_str()) != 0)
+        if (busyGroups.count(rotationGroup(files[i].path.substr(dir.size())))) continue;
+        if (!deleteIfUnused(files[i].path))
             std::cerr << "Failed to delete file: " << files[i].path << std::endl;
     }
+}
+
+std::string claimLogFile(const std::string& dir, time_t startTime, int* fd)
+{
+    int lostRaces = 0;
+    for (int attempt = 0; attempt < kNameAttempts; ++attempt) {
+        std::string path = logFileName(dir, startTime + attempt);
+        int file = open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0644);
+        if (file < 0) {
+            if (errno == EEXIST) continue;  // another process's name
+            std::cerr << "Failed to create the log file: " << path << " - " << std::strerror(errno)
+                      << std::endl;
+            return {};
+        }
+        // Only a pruning process's short probe can hold a lock on a file
+        // this process just made, so the wait is brief. If that process
+        // deleted the new file meanwhile, the name is free again: retry it.
+        int rc;
+        while ((rc = flock(file, LOCK_EX)) != 0 && errno == EINTR) {
+        }
+        struct stat held {}, named {};
+        bool ours = rc == 0 && fstat(file, &held) == 0 && lstat(path.c_str(), &named) == 0 &&
+                    held.st_ino == named.st_ino && held.st_dev == named.st_dev;
+        if (!ours) {
+            close(file);
+            if (++lostRaces < kNameAttempts) --attempt;
+            continue;
+        }
+        if (fd) *fd = file;
+        return path;
+    }
+    std::cerr << "Failed to create the log file: every name from " << logFileName(dir, startTime)
+              << " on is taken" << std::endl;
+    return {};
 }
 
 std::string currentLogFile()
@@ -172,7 +242,12 @@ void InitLogger()
         const std::string dir = nkrlog::kLogDir;
         if (!nkrlog::prepareLogDir(dir)) return;
         nkrlog::removeOldLogFiles(dir, kKeepAtStart);
-        createLogger(logFileNameNow(dir));
+        // The lock lives as long as the process: its file is safe from the
+        // pruning of processes started later.
+        int lockFd = -1;
+        std::string file = nkrlog::claimLogFile(dir, time(nullptr), &lockFd);
+        if (file.empty()) return;
+        createLogger(file);
     } catch (const std::exception& e) {
         std::cerr << "Failed to create the log: " << e.what() << std::endl;
     } catch (...) {

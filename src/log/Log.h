@@ -2,6 +2,7 @@
 // process by the first device object.
 #pragma once
 #include <cstdio>
+#include <ctime>
 #include <string>
 #include <string_view>
 
@@ -15,8 +16,17 @@ void LogDebug(const std::string& msg, const char* file, int line, const char* fu
 namespace nkrlog {
 // Directory of the log files (with the trailing slash).
 inline constexpr const char* kLogDir = "/tmp/htx/log/nkr_sdk/";
-// Deletes the oldest ".txt" files of dir so that at most keep remain.
+// Deletes the oldest ".txt" files of dir so that at most keep remain, but
+// never a file of a process that is still running: a file whose name shares
+// its part before the first '.' with a file locked by claimLogFile (its
+// rotated files) is left alone, so more than keep may remain.
 void removeOldLogFiles(const std::string& dir, size_t keep);
+// Creates a new log file in dir named after the local time startTime and
+// locks it for the life of the process (the descriptor is kept open, closed
+// on exec). A name some other process already made (it started in the same
+// second) is never shared: the name of the next second is taken instead.
+// Returns the path, or "" with the reason on stderr; *fd receives the lock.
+std::string claimLogFile(const std::string& dir, time_t startTime, int* fd);
 // Creates dir one component at a time (0755) and checks each component with
 // lstat: a symbolic link, a non-directory or (below the top level) a directory
 // owned by another user makes it unsafe. False, with the reason on stderr,
