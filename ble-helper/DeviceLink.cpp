@@ -235,8 +235,10 @@ int disconnectUnit(Manager& mgr)
     if (!link.notifyPath.empty()) {
         callDevice(mgr, link.notifyPath, kCharIface, "StopNotify", 0, error);
     }
+    // With bluetoothd gone the link is gone too: nothing left to undo.
     if (!callDevice(mgr, link.devicePath, kDeviceIface, "Disconnect", 0, error) &&
-        !error.is("org.bluez.Error.NotConnected")) {
+        !error.is("org.bluez.Error.NotConnected") && !error.is("org.freedesktop.DBus.Error.ServiceUnknown") &&
+        !error.is("org.freedesktop.DBus.Error.NameHasNoOwner")) {
         mgr.lastError.set("disconnect from " + link.devicePath + ": " + error.text);
         return -1;
     }

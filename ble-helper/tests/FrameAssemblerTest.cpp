@@ -12,7 +12,7 @@ namespace {
 Bytes answer(uint8_t seq, const Bytes& body)
 {
     Bytes f = {0x01, static_cast<uint8_t>(body.size()), seq, 0x00};
-    f.insert(f.end(), body.begin(), body.end());
+    for (uint8_t b : body) f.push_back(b);
     f.push_back(0xAA);
     return f;
 }
