@@ -258,21 +258,24 @@ bool sendToUnit(Manager& mgr, const uint8_t* data, unsigned count)
     }
     const char* type = link.writeWithoutResponse ? "command" : "request";
     const std::size_t chunk = std::max<std::size_t>(link.chunk, 1);
-    for (unsigned offset = 0; offset < count; offset += chunk) {
-        const std::size_t n = std::min<std::size_t>(chunk, count - offset);
-        CallError error;
-        auto append = [&](sd_bus_message* m) {
-            int r = sd_bus_message_append_array(m, 'y', data + offset, n);
-            return r < 0 ? r : sd_bus_message_append(m, "a{sv}", 1, "type", "s", type);
-        };
-        bool ok = mgr.withBus([&](sd_bus* bus) {
-            return callBluez(bus, link.writePath, kCharIface, "WriteValue", kWriteCallUsec, append, nullptr,
-                             error);
-        });
-        if (!ok) {
-            mgr.lastError.set("WriteValue on " + link.writePath + ": " + error.text);
-            return false;
+    CallError error;
+    // One lock for all pieces, so two senders cannot interleave them.
+    bool ok = mgr.withBus([&](sd_bus* bus) {
+        for (unsigned offset = 0; offset < count; offset += chunk) {
+            const std::size_t n = std::min<std::size_t>(chunk, count - offset);
+            auto append = [&](sd_bus_message* m) {
+                int r = sd_bus_message_append_array(m, 'y', data + offset, n);
+                return r < 0 ? r : sd_bus_message_append(m, "a{sv}", 1, "type", "s", type);
+            };
+            if (!callBluez(bus, link.writePath, kCharIface, "WriteValue", kWriteCallUsec, append, nullptr, error)) {
+                return false;
+            }
         }
+        return true;
+    });
+    if (!ok) {
+        mgr.lastError.set("WriteValue on " + link.writePath + ": " + error.text);
+        return false;
     }
     return true;
 }
