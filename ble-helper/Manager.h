@@ -6,7 +6,6 @@
 // alone. Everything the signal handlers touch is guarded by stateMutex, and
 // `changed` is notified whenever it moves.
 #pragma once
-#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
