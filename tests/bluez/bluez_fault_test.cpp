@@ -84,7 +84,7 @@ TEST_F(BlueZFaults, RefusedWriteIsASendError)
     unsigned before = requestsSeen();
     control("RefuseWrites", "u", 1);
     int position = 0;
-    EXPECT_EQ(NKRGetPosition(id, &position), NKR_ERROR_GENERAL);
+    EXPECT_EQ(NKRGetPosition(id, &position), NKR_ERROR_BLE_SEND);
     EXPECT_EQ(requestsSeen(), before);
     EXPECT_EQ(NKRGetPosition(id, &position), NKR_SUCCESS);
     EXPECT_EQ(NKRBLEDisconnect(id), NKR_SUCCESS);

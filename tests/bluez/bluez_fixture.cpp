@@ -147,13 +147,13 @@ void BlueZTest::control(const char* method, const char* signature, unsigned valu
     sd_bus_message* reply = nullptr;
     int r;
     if (signature[0] == 'u')
-        r = sd_bus_call_method(bus, "org.bluez", "/org/nkr/sim", "org.nkr.SimControl1", method, &error,
+        r = sd_bus_call_method(bus, "org.nkr.SimBlueZ", "/org/nkr/sim", "org.nkr.SimControl1", method, &error,
                                &reply, "u", value);
     else if (signature[0] == 'b')
-        r = sd_bus_call_method(bus, "org.bluez", "/org/nkr/sim", "org.nkr.SimControl1", method, &error,
+        r = sd_bus_call_method(bus, "org.nkr.SimBlueZ", "/org/nkr/sim", "org.nkr.SimControl1", method, &error,
                                &reply, "b", static_cast<int>(value != 0));
     else
-        r = sd_bus_call_method(bus, "org.bluez", "/org/nkr/sim", "org.nkr.SimControl1", method, &error,
+        r = sd_bus_call_method(bus, "org.nkr.SimBlueZ", "/org/nkr/sim", "org.nkr.SimControl1", method, &error,
                                &reply, "");
     EXPECT_GE(r, 0) << method << ": " << (error.message ? error.message : "");
     sd_bus_error_free(&error);
@@ -170,7 +170,7 @@ unsigned BlueZTest::requestsSeen()
     sd_bus_set_bus_client(bus, 1);
     sd_bus_message* reply = nullptr;
     if (sd_bus_start(bus) >= 0 &&
-        sd_bus_call_method(bus, "org.bluez", "/org/nkr/sim", "org.nkr.SimControl1", "Requests", nullptr,
+        sd_bus_call_method(bus, "org.nkr.SimBlueZ", "/org/nkr/sim", "org.nkr.SimControl1", "Requests", nullptr,
                            &reply, "") >= 0)
         sd_bus_message_read(reply, "u", &count);
     sd_bus_message_unref(reply);

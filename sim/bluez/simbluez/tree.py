@@ -233,9 +233,9 @@ class Device(PropertyObject):
             size = faults.chunk
             pieces = [answer[i:i + size] for i in range(0, len(answer), size)] or [b""]
             if faults.drop_next:
-                # The radio goes after the first piece of the answer.
+                # The radio goes half-way through the answer.
                 faults.drop_next = False
-                self.notify_char.notify(pieces[0])
+                self.notify_char.notify(answer[:max(1, len(answer) // 2)])
                 GLib.idle_add(lambda: (self.drop(), False)[1])
                 return
             for piece in pieces:

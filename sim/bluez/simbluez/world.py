@@ -7,6 +7,7 @@ from gi.repository import GLib
 from . import tree
 
 CONTROL = "org.nkr.SimControl1"
+CONTROL_NAME = "org.nkr.SimBlueZ"
 CONTROL_PATH = "/org/nkr/sim"
 ADAPTER_PATH = "/org/bluez/hci0"
 ADAPTER_ADDRESS = "00:1A:7D:DA:71:13"
