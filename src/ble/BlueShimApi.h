@@ -36,4 +36,8 @@ using pfn_ble_manager_get_mac = int (*)(void* mgr, char* buf, int capacity);
 using pfn_ble_set_is_read = void (*)(void* mgr, int isRead);
 using pfn_ble_set_connect_state_callback = void (*)(void* mgr, BleConnectStateFn callback);
 
+// Optional: a readable text of the manager's last failure, valid until the
+// next call on that manager. Helpers may leave it out.
+using pfn_ble_manager_last_error = const char* (*)(void* mgr);
+
 }  // extern "C"

@@ -1,6 +1,7 @@
 #include "BluetoothLEManagerLinux.h"
 
 #include "ElfCheck.h"
+#include "HelperLocation.h"
 
 #include <dlfcn.h>
 
@@ -15,16 +16,9 @@
 
 namespace {
 
-constexpr const char* kDefaultHelperPath = "./lib/libBlueShim.so";
 constexpr int kScanCapacity = 16;
 constexpr unsigned kReceiveCapacity = 512;
 constexpr int kMacCapacity = 32;
-
-const char* helperPath()
-{
-    const char* fromEnv = std::getenv("NKR_BLE_HELPER");
-    return (fromEnv != nullptr && *fromEnv != '\0') ? fromEnv : kDefaultHelperPath;
-}
 
 template <typename Fn>
 Fn resolve(void* lib, const char* name)
@@ -76,12 +70,14 @@ int32_t BluetoothLEManagerLinux::init()
     }
     // A damaged file would take the host down inside the loader; refuse it
     // with the loader's own message form instead.
+    const std::string path = nkrble::chooseHelperPath();
+    if (path.empty()) return -1;
     std::string why;
-    if (!nkrble::elfFileIsWhole(helperPath(), why)) {
-        NKR_LOG("dlopen error: %s: %s", helperPath(), why.c_str());
+    if (!nkrble::elfFileIsWhole(path.c_str(), why)) {
+        NKR_LOG("dlopen error: %s: %s", path.c_str(), why.c_str());
         return -1;
     }
-    m_hLib = dlopen(helperPath(), RTLD_LAZY);
+    m_hLib = dlopen(path.c_str(), RTLD_LAZY);
     if (m_hLib == nullptr) {
         const char* error = dlerror();
         NKR_LOG("dlopen error: %s", error != nullptr ? error : "");

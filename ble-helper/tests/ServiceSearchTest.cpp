@@ -1,0 +1,191 @@
+// Picking the adapter, the units and the serial service out of BlueZ's
+// object tree.
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+#include "../Adapter.h"
+#include "../DeviceLink.h"
+#include "../Uuid.h"
+
+using namespace blueshim;
+
+namespace {
+
+const std::string kDev = "/org/bluez/hci0/dev_AA_BB_CC_DD_EE_01";
+const std::string kSerial = "6e400001-b5a3-f393-e0a9-e50e24dcca9e";
+
+Value text(const std::string& s, const char* sig = "s")
+{
+    Value v;
+    v.signature = sig;
+    v.text = s;
+    return v;
+}
+
+Value flag(bool b)
+{
+    Value v;
+    v.signature = "b";
+    v.boolean = b;
+    return v;
+}
+
+Value flags(std::vector<std::string> list)
+{
+    Value v;
+    v.signature = "as";
+    v.texts = std::move(list);
+    return v;
+}
+
+void addService(ObjectTree& tree, const std::string& path, const std::string& uuid, bool primary = true)
+{
+    tree[path][kServiceIface] = {{"UUID", text(uuid)}, {"Primary", flag(primary)}, {"Device", text(kDev, "o")}};
+}
+
+void addChar(ObjectTree& tree, const std::string& path, const std::string& service, const std::string& uuid,
+             std::vector<std::string> f)
+{
+    tree[path][kCharIface] = {{"UUID", text(uuid)}, {"Service", text(service, "o")}, {"Flags", flags(std::move(f))}};
+}
+
+}  // namespace
+
+TEST(Uuid, SigBaseUuidsAreStandardServices)
+{
+    EXPECT_TRUE(isSigUuid("00001800-0000-1000-8000-00805f9b34fb"));
+    EXPECT_TRUE(isSigUuid("0000180F-0000-1000-8000-00805F9B34FB"));
+    EXPECT_FALSE(isSigUuid(kSerial));
+    EXPECT_FALSE(isSigUuid("12341800-0000-1000-8000-00805f9b34fb"));
+    EXPECT_FALSE(isSigUuid(""));
+}
+
+TEST(Uuid, AddressesParseAndOtherTextIsNotAnAddress)
+{
+    EXPECT_TRUE(isBluetoothAddress("AA:BB:cc:00:11:22"));
+    EXPECT_EQ(addressValue("00:00:00:00:01:02"), 0x0102);
+    EXPECT_EQ(addressValue("FF:FF:FF:FF:FF:FF"), 0xFFFFFFFFFFFFLL);
+    EXPECT_FALSE(isBluetoothAddress("NKR Pro"));
+    EXPECT_FALSE(isBluetoothAddress("AA:BB:CC:DD:EE:F"));
+    EXPECT_FALSE(isBluetoothAddress("AA-BB-CC-DD-EE-FF"));
+    EXPECT_EQ(addressValue("NKR Pro"), 0);
+}
+
+TEST(ServiceSearch, StandardServicesAndIncompleteServicesAreSkipped)
+{
+    ObjectTree tree;
+    // A SIG service with write and notify comes first in path order.
+    addService(tree, kDev + "/service0001", "0000180a-0000-1000-8000-00805f9b34fb");
+    addChar(tree, kDev + "/service0001/char0002", kDev + "/service0001", "00002a29-0000-1000-8000-00805f9b34fb",
+            {"read", "write", "notify"});
+    // A vendor service that only notifies.
+    addService(tree, kDev + "/service0010", "11111111-2222-3333-4444-555555555555");
+    addChar(tree, kDev + "/service0010/char0011", kDev + "/service0010", "11111111-2222-3333-4444-555555555556",
+            {"notify"});
+    // The serial service: separate write and notify characteristics.
+    addService(tree, kDev + "/service0020", kSerial);
+    addChar(tree, kDev + "/service0020/char0021", kDev + "/service0020", "6e400003-b5a3-f393-e0a9-e50e24dcca9e",
+            {"notify"});
+    addChar(tree, kDev + "/service0020/char0023", kDev + "/service0020", "6e400002-b5a3-f393-e0a9-e50e24dcca9e",
+            {"write-without-response", "write"});
+
+    SerialService found;
+    ASSERT_TRUE(findSerialService(tree, kDev, {}, found));
+    EXPECT_EQ(found.servicePath, kDev + "/service0020");
+    EXPECT_EQ(found.writePath, kDev + "/service0020/char0023");
+    EXPECT_EQ(found.notifyPath, kDev + "/service0020/char0021");
+    EXPECT_TRUE(found.writeWithoutResponse);
+    EXPECT_EQ(found.mtu, 23u);
+}
+
+TEST(ServiceSearch, OneCharacteristicMayWriteAndIndicateAndReportsItsMtu)
+{
+    ObjectTree tree;
+    addService(tree, kDev + "/service0020", kSerial);
+    addChar(tree, kDev + "/service0020/char0021", kDev + "/service0020", "6e400002-b5a3-f393-e0a9-e50e24dcca9e",
+            {"write", "indicate"});
+    Value mtu;
+    mtu.signature = "q";
+    mtu.number = 185;
+    tree[kDev + "/service0020/char0021"][kCharIface]["MTU"] = mtu;
+    SerialService found;
+    ASSERT_TRUE(findSerialService(tree, kDev, {}, found));
+    EXPECT_EQ(found.writePath, found.notifyPath);
+    EXPECT_FALSE(found.writeWithoutResponse);
+    EXPECT_EQ(found.mtu, 185u);
+}
+
+TEST(ServiceSearch, SecondaryServicesAndOtherDevicesDoNotCount)
+{
+    ObjectTree tree;
+    addService(tree, kDev + "/service0020", kSerial, /*primary=*/false);
+    addChar(tree, kDev + "/service0020/char0021", kDev + "/service0020", "x", {"write", "notify"});
+    SerialService found;
+    EXPECT_FALSE(findSerialService(tree, kDev, {}, found));
+    addService(tree, kDev + "/service0030", kSerial);
+    addChar(tree, kDev + "/service0030/char0031", kDev + "/service0030", "x", {"write", "notify"});
+    EXPECT_FALSE(findSerialService(tree, "/org/bluez/hci0/dev_00_00_00_00_00_02", {}, found));
+    EXPECT_TRUE(findSerialService(tree, kDev, {}, found));
+}
+
+TEST(ServiceSearch, OverridesNameTheServiceAndCharacteristicsInAnyCase)
+{
+    ObjectTree tree;
+    addService(tree, kDev + "/service0001", "0000fff0-0000-1000-8000-00805f9b34fb");
+    addChar(tree, kDev + "/service0001/char0002", kDev + "/service0001", "0000fff1-0000-1000-8000-00805f9b34fb",
+            {"write", "notify"});
+    addChar(tree, kDev + "/service0001/char0004", kDev + "/service0001", "0000fff2-0000-1000-8000-00805f9b34fb",
+            {"notify"});
+    addService(tree, kDev + "/service0020", kSerial);
+    addChar(tree, kDev + "/service0020/char0021", kDev + "/service0020", "y", {"write", "notify"});
+
+    ServiceOverrides overrides;
+    overrides.service = "0000fff0-0000-1000-8000-00805f9b34fb";
+    overrides.notify = "0000fff2-0000-1000-8000-00805f9b34fb";
+    SerialService found;
+    ASSERT_TRUE(findSerialService(tree, kDev, overrides, found));
+    EXPECT_EQ(found.writePath, kDev + "/service0001/char0002");
+    EXPECT_EQ(found.notifyPath, kDev + "/service0001/char0004");
+
+    overrides.write = "0000ffff-0000-1000-8000-00805f9b34fb";  // not there
+    EXPECT_FALSE(findSerialService(tree, kDev, overrides, found));
+}
+
+TEST(AdapterTree, FirstOrNamedAdapterAndOnlyItsNkrUnitsAreListed)
+{
+    ObjectTree tree;
+    tree["/org/bluez/hci0"][kAdapterIface] = {{"Powered", flag(true)}};
+    tree["/org/bluez/hci1"][kAdapterIface] = {{"Powered", flag(true)}};
+    tree["/org/bluez/hci0/dev_AA_BB_CC_DD_EE_01"][kDeviceIface] = {
+        {"Name", text("NKR Pro")}, {"Address", text("AA:BB:CC:DD:EE:01")}, {"RSSI", [] {
+             Value v;
+             v.signature = "n";
+             v.number = -60;
+             return v;
+         }()}};
+    tree["/org/bluez/hci0/dev_AA_BB_CC_DD_EE_02"][kDeviceIface] = {{"Alias", text("NKR Mini")},
+                                                                    {"Address", text("AA:BB:CC:DD:EE:02")}};
+    tree["/org/bluez/hci0/dev_AA_BB_CC_DD_EE_03"][kDeviceIface] = {{"Name", text("Headphones")},
+                                                                    {"Address", text("AA:BB:CC:DD:EE:03")}};
+    tree["/org/bluez/hci1/dev_AA_BB_CC_DD_EE_04"][kDeviceIface] = {{"Name", text("NKR Other")},
+                                                                    {"Address", text("AA:BB:CC:DD:EE:04")}};
+
+    EXPECT_EQ(findAdapter(tree, ""), "/org/bluez/hci0");
+    EXPECT_EQ(findAdapter(tree, "hci1"), "/org/bluez/hci1");
+    EXPECT_EQ(findAdapter(tree, "hci2"), "");
+
+    BleScanRecord records[4];
+    ASSERT_EQ(collectUnits(tree, "/org/bluez/hci0", records, 4), 2);
+    EXPECT_STREQ(records[0].name, "NKR Pro");
+    EXPECT_STREQ(records[0].address, "AA:BB:CC:DD:EE:01");
+    EXPECT_EQ(records[0].rssi, -60);
+    EXPECT_EQ(records[0].btAddress, 0xAABBCCDDEE01LL);
+    EXPECT_STREQ(records[1].name, "NKR Mini");
+    EXPECT_EQ(records[1].rssi, 0);
+    EXPECT_EQ(collectUnits(tree, "/org/bluez/hci0", records, 1), 1) << "capacity is respected";
+
+    EXPECT_EQ(findDevice(tree, "/org/bluez/hci0", "aa:bb:cc:dd:ee:02"), "/org/bluez/hci0/dev_AA_BB_CC_DD_EE_02");
+    EXPECT_EQ(findDevice(tree, "/org/bluez/hci0", "NKR Pro"), "/org/bluez/hci0/dev_AA_BB_CC_DD_EE_01");
+    EXPECT_EQ(findDevice(tree, "/org/bluez/hci0", "NKR Other"), "") << "a device of another adapter";
+}

@@ -1,0 +1,1 @@
+"""A simulated BlueZ: the org.bluez D-Bus API over the focuser simulator's units."""

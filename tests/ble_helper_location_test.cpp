@@ -1,0 +1,119 @@
+// Which helper library the BLE manager is willing to load, and from where.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+#include "../src/ble/HelperLocation.h"
+
+namespace {
+namespace fs = std::filesystem;
+
+class HelperLocation : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        char dir[] = "/tmp/nkr-helper-XXXXXX";
+        ASSERT_NE(mkdtemp(dir), nullptr);
+        tmp_ = dir;
+        oldCwd_ = fs::current_path();
+        fs::current_path(tmp_);
+        unsetenv("NKR_BLE_HELPER");
+    }
+    void TearDown() override
+    {
+        fs::current_path(oldCwd_);
+        std::error_code ec;
+        fs::remove_all(tmp_, ec);
+        if (!installed_.empty()) {
+            fs::remove(installed_, ec);
+            if (createdInstallDir_) fs::remove(fs::path(installed_).parent_path(), ec);
+        }
+        unsetenv("NKR_BLE_HELPER");
+    }
+
+    std::string file(const std::string& name, mode_t mode)
+    {
+        fs::path p = fs::path(tmp_) / name;
+        fs::create_directories(p.parent_path());
+        std::ofstream(p) << "helper";
+        chmod(p.c_str(), mode);
+        return p.string();
+    }
+
+    // Puts a helper where the SDK installs it, next to the library that holds this code.
+    void install(mode_t mode)
+    {
+        installed_ = nkrble::installedHelperPath();
+        ASSERT_FALSE(installed_.empty());
+        fs::path folder = fs::path(installed_).parent_path();
+        createdInstallDir_ = !fs::exists(folder);
+        fs::create_directories(folder);
+        ASSERT_FALSE(fs::exists(installed_)) << "left over from an earlier run: " << installed_;
+        std::ofstream(installed_) << "helper";
+        chmod(installed_.c_str(), mode);
+    }
+
+    std::string tmp_;
+    fs::path oldCwd_;
+    std::string installed_;
+    bool createdInstallDir_ = false;
+};
+
+TEST_F(HelperLocation, FilesOthersCanWriteAreRefusedAndLinksCountByTheirTarget)
+{
+    EXPECT_EQ(nkrble::helperRefusal(file("mine.so", 0644).c_str()), "");
+    EXPECT_EQ(nkrble::helperRefusal(file("private.so", 0700).c_str()), "");
+    EXPECT_NE(nkrble::helperRefusal(file("group.so", 0664).c_str()), "");
+    EXPECT_NE(nkrble::helperRefusal(file("world.so", 0646).c_str()), "");
+    EXPECT_EQ(nkrble::helperRefusal((tmp_ + "/missing.so").c_str()), "") << "the loader reports a missing file";
+
+    fs::create_symlink(tmp_ + "/mine.so", tmp_ + "/good-link.so");
+    fs::create_symlink(tmp_ + "/world.so", tmp_ + "/bad-link.so");
+    EXPECT_EQ(nkrble::helperRefusal((tmp_ + "/good-link.so").c_str()), "");
+    EXPECT_NE(nkrble::helperRefusal((tmp_ + "/bad-link.so").c_str()), "");
+}
+
+TEST_F(HelperLocation, FileOfAnotherUserIsRefused)
+{
+    if (geteuid() != 0) GTEST_SKIP() << "changing a file's owner needs root";
+    std::string p = file("theirs.so", 0644);
+    ASSERT_EQ(chown(p.c_str(), 12345, 12345), 0);
+    EXPECT_NE(nkrble::helperRefusal(p.c_str()), "");
+}
+
+TEST_F(HelperLocation, EnvironmentOverridesButIsCheckedToo)
+{
+    std::string good = file("elsewhere/good.so", 0644);
+    file("lib/libBlueShim.so", 0644);
+    setenv("NKR_BLE_HELPER", good.c_str(), 1);
+    EXPECT_EQ(nkrble::chooseHelperPath(), good);
+    setenv("NKR_BLE_HELPER", file("elsewhere/open.so", 0666).c_str(), 1);
+    EXPECT_EQ(nkrble::chooseHelperPath(), "") << "no fall-back past a refused override";
+    setenv("NKR_BLE_HELPER", (tmp_ + "/elsewhere/missing.so").c_str(), 1);
+    EXPECT_EQ(nkrble::chooseHelperPath(), tmp_ + "/elsewhere/missing.so") << "a missing override is not replaced";
+}
+
+TEST_F(HelperLocation, WorkingFolderFirstThenTheInstalledHelper)
+{
+    // Nothing anywhere: the usual path, so the loader's message names it.
+    EXPECT_EQ(nkrble::chooseHelperPath(), "./lib/libBlueShim.so");
+
+    install(0644);
+    EXPECT_EQ(nkrble::chooseHelperPath(), installed_) << "nothing in ./lib";
+
+    std::string local = file("lib/libBlueShim.so", 0644);
+    EXPECT_EQ(nkrble::chooseHelperPath(), "./lib/libBlueShim.so") << "./lib comes first";
+
+    chmod(local.c_str(), 0666);
+    EXPECT_EQ(nkrble::chooseHelperPath(), installed_) << "a refused ./lib helper falls back";
+
+    chmod(installed_.c_str(), 0666);
+    EXPECT_EQ(nkrble::chooseHelperPath(), "") << "both refused";
+}
+
+}  // namespace
