@@ -23,7 +23,9 @@ void AlpacaTest::SetUp()
     a.position = 30000;
     nkrsim::UnitSpec b = a;
     b.serial = {'A', 'L', 'P', 'A', 'C', 'A', '0', '2'};
-    b.position = 10000;
+    // Same start as A: the scan closes each unit (saving a position) and the
+    // library may restore the last one saved on the next open.
+    b.position = 30000;
     unitA_ = nkrsim::addUnit(a);
     unitB_ = nkrsim::addUnit(b);
     startServer();

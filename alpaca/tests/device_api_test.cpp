@@ -161,7 +161,7 @@ TEST_F(AlpacaTest, DeviceStateListsNamedValues)
     std::map<std::string, json> values;
     for (auto& item : state["Value"]) values[item["Name"]] = item["Value"];
     EXPECT_EQ(values["IsMoving"], false);
-    EXPECT_EQ(values["Position"], 10000);
+    EXPECT_EQ(values["Position"], 30000);
     EXPECT_TRUE(values["Temperature"].is_number());
     ASSERT_TRUE(values["TimeStamp"].is_string());
     EXPECT_EQ(values["TimeStamp"].get<std::string>().back(), 'Z');

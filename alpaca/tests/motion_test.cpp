@@ -48,7 +48,7 @@ TEST_F(AlpacaTest, UnpluggedUnitAnswersNotConnectedAndComesBackWhenReplugged)
     nkrsim::unplug(unitA_);
     EXPECT_EQ(get(device(0, "position"))["ErrorNumber"], 0x407);
     EXPECT_EQ(get(device(0, "connected"))["Value"], false);
-    EXPECT_EQ(get(device(1, "position"))["Value"], 10000);  // the other unit is untouched
+    EXPECT_EQ(get(device(1, "position"))["Value"], 30000);  // the other unit is untouched
     json devices = get("/management/v1/configureddevices")["Value"];
     EXPECT_EQ(devices.size(), 2u);  // it keeps its number while away
 
@@ -56,7 +56,7 @@ TEST_F(AlpacaTest, UnpluggedUnitAnswersNotConnectedAndComesBackWhenReplugged)
     json back = get(device(0, "position"));
     EXPECT_EQ(back["ErrorNumber"], 0) << back.dump();
     EXPECT_EQ(get(device(0, "connected"))["Value"], true);
-    EXPECT_EQ(get(device(1, "position"))["Value"], 10000);
+    EXPECT_EQ(get(device(1, "position"))["Value"], 30000);
 }
 
 }  // namespace

@@ -47,7 +47,7 @@ TEST_F(AlpacaTest, BrowserSubmitsTheSettingsFormAndSeesTheResult)
     std::filesystem::path submit = dir_ / "submit.html";
     std::ofstream(submit) << "<!DOCTYPE html><form method=\"post\" action=\"" << base
                           << "/setup/v1/focuser/0/setup\"><input name=\"backlash\" value=\"77\">"
-                             "<input name=\"maxstep\" value=\"-5\"></form>"
+                             "<input name=\"maxstep\" value=\"abc\"></form>"
                              "<script>document.forms[0].submit()</script>";
     std::string result = chromium(dir_ / "profile2", "--virtual-time-budget=10000 --dump-dom file://" + submit.string());
     EXPECT_NE(result.find("Backlash saved."), std::string::npos) << result;
