@@ -1,0 +1,83 @@
+// nkr-alpaca: serves every NKR focuser as an ASCOM Alpaca focuser.
+#include <CLI/CLI.hpp>
+#include <NKR_focuser.h>
+
+#include <csignal>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "src/alpaca_server.h"
+#include "src/device_registry.h"
+#include "src/discovery.h"
+#include "src/focuser_members.h"
+#include "src/log.h"
+#include "src/simulate.h"
+
+int main(int argc, char** argv)
+{
+    CLI::App app{"nkr-alpaca: ASCOM Alpaca server for NKR focusers"};
+    bool simulate = false;
+    bool noDiscovery = false;
+    int port = 11111;
+    int discoveryPort = alpaca::kDiscoveryPort;
+    std::string bind = "0.0.0.0";
+    std::vector<std::string> bleNames;
+    alpaca::ServerLimits limits;
+    app.add_flag("--simulate", simulate, "serve simulated units instead of real hardware");
+    app.add_option("--port", port, "HTTP port of the Alpaca API")->check(CLI::Range(1, 65535));
+    app.add_option("--bind", bind, "address to listen on (0.0.0.0 = every interface, 127.0.0.1 = this computer only)");
+    app.add_option("--ble", bleNames, "attach the Bluetooth unit with this name (repeatable)");
+    app.add_flag("--no-discovery", noDiscovery, "do not answer Alpaca discovery on UDP");
+    app.add_option("--discovery-port", discoveryPort, "UDP port of Alpaca discovery")->check(CLI::Range(1, 65535));
+    app.add_option("--threads", limits.threads, "connections served at once")->check(CLI::Range(1, 256));
+    app.add_flag_callback("--version", [] {
+        std::printf("nkr-alpaca %s\n", alpaca::driverVersion().c_str());
+        std::exit(0);
+    }, "print the version");
+    CLI11_PARSE(app, argc, argv);
+
+    if (simulate) {
+        std::string error = alpaca::enterSimulator(argv);
+        if (!error.empty()) {
+            std::fprintf(stderr, "nkr-alpaca: %s\n", error.c_str());
+            return 1;
+        }
+        alpaca::logInfo("serving simulated units");
+    }
+
+    // Signals are taken by sigwait below, not by handlers on random threads.
+    sigset_t stopSignals;
+    sigemptyset(&stopSignals);
+    sigaddset(&stopSignals, SIGINT);
+    sigaddset(&stopSignals, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+    std::signal(SIGPIPE, SIG_IGN);
+
+    alpaca::logInfo("nkr-alpaca " + alpaca::driverVersion() + ", SDK " + NKRGetSDKVersion());
+    std::string statePath = alpaca::DeviceRegistry::defaultStatePath();
+    alpaca::DeviceRegistry registry(statePath);
+    registry.rescan();
+    for (const std::string& name : bleNames) {
+        int rc = registry.attachBle(name);
+        if (rc != NKR_SUCCESS)
+            alpaca::logWarn("cannot attach Bluetooth unit " + name + ": " + alpaca::sdkErrorText(rc));
+    }
+    alpaca::logInfo(std::to_string(registry.all().size()) + " focuser(s); device numbers kept in " + statePath);
+
+    alpaca::AlpacaServer server(registry, limits);
+    if (server.start(bind, port) < 0) {
+        alpaca::logWarn("cannot listen on " + bind + ":" + std::to_string(port));
+        return 1;
+    }
+    alpaca::logInfo("Alpaca API on http://" + bind + ":" + std::to_string(port) + "/ (setup pages at /setup)");
+    alpaca::DiscoveryResponder discovery(port, discoveryPort, bind);
+    if (!noDiscovery) discovery.start();
+
+    int signal = 0;
+    sigwait(&stopSignals, &signal);
+    alpaca::logInfo("stopping");
+    discovery.stop();
+    server.stop();
+    return 0;
+}

@@ -1,0 +1,58 @@
+// The HTTP side: device API, management API and setup pages on one
+// httplib server with bounded bodies, timeouts and a fixed thread pool.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <thread>
+
+#include "device_registry.h"
+
+namespace httplib {
+class Server;
+}
+
+namespace alpaca {
+
+struct ServerLimits {
+    size_t maxBodyBytes = 16 * 1024;  // form bodies are tiny; anything larger is refused (413)
+    int readTimeoutSeconds = 5;       // a client that stalls mid-request is dropped
+    int writeTimeoutSeconds = 5;
+    int keepAliveSeconds = 30;
+    int threads = 8;                  // concurrent connections served at once
+};
+
+class AlpacaServer {
+public:
+    AlpacaServer(DeviceRegistry& registry, ServerLimits limits = {});
+    ~AlpacaServer();
+
+    // Binds host:port (port 0 = any free port) and serves on a thread of its
+    // own. Returns the bound port, or -1 when the address cannot be bound.
+    int start(const std::string& host, int port);
+    // Stops serving and joins the thread.
+    void stop();
+    int port() const { return port_; }
+
+    // Counts up from 1 for every device and management answer.
+    uint32_t nextServerTransactionId() { return ++serverTransactionId_; }
+    DeviceRegistry& registry() { return registry_; }
+
+private:
+    void routeDeviceApi();
+    void routeManagement();
+
+    DeviceRegistry& registry_;
+    ServerLimits limits_;
+    std::unique_ptr<httplib::Server> http_;
+    std::thread thread_;
+    std::atomic<uint32_t> serverTransactionId_{0};
+    int port_ = -1;
+};
+
+// Registers /setup and /setup/v1/focuser/{n}/setup on the server.
+void routeSetupPages(httplib::Server& http, AlpacaServer& server);
+
+}  // namespace alpaca

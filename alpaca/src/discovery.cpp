@@ -1,0 +1,152 @@
+#include "discovery.h"
+
+#include <arpa/inet.h>
+#include <net/if.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <nlohmann/json.hpp>
+
+#include "log.h"
+
+namespace alpaca {
+namespace {
+
+constexpr char kProbe[] = "alpacadiscovery1";
+constexpr char kGroup6[] = "ff12::a1:9aca";
+
+int openSocket4(const std::string& host, int port)
+{
+    int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) return -1;
+    int on = 1;
+    setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    setsockopt(fd, SOL_SOCKET, SO_BROADCAST, &on, sizeof on);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_port = htons(static_cast<uint16_t>(port));
+    addr.sin_addr.s_addr = htonl(INADDR_ANY);
+    if (!host.empty() && host != "0.0.0.0" && inet_pton(AF_INET, host.c_str(), &addr.sin_addr) != 1) {
+        close(fd);
+        return -1;
+    }
+    if (bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
+        close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+int openSocket6(const std::string& host, int port)
+{
+    int fd = socket(AF_INET6, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) return -1;
+    int on = 1;
+    setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    setsockopt(fd, IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof on);
+    sockaddr_in6 addr{};
+    addr.sin6_family = AF_INET6;
+    addr.sin6_port = htons(static_cast<uint16_t>(port));
+    addr.sin6_addr = in6addr_any;
+    bool any = host.empty() || host == "0.0.0.0" || host == "::";
+    if (!any && inet_pton(AF_INET6, host.c_str(), &addr.sin6_addr) != 1) {
+        close(fd);
+        return -1;
+    }
+    if (bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
+        close(fd);
+        return -1;
+    }
+    if (any) {
+        // Join the group on every interface that has multicast; the default
+        // interface (0) alone misses the others on a multi-homed host.
+        ipv6_mreq group{};
+        inet_pton(AF_INET6, kGroup6, &group.ipv6mr_multiaddr);
+        bool joined = false;
+        if (struct if_nameindex* list = if_nameindex()) {
+            for (struct if_nameindex* i = list; i->if_index != 0; ++i) {
+                group.ipv6mr_interface = i->if_index;
+                if (setsockopt(fd, IPPROTO_IPV6, IPV6_JOIN_GROUP, &group, sizeof group) == 0) joined = true;
+            }
+            if_freenameindex(list);
+        }
+        if (!joined) logWarn("IPv6 discovery: cannot join ff12::a1:9aca");
+    }
+    return fd;
+}
+
+void answer(int fd, int httpPort)
+{
+    char buffer[512];
+    sockaddr_storage from{};
+    socklen_t fromLen = sizeof from;
+    ssize_t n = recvfrom(fd, buffer, sizeof buffer, 0, reinterpret_cast<sockaddr*>(&from), &fromLen);
+    if (n < static_cast<ssize_t>(sizeof kProbe - 1)) return;
+    if (std::memcmp(buffer, kProbe, sizeof kProbe - 1) != 0) return;
+    std::string reply = nlohmann::json{{"AlpacaPort", httpPort}}.dump();
+    sendto(fd, reply.data(), reply.size(), 0, reinterpret_cast<sockaddr*>(&from), fromLen);
+}
+
+int localPort(int fd)
+{
+    sockaddr_storage addr{};
+    socklen_t len = sizeof addr;
+    if (getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len) != 0) return -1;
+    if (addr.ss_family == AF_INET) return ntohs(reinterpret_cast<sockaddr_in*>(&addr)->sin_port);
+    return ntohs(reinterpret_cast<sockaddr_in6*>(&addr)->sin6_port);
+}
+
+}  // namespace
+
+DiscoveryResponder::DiscoveryResponder(int httpPort, int discoveryPort, std::string bindHost)
+    : httpPort_(httpPort), discoveryPort_(discoveryPort), bindHost_(std::move(bindHost))
+{
+}
+
+DiscoveryResponder::~DiscoveryResponder() { stop(); }
+
+bool DiscoveryResponder::start()
+{
+    bool v6Only = bindHost_.find(':') != std::string::npos;
+    if (!v6Only) socket4_ = openSocket4(bindHost_, discoveryPort_);
+    int port = socket4_ >= 0 ? localPort(socket4_) : discoveryPort_;
+    std::string host6 = bindHost_.empty() || bindHost_ == "0.0.0.0" ? "" : bindHost_ == "127.0.0.1" ? "::1" : bindHost_;
+    if (v6Only || host6.empty() || host6 == "::1") socket6_ = openSocket6(host6, port);
+    if (socket4_ < 0 && socket6_ < 0) {
+        logWarn("discovery: cannot bind UDP port " + std::to_string(discoveryPort_) + ": " + std::strerror(errno));
+        return false;
+    }
+    boundPort_ = socket4_ >= 0 ? port : localPort(socket6_);
+    logInfo("discovery answers on UDP port " + std::to_string(boundPort_) + (socket4_ >= 0 ? " (IPv4)" : "") +
+            (socket6_ >= 0 ? " (IPv6 ff12::a1:9aca)" : ""));
+    thread_ = std::thread([this] { run(); });
+    return true;
+}
+
+void DiscoveryResponder::stop()
+{
+    stopping_ = true;
+    if (thread_.joinable()) thread_.join();
+    if (socket4_ >= 0) close(socket4_);
+    if (socket6_ >= 0) close(socket6_);
+    socket4_ = socket6_ = -1;
+}
+
+void DiscoveryResponder::run()
+{
+    // Short poll timeout so stop() returns promptly.
+    while (!stopping_) {
+        pollfd fds[2];
+        int count = 0;
+        if (socket4_ >= 0) fds[count++] = {socket4_, POLLIN, 0};
+        if (socket6_ >= 0) fds[count++] = {socket6_, POLLIN, 0};
+        if (poll(fds, static_cast<nfds_t>(count), 200) <= 0) continue;
+        for (int i = 0; i < count; ++i)
+            if (fds[i].revents & POLLIN) answer(fds[i].fd, httpPort_);
+    }
+}
+
+}  // namespace alpaca

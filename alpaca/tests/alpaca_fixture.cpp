@@ -1,0 +1,102 @@
+#include "alpaca_fixture.h"
+
+#include <cstdlib>
+
+#include "log.h"
+
+namespace alpaca::test {
+
+void AlpacaTest::SetUp()
+{
+    char pattern[] = "/tmp/nkr-alpaca-test-XXXXXX";
+    ASSERT_NE(mkdtemp(pattern), nullptr);
+    dir_ = pattern;
+    setenv("HOME", dir_.c_str(), 1);
+    setenv("XDG_CONFIG_HOME", (dir_ / "config").c_str(), 1);
+    setenv("XDG_STATE_HOME", (dir_ / "state").c_str(), 1);
+    statePath_ = (dir_ / "config" / "nkr-alpaca" / "devices.json").string();
+    setLogQuiet(true);
+
+    nkrsim::reset();
+    nkrsim::UnitSpec a;
+    a.serial = {'A', 'L', 'P', 'A', 'C', 'A', '0', '1'};
+    a.position = 30000;
+    nkrsim::UnitSpec b = a;
+    b.serial = {'A', 'L', 'P', 'A', 'C', 'A', '0', '2'};
+    // Same start as A: the scan closes each unit (saving a position) and the
+    // library may restore the last one saved on the next open.
+    b.position = 30000;
+    unitA_ = nkrsim::addUnit(a);
+    unitB_ = nkrsim::addUnit(b);
+    startServer();
+}
+
+void AlpacaTest::TearDown()
+{
+    stopServer();
+    std::error_code ec;
+    std::filesystem::remove_all(dir_, ec);
+}
+
+void AlpacaTest::startServer()
+{
+    registry_ = std::make_unique<DeviceRegistry>(statePath_);
+    registry_->rescan();
+    server_ = std::make_unique<AlpacaServer>(*registry_);
+    port_ = server_->start("127.0.0.1", 0);
+    ASSERT_GT(port_, 0);
+    client_ = std::make_unique<httplib::Client>("127.0.0.1", port_);
+    client_->set_read_timeout(10, 0);
+}
+
+void AlpacaTest::stopServer()
+{
+    client_.reset();
+    if (server_) server_->stop();
+    server_.reset();
+    registry_.reset();
+}
+
+json AlpacaTest::get(const std::string& path)
+{
+    auto res = client_->Get(path);
+    if (!res) {
+        lastStatus_ = -1;
+        return {};
+    }
+    lastStatus_ = res->status;
+    lastBody_ = res->body;
+    return res->status == 200 ? json::parse(res->body, nullptr, false) : json();
+}
+
+json AlpacaTest::put(const std::string& path, const std::string& form)
+{
+    auto res = client_->Put(path, form, "application/x-www-form-urlencoded");
+    if (!res) {
+        lastStatus_ = -1;
+        return {};
+    }
+    lastStatus_ = res->status;
+    lastBody_ = res->body;
+    return res->status == 200 ? json::parse(res->body, nullptr, false) : json();
+}
+
+void AlpacaTest::connect(int n)
+{
+    json answer = put(device(n, "connected"), "Connected=true&ClientID=1&ClientTransactionID=1");
+    ASSERT_EQ(lastStatus_, 200) << lastBody_;
+    ASSERT_EQ(answer["ErrorNumber"], 0) << answer.dump();
+}
+
+bool AlpacaTest::runUntilStopped(int n)
+{
+    for (int i = 0; i < 2000; ++i) {
+        json moving = get(device(n, "ismoving"));
+        if (moving["ErrorNumber"] != 0) return false;
+        if (moving["Value"] == false) return true;
+        nkrsim::advanceMicros(50'000);
+    }
+    return false;
+}
+
+}  // namespace alpaca::test

@@ -1,0 +1,63 @@
+// Moves followed to the end on the simulator's clock, halts, connect /
+// disconnect, unplug and re-plug.
+#include "alpaca_fixture.h"
+
+namespace alpaca::test {
+namespace {
+
+TEST_F(AlpacaTest, MoveReturnsAtOnceAndIsMovingHoldsUntilTheUnitStops)
+{
+    connect(0);
+    json answer = put(device(0, "move"), "Position=34000&ClientTransactionID=5");
+    ASSERT_EQ(answer["ErrorNumber"], 0) << answer.dump();
+    EXPECT_FALSE(answer.contains("Value"));
+    EXPECT_EQ(get(device(0, "ismoving"))["Value"], true);
+    ASSERT_TRUE(runUntilStopped(0));
+    EXPECT_EQ(get(device(0, "position"))["Value"], 34000);
+}
+
+TEST_F(AlpacaTest, HaltStopsAMoveHalfway)
+{
+    connect(0);
+    ASSERT_EQ(put(device(0, "move"), "Position=60000")["ErrorNumber"], 0);
+    nkrsim::advanceMicros(2'000'000);
+    ASSERT_EQ(put(device(0, "halt"), "")["ErrorNumber"], 0);
+    ASSERT_TRUE(runUntilStopped(0));
+    int position = get(device(0, "position"))["Value"];
+    EXPECT_GT(position, 30000);
+    EXPECT_LT(position, 60000);
+}
+
+TEST_F(AlpacaTest, DisconnectKeepsThePositionForTheNextConnect)
+{
+    connect(0);
+    ASSERT_EQ(put(device(0, "move"), "Position=31000")["ErrorNumber"], 0);
+    ASSERT_TRUE(runUntilStopped(0));
+    EXPECT_EQ(put(device(0, "disconnect"), "")["ErrorNumber"], 0);
+    EXPECT_EQ(get(device(0, "connected"))["Value"], false);
+    EXPECT_EQ(get(device(0, "position"))["ErrorNumber"], 0x407);
+    EXPECT_EQ(put(device(0, "connect"), "")["ErrorNumber"], 0);
+    EXPECT_EQ(get(device(0, "connecting"))["Value"], false);
+    EXPECT_EQ(get(device(0, "position"))["Value"], 31000);
+}
+
+TEST_F(AlpacaTest, UnpluggedUnitAnswersNotConnectedAndComesBackWhenReplugged)
+{
+    connect(0);
+    connect(1);
+    nkrsim::unplug(unitA_);
+    EXPECT_EQ(get(device(0, "position"))["ErrorNumber"], 0x407);
+    EXPECT_EQ(get(device(0, "connected"))["Value"], false);
+    EXPECT_EQ(get(device(1, "position"))["Value"], 30000);  // the other unit is untouched
+    json devices = get("/management/v1/configureddevices")["Value"];
+    EXPECT_EQ(devices.size(), 2u);  // it keeps its number while away
+
+    nkrsim::replug(unitA_);
+    json back = get(device(0, "position"));
+    EXPECT_EQ(back["ErrorNumber"], 0) << back.dump();
+    EXPECT_EQ(get(device(0, "connected"))["Value"], true);
+    EXPECT_EQ(get(device(1, "position"))["Value"], 30000);
+}
+
+}  // namespace
+}  // namespace alpaca::test
