@@ -85,8 +85,10 @@ bool NkrFocuser::Connect()
     LOGF_INFO("Connected to the focuser on %s.", m_unit.description().c_str());
     restoreOwnPosition();
 
-    readCapabilities();
+    // The SDK lists a unit's controls by the model text that reading its type
+    // learns (a Bluetooth pairing reads no type), so the identity comes first.
     readIdentity();
+    readCapabilities();
     readMotorSettings();
     readExtraSettings();
     pollTemperature();

@@ -46,7 +46,7 @@ def test_settings_round_trip(focuser):
 def test_identity_and_alias(focuser):
     assert str(focuser.firmware) == "3.8.2" and focuser.firmware == (3, 8, 2)
     assert focuser.model == "NKRN"
-    assert focuser.serial == "123456789ABCDEF0"
+    assert focuser.serial == "123456789ABCDEF1"
     focuser.alias = "Main"
     assert focuser.alias == "Main" and focuser.name == "NKR(Main)"
     focuser.alias = ""
