@@ -1,6 +1,7 @@
 #include "UsbIds.h"
 
 #include <algorithm>
+#include <charconv>
 #include <cstdlib>
 
 #include "NKR_focuser.h"
@@ -12,17 +13,8 @@ namespace {
 bool parseHex16(const std::string& text, uint16_t& out)
 {
     if (text.empty() || text.size() > 4) return false;
-    unsigned value = 0;
-    for (char c : text) {
-        int digit = (c >= '0' && c <= '9')   ? c - '0'
-                    : (c >= 'a' && c <= 'f') ? c - 'a' + 10
-                    : (c >= 'A' && c <= 'F') ? c - 'A' + 10
-                                             : -1;
-        if (digit < 0) return false;
-        value = value * 16 + static_cast<unsigned>(digit);
-    }
-    out = static_cast<uint16_t>(value);
-    return true;
+    auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), out, 16);
+    return error == std::errc() && end == text.data() + text.size();
 }
 
 }  // namespace
