@@ -282,7 +282,7 @@ unsigned ble_manager_get_received_data(void* mgr, uint8_t* buf, unsigned capacit
     Bytes frame = std::move(m->frames.front().bytes);
     m->frames.pop_front();
     auto n = static_cast<unsigned>(std::min<size_t>(frame.size(), capacity));
-    std::memcpy(buf, frame.data(), n);
+    if (n > 0) std::memcpy(buf, frame.data(), n);
     return n;
 }
 

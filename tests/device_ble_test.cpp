@@ -76,4 +76,20 @@ TEST_F(DeviceBle, ShortStatusAnswerFillsWhatItCarriesAndTheRestStaysFromTheLastR
     EXPECT_EQ(d->m_iTempRaw, tempRaw);  // bytes 11-12 likewise
 }
 
+TEST_F(DeviceBle, PairingNotificationInPlaceOfTheStatusAnswerLeavesTheLastReport)
+{
+    nkrsim::UnitId unit;
+    auto d = connect(bleUnitWithFirmware(336), &unit);
+    d->fwVersion = 336;
+    int pos = -1;
+    ASSERT_EQ(d->getStep(&pos, true), NKR_SUCCESS);
+    const int before = pos;
+
+    // "Pairing accepted" ends the exchange with success and an empty answer:
+    // the status read succeeds and the cached report stays as it was.
+    nkrsim::bleNotifyInstead(unit, 0x00);
+    EXPECT_EQ(d->getStep(&pos, true), NKR_SUCCESS);
+    EXPECT_EQ(pos, before);
+}
+
 }  // namespace

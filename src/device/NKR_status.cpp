@@ -36,8 +36,11 @@ int CNKR::getParams(bool ble)
         // The BLE answer is laid into the positions of the HID reply. A short
         // answer leaves the bytes after it as the last report left them; only
         // an answer longer than the buffer is cut.
+        // A pairing notification ends the exchange with success and no
+        // answer at all: then nothing is laid over the buffer.
         std::memset(pszInBuf, 0, 4);
-        std::memcpy(pszInBuf, answer.data(), std::min<size_t>(answer.size(), NKR_BUF_SIZE));
+        if (!answer.empty())
+            std::memcpy(pszInBuf, answer.data(), std::min<size_t>(answer.size(), NKR_BUF_SIZE));
     }
     const unsigned char* in = pszInBuf;
     m_iMoveState = in[4];
