@@ -59,9 +59,11 @@ int main(int argc, char** argv)
     alpaca::DeviceRegistry registry(statePath);
     registry.rescan();
     for (const std::string& name : bleNames) {
-        int rc = registry.attachBle(name);
-        if (rc != NKR_SUCCESS)
-            alpaca::logWarn("cannot attach Bluetooth unit " + name + ": " + alpaca::sdkErrorText(rc));
+        alpaca::AttachResult attached = registry.attachBle(name);
+        if (attached.ok())
+            alpaca::logInfo(attached.message);
+        else
+            alpaca::logWarn("cannot attach Bluetooth unit " + name + ": " + attached.message);
     }
     alpaca::logInfo(std::to_string(registry.all().size()) + " focuser(s); device numbers kept in " + statePath);
 

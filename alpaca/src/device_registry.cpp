@@ -2,6 +2,8 @@
 
 #include <NKR_focuser.h>
 
+#include <strings.h>
+
 #include <cctype>
 #include <cstdio>
 #include <cstdlib>
@@ -40,10 +42,54 @@ std::string readSerial(int slot)
     return {};
 }
 
-bool isGone(int code)
+// Codes that mean the unit's link is gone, rather than one failed request.
+// A Bluetooth link that dropped refuses every send until it is made again.
+bool isGone(const Unit& unit, int code)
 {
-    return code == NKR_ERROR_REMOVED || code == NKR_ERROR_CLOSED ||
-           code == NKR_ERROR_BLE_NOT_OPEN || code == NKR_ERROR_INVALID_ID;
+    if (code == NKR_ERROR_BLE_NOT_OPEN || code == NKR_ERROR_INVALID_ID) return true;
+    if (unit.bleName.empty()) return code == NKR_ERROR_REMOVED || code == NKR_ERROR_CLOSED;
+    return code == NKR_ERROR_BLE_SEND;
+}
+
+// How long a Bluetooth scan for an attach lasts, in the SDK's milliseconds.
+constexpr int kBleScanMs = 5000;
+constexpr int kMaxScanned = 16;
+// A dropped Bluetooth unit is tried again at most this often, so that
+// clients polling it are not held up by a connect attempt on every request.
+constexpr auto kBleRetryPeriod = std::chrono::seconds(5);
+
+struct SeenUnit {
+    std::string name;
+    std::string address;
+};
+
+std::string fieldText(const char* text, size_t size) { return std::string(text, strnlen(text, size)); }
+
+bool sameText(const std::string& a, const std::string& b)
+{
+    return !a.empty() && a.size() == b.size() && strcasecmp(a.c_str(), b.c_str()) == 0;
+}
+
+// The unit a person meant: its exact name or address, else the only unit
+// whose name begins with what they typed ("NKR Pro" for "NKR Pro_A1B2").
+const SeenUnit* pickUnit(const std::vector<SeenUnit>& seen, const std::string& wanted, std::string& why)
+{
+    for (const SeenUnit& unit : seen)
+        if (unit.name == wanted || sameText(unit.address, wanted)) return &unit;
+    std::vector<const SeenUnit*> starts;
+    for (const SeenUnit& unit : seen)
+        if (unit.name.compare(0, wanted.size(), wanted) == 0) starts.push_back(&unit);
+    if (starts.size() == 1) return starts.front();
+    std::string list;
+    for (const SeenUnit* unit : starts) list += (list.empty() ? "" : ", ") + unit->name;
+    if (!starts.empty()) {
+        why = "'" + wanted + "' is the beginning of several names (" + list + "); give the whole name";
+        return nullptr;
+    }
+    for (const SeenUnit& unit : seen) list += (list.empty() ? "" : ", ") + unit.name + " [" + unit.address + "]";
+    why = "no Bluetooth unit named '" + wanted + "' was found (seen: " + (list.empty() ? "none" : list) +
+          "); check that it is on and near";
+    return nullptr;
 }
 
 }  // namespace
@@ -175,32 +221,56 @@ void DeviceRegistry::rescan()
     }
 }
 
-int DeviceRegistry::attachBle(const std::string& name)
+AttachResult DeviceRegistry::attachBle(const std::string& wanted)
 {
-    int slot = -1;
-    int rc;
-    {
-        std::lock_guard scan(scanMutex_);
-        rc = NKRBLEConnect(name.c_str(), "", &slot);
-        if (rc != NKR_SUCCESS) {
-            // Some helpers need the address from a scan.
-            _BLE_DEVICE_INFO found[16]{};
-            int count = 0;
-            if (NKRBLEScan(5, found, 16, &count) == NKR_SUCCESS) {
-                for (int i = 0; i < count && i < 16; ++i)
-                    if (name == found[i].Name) rc = NKRBLEConnect(name.c_str(), found[i].Address, &slot);
-            }
+    if (wanted.empty()) return {NKR_ERROR_INVALID_VALUE, "give the Bluetooth name or address of the unit"};
+
+    // A unit attached before keeps its number; if its link is still held it
+    // only needs to be wanted again.
+    for (auto& unit : all()) {
+        if (unit->bleName.empty() || (unit->bleName != wanted && !sameText(unit->bleAddress, wanted))) continue;
+        std::lock_guard lock(unit->io);
+        if (unit->slot >= 0) {
+            unit->wanted = true;
+            unit->open = true;
+            return {NKR_SUCCESS, "focuser " + std::to_string(unit->number) + " is already attached"};
         }
     }
-    if (rc != NKR_SUCCESS) return rc;
-    NKRBLEPair(slot);  // first use pairs; an already paired unit just answers
+
+    std::vector<SeenUnit> seen;
+    {
+        std::lock_guard scan(scanMutex_);
+        _BLE_DEVICE_INFO found[kMaxScanned]{};
+        int count = 0;
+        const int rc = NKRBLEScan(kBleScanMs, found, kMaxScanned, &count);
+        if (rc != NKR_SUCCESS) return {rc, "Bluetooth scan failed: " + sdkErrorText(rc)};
+        for (int i = 0; i < count && i < kMaxScanned; ++i)
+            seen.push_back({fieldText(found[i].Name, sizeof found[i].Name),
+                            fieldText(found[i].Address, sizeof found[i].Address)});
+    }
+    std::string why;
+    const SeenUnit* match = pickUnit(seen, wanted, why);
+    if (match == nullptr) return {NKR_ERROR_BLE_CONNECT, why};
+
+    int slot = -1;
+    int rc = NKRBLEConnect(match->name.c_str(), match->address.c_str(), &slot);
+    if (rc != NKR_SUCCESS)
+        return {rc, "cannot connect to " + match->name + " [" + match->address + "]: " + sdkErrorText(rc)};
+    rc = NKRBLEPair(slot);
+    if (rc != NKR_SUCCESS) {
+        NKRBLEDisconnect(slot);
+        return {rc, "pairing with " + match->name + " failed: " + sdkErrorText(rc) +
+                        " (accept the pairing on the unit, then try again)"};
+    }
     std::string serial = readSerial(slot);
-    if (serial.empty()) serial = "ble-" + name;
-    auto unit = adopt(serial, slot, name);
+    if (serial.empty()) serial = "ble-" + match->name;
+    auto unit = adopt(serial, slot, match->name);
     std::lock_guard lock(unit->io);
+    unit->bleAddress = match->address;
     unit->open = true;
     unit->wanted = true;
-    return NKR_SUCCESS;
+    return {NKR_SUCCESS, "focuser " + std::to_string(unit->number) + " is Bluetooth unit " + match->name + " [" +
+                             match->address + "]"};
 }
 
 std::shared_ptr<Unit> DeviceRegistry::find(int number) const
@@ -221,14 +291,18 @@ void DeviceRegistry::markGone(Unit& unit)
 {
     if (unit.slot < 0) return;
     logWarn("focuser " + std::to_string(unit.number) + " (" + unit.serial + ") is gone");
-    if (unit.bleName.empty()) NKRClose(unit.slot);
+    // A Bluetooth id is given up so that the unit can be connected again.
+    if (unit.bleName.empty())
+        NKRClose(unit.slot);
+    else
+        NKRBLEDisconnect(unit.slot);
     unit.open = false;
     unit.slot = -1;
 }
 
 void DeviceRegistry::reattach(Unit& unit)
 {
-    if (!unit.bleName.empty()) return;  // a Bluetooth unit is re-attached by name
+    if (!unit.bleName.empty()) return reconnectBle(unit);
     if (unit.slot < 0) rescan();
     if (unit.slot < 0 || unit.open || !unit.wanted) return;
     std::lock_guard scan(scanMutex_);
@@ -236,6 +310,27 @@ void DeviceRegistry::reattach(Unit& unit)
         unit.open = true;
         logInfo("focuser " + std::to_string(unit.number) + " is back");
     }
+}
+
+void DeviceRegistry::reconnectBle(Unit& unit)
+{
+    if (unit.slot >= 0) {
+        unit.open = true;  // the link was kept while the client was away
+        return;
+    }
+    const auto now = std::chrono::steady_clock::now();
+    if (unit.lastBleRetry && now - *unit.lastBleRetry < kBleRetryPeriod) return;
+    unit.lastBleRetry = now;
+    int slot = -1;
+    if (NKRBLEConnect(unit.bleName.c_str(), unit.bleAddress.c_str(), &slot) != NKR_SUCCESS) return;
+    if (NKRBLEPair(slot) != NKR_SUCCESS) {
+        NKRBLEDisconnect(slot);
+        return;
+    }
+    unit.slot = slot;
+    unit.open = true;
+    unit.lastBleRetry.reset();  // a later drop is tried again at once
+    logInfo("focuser " + std::to_string(unit.number) + " is back (Bluetooth " + unit.bleName + ")");
 }
 
 bool DeviceRegistry::connected(Unit& unit)
@@ -251,7 +346,7 @@ DeviceError DeviceRegistry::call(Unit& unit, const std::function<int(int)>& fn)
     if (!unit.open && unit.wanted) reattach(unit);
     if (!unit.open) return {kNotConnected, "focuser " + std::to_string(unit.number) + " is not connected"};
     int rc = fn(unit.slot);
-    if (rc != NKR_SUCCESS && isGone(rc)) {
+    if (rc != NKR_SUCCESS && isGone(unit, rc)) {
         markGone(unit);
         return {kNotConnected, "focuser " + std::to_string(unit.number) + " is not connected: " + sdkErrorText(rc)};
     }
@@ -264,8 +359,10 @@ DeviceError DeviceRegistry::connect(Unit& unit)
     unit.wanted = true;
     if (unit.open) return {};
     if (!unit.bleName.empty()) {
-        unit.open = unit.slot >= 0;
-        return unit.open ? DeviceError{} : DeviceError{kNotConnected, "Bluetooth unit is not attached"};
+        unit.lastBleRetry.reset();  // a client asking now is tried at once
+        reconnectBle(unit);
+        return unit.open ? DeviceError{}
+                         : DeviceError{kNotConnected, "Bluetooth unit " + unit.bleName + " is out of reach"};
     }
     if (unit.slot < 0) rescan();
     if (unit.slot < 0) return {kNotConnected, "focuser " + std::to_string(unit.number) + " is not plugged in"};
@@ -275,7 +372,7 @@ DeviceError DeviceRegistry::connect(Unit& unit)
         rc = NKROpen(unit.slot);
     }
     if (rc != NKR_SUCCESS) {
-        if (isGone(rc)) unit.slot = -1;
+        if (isGone(unit, rc)) unit.slot = -1;
         return {kNotConnected, "cannot open focuser " + std::to_string(unit.number) + ": " + sdkErrorText(rc)};
     }
     unit.open = true;

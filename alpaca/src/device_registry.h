@@ -3,9 +3,11 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -20,11 +22,22 @@ struct Unit {
     std::string serial;        // registry key
     std::string uniqueId;      // derived from the serial, stable
     std::string bleName;       // non-empty for a Bluetooth unit
+    std::string bleAddress;    // as the scan reported it; used to reconnect
     std::mutex io;
     // Written under io; read by the scan without it.
     std::atomic<int> slot{-1};      // SDK slot id while present, -1 when unplugged
     std::atomic<bool> open{false};  // SDK open (ASCOM Connected)
     bool wanted = false;            // guarded by io: reopen after a re-plug
+    // Guarded by io: when a dropped Bluetooth link was last tried again.
+    std::optional<std::chrono::steady_clock::time_point> lastBleRetry;
+};
+
+// The outcome of attaching a Bluetooth unit: an SDK code and a sentence for
+// the log or the setup page.
+struct AttachResult {
+    int code = 0;
+    std::string message;
+    bool ok() const { return code == 0; }
 };
 
 class DeviceRegistry {
@@ -35,8 +48,10 @@ public:
 
     // Scans the USB bus, attaches new units and finds re-plugged ones.
     void rescan();
-    // Attaches a Bluetooth unit by name; returns an SDK error code.
-    int attachBle(const std::string& name);
+    // Attaches a Bluetooth unit by its name, a unique beginning of its name,
+    // or its address, after a scan. Attaching a unit that is already attached
+    // and connected does nothing.
+    AttachResult attachBle(const std::string& nameOrAddress);
 
     // The unit with that device number, or null.
     std::shared_ptr<Unit> find(int number) const;
@@ -60,6 +75,7 @@ private:
     void load();
     void save() const;
     void reattach(Unit& unit);  // called with unit.io held
+    void reconnectBle(Unit& unit);  // called with unit.io held
     void markGone(Unit& unit);  // called with unit.io held
 
     std::string statePath_;

@@ -104,8 +104,8 @@ std::string overview(DeviceRegistry& registry, const std::vector<std::pair<bool,
 {
     return page("NKR focusers", messages(notes) + unitsTable(registry) +
                                     "<h2>Attach a Bluetooth unit</h2>\n"
-                                    "<form method=\"post\" action=\"/setup/ble\"><label for=\"ble\">Name</label>"
-                                    "<input id=\"ble\" name=\"name\" maxlength=\"15\" required> "
+                                    "<form method=\"post\" action=\"/setup/ble\"><label for=\"ble\">Name or address</label> "
+                                    "<input id=\"ble\" name=\"name\" maxlength=\"63\" required> "
                                     "<button type=\"submit\">Attach</button></form>\n");
 }
 
@@ -195,9 +195,9 @@ void routeSetupPages(httplib::Server& http, AlpacaServer& server)
         if (name.empty()) {
             notes.emplace_back(false, "Give the Bluetooth name of the unit.");
         } else {
-            int rc = server.registry().attachBle(name);
-            notes.emplace_back(rc == NKR_SUCCESS, rc == NKR_SUCCESS ? "Attached " + name + "."
-                                                                    : "Cannot attach " + name + ": " + sdkErrorText(rc));
+            AttachResult attached = server.registry().attachBle(name);
+            notes.emplace_back(attached.ok(), attached.ok() ? "Attached: " + attached.message + "."
+                                                            : "Cannot attach " + name + ": " + attached.message + ".");
         }
         html(res, overview(server.registry(), notes));
     });
