@@ -12,7 +12,7 @@
 #include "src/discovery.h"
 #include "src/focuser_members.h"
 #include "src/log.h"
-#include "src/simulate.h"
+#include "simulator_launch.h"
 
 int main(int argc, char** argv)
 {
@@ -37,11 +37,21 @@ int main(int argc, char** argv)
     }, "print the version");
     CLI11_PARSE(app, argc, argv);
 
-    if (simulate) {
-        std::string error = alpaca::enterSimulator(argv);
-        if (!error.empty()) {
+    if (simulate || nkrsim::launch::requestedByEnvironment()) {
+        if (!nkrsim::launch::active()) {
+            // The simulated units' device numbers stay apart from the real
+            // ones unless the user chose a config folder.
+            const char* home = std::getenv("HOME");
+            if (std::getenv("XDG_CONFIG_HOME") == nullptr && home != nullptr)
+                setenv("XDG_CONFIG_HOME", (std::string(home) + "/.config/nkr-alpaca-sim").c_str(), 1);
+            std::string error = nkrsim::launch::restart({}, argv);
             std::fprintf(stderr, "nkr-alpaca: %s\n", error.c_str());
             return 1;
+        }
+        std::string bad = nkrsim::launch::checkEnvironment();
+        if (!bad.empty()) {
+            std::fprintf(stderr, "nkr-alpaca: %s\n", bad.c_str());
+            return 2;
         }
         alpaca::logInfo("serving simulated units");
     }

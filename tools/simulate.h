@@ -3,19 +3,12 @@
 // library's HID and Bluetooth back ends are the simulator.
 #pragma once
 
-#include <filesystem>
-
 namespace nkrtool {
 
 struct SimulateOptions {
     bool requested = false;  // --simulate, NKR_SIMULATE=1, or a command that needs it
     bool realHome = false;   // --real-home: keep the user's HOME (settings file)
 };
-
-// $XDG_STATE_HOME/nkr-sim (or ~/.local/state/nkr-sim): HOME of the simulated
-// units' settings file, and the world's state file when there is no
-// XDG_RUNTIME_DIR.
-std::filesystem::path privateStateDirectory();
 
 // True when NKR_SIMULATE is 1, true or yes.
 bool simulateRequestedByEnvironment();
@@ -24,11 +17,11 @@ bool simulateRequestedByEnvironment();
 bool runningInSimulator();
 
 // When simulation is requested and not yet active, replaces the process with
-// the tool itself in the simulator's environment (does not return); it sets
-// NKR_SIM_STATE (unless set) so that every command meets the same world.
-// Throws a ToolError when the simulator library cannot be found or started.
-// In the restarted process it checks NKR_SIM_UNITS / NKR_SIM_UNPLUG and
-// throws a usage error when either is malformed.
+// the tool itself in the simulator's environment (does not return); every
+// command then meets the same simulated world (NKR_SIM_STATE), as real units
+// keep theirs. Throws a ToolError when the simulator library cannot be found
+// or started. In the restarted process it checks NKR_SIM_UNITS /
+// NKR_SIM_UNPLUG and throws a usage error when either is malformed.
 void enterSimulatorIfRequested(const SimulateOptions& options, char** argv);
 
 }  // namespace nkrtool
