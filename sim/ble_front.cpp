@@ -249,7 +249,7 @@ bool ble_manager_send(void* mgr, const uint8_t* data, unsigned count, unsigned a
         return false;
     }
     Bytes frame(data, data + count);
-    u->sentFrames.push_back(frame);
+    u->sentFrames.add(frame);
     std::optional<Request> request = decodeRequest(frame);
     if (!request) return true;  // written, but the unit drops a damaged frame
     std::optional<Answer> answer = execute(*u, *request);

@@ -39,7 +39,7 @@ void refuseOpen(UnitId unit, bool refuse)
 
 std::vector<std::vector<uint8_t>> sentReports(UnitId unit)
 {
-    return readUnit<std::vector<std::vector<uint8_t>>>(unit, [](Unit& u) { return u.sentReports; });
+    return readUnit<std::vector<std::vector<uint8_t>>>(unit, [](Unit& u) { return u.sentReports.latest(); });
 }
 
 void clearSentReports(UnitId unit)
@@ -114,7 +114,7 @@ void bleFlushCallbacks() { flushConnectionEvents(); }
 
 std::vector<std::vector<uint8_t>> sentFrames(UnitId unit)
 {
-    return readUnit<std::vector<std::vector<uint8_t>>>(unit, [](Unit& u) { return u.sentFrames; });
+    return readUnit<std::vector<std::vector<uint8_t>>>(unit, [](Unit& u) { return u.sentFrames.latest(); });
 }
 
 void clearSentFrames(UnitId unit)

@@ -292,7 +292,7 @@ std::string runControlCommand(const std::string& line)
         if (!parseSerial(hex, serial)) return "error usage: set-serial <unit> <16 hex digits>";
         u->st.serial = serial;
     } else if (command == "transfers") {
-        return "ok " + std::to_string(u->sentReports.size());
+        return "ok " + std::to_string(u->sentReports.total());
     } else if (command == "state") {
         const bool moving = u->st.runState == 1 || u->st.handMoving;
         return "ok " + std::to_string(u->st.position) + (moving ? " moving" : " stopped") +

@@ -131,7 +131,7 @@ int sendReport(hid_device* dev, const unsigned char* data, size_t length)
         if (data == nullptr || length == 0) {
             err = EINVAL;
         } else if (Unit* u = transferTarget(dev, err)) {
-            u->sentReports.emplace_back(data, data + length);
+            u->sentReports.add(std::vector<uint8_t>(data, data + length));
             std::vector<uint8_t> reply;
             u->reply.clear();
             if (runCommand(*u, data, length, reply)) u->reply = std::move(reply);

@@ -150,7 +150,8 @@ uint64_t nowMicros();
 void failTransfers(UnitId unit, int count, int errnoValue);
 // The unit refuses to open (hid_open_path returns null) while set.
 void refuseOpen(UnitId unit, bool refuse);
-// Every feature report the SDK sent to the unit, as sent (byte 0 = report id).
+// The feature reports the SDK sent to the unit, as sent (byte 0 = report id):
+// the latest few thousand, oldest first.
 std::vector<std::vector<uint8_t>> sentReports(UnitId unit);
 void clearSentReports(UnitId unit);
 
@@ -179,7 +180,8 @@ void bleRefuseConnect(UnitId unit, bool refuse);
 void bleDropConnection(UnitId unit);
 // Waits until every connection report queued so far has been delivered.
 void bleFlushCallbacks();
-// Every request frame the SDK wrote for this unit, as written.
+// The request frames the SDK wrote for this unit, as written: the latest few
+// thousand, oldest first.
 std::vector<std::vector<uint8_t>> sentFrames(UnitId unit);
 void clearSentFrames(UnitId unit);
 // Number of helper managers currently connected to the unit.

@@ -19,6 +19,28 @@ namespace nkrsim::detail {
 // Input report length of every simulated unit (report id 1, 16 data bytes).
 inline constexpr int kInputReportLen = 17;
 
+// What the SDK sent to a unit: the latest messages for tests to inspect, and
+// a count of all of them. Only the latest are kept, so that a simulator that
+// serves for days (behind a server or a driver) does not grow without end.
+class TrafficRecord {
+public:
+    static constexpr size_t kKept = 4096;
+
+    void add(std::vector<uint8_t> message)
+    {
+        if (latest_.size() >= kKept) latest_.erase(latest_.begin(), latest_.begin() + kKept / 2);
+        latest_.push_back(std::move(message));
+        ++total_;
+    }
+    void clear() { latest_.clear(); }
+    const std::vector<std::vector<uint8_t>>& latest() const { return latest_; }
+    uint64_t total() const { return total_; }
+
+private:
+    std::vector<std::vector<uint8_t>> latest_;
+    uint64_t total_ = 0;
+};
+
 struct Unit {
     UnitId id = 0;
     UnitSpec spec;
@@ -41,7 +63,7 @@ struct Unit {
     int failCount = 0;
     int failErrno = 0;
     bool refuseOpen = false;
-    std::vector<std::vector<uint8_t>> sentReports;
+    TrafficRecord sentReports;
 
     // Bluetooth faults and traffic.
     int silence = 0;
@@ -53,7 +75,7 @@ struct Unit {
     std::optional<uint8_t> statusOverride;
     int refuseSend = 0;
     bool refuseConnect = false;
-    std::vector<std::vector<uint8_t>> sentFrames;
+    TrafficRecord sentFrames;
 
     // Firmware update.
     UpdateConfig update;

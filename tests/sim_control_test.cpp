@@ -11,6 +11,8 @@
 #include <filesystem>
 #include <string>
 
+#include <hidapi/hidapi.h>
+
 #include "control_socket.h"
 #include "nkr_sim.h"
 
@@ -122,4 +124,26 @@ TEST(SimControl, SocketAnswersCommandsAndWaitsForTheMotorToStop)
     EXPECT_EQ(readLine(fd, 5000), "");
     ::close(fd);
     unsetenv("NKR_SIM_CONTROL");
+}
+
+TEST(SimControl, TrafficKeepsTheLatestReportsAndCountsEveryOne)
+{
+    // A simulator that serves for days behind a server must not keep every
+    // report it was ever sent.
+    const nkrsim::UnitId unit = freshUnit();
+    hid_device* dev = hid_open_path(nkrsim::usbPath(unit).c_str());
+    ASSERT_NE(dev, nullptr);
+    constexpr int kSent = 10000;
+    for (int i = 0; i < kSent; ++i) {
+        unsigned char report[17] = {0x01, 0x7E, 0x5A, 0x02, 0x03, static_cast<unsigned char>(i >> 8),
+                                    static_cast<unsigned char>(i)};
+        ASSERT_EQ(hid_send_feature_report(dev, report, sizeof report), 17);
+    }
+    hid_close(dev);
+    const auto kept = nkrsim::sentReports(unit);
+    EXPECT_LE(kept.size(), 4096u);
+    ASSERT_FALSE(kept.empty());
+    EXPECT_EQ(kept.back()[5], (kSent - 1) >> 8);
+    EXPECT_EQ(kept.back()[6], (kSent - 1) & 0xFF);
+    EXPECT_EQ(runControlCommand("transfers " + std::to_string(unit)), "ok " + std::to_string(kSent));
 }
