@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <charconv>
 #include <cstdlib>
+#include <mutex>
 
 #include "NKR_focuser.h"
 #include "../log/Log.h"
@@ -50,7 +51,16 @@ std::vector<UsbId> focuserUsbIds()
     std::string rejected;
     for (const UsbId& id : parseUsbIds(extra, rejected))
         if (std::find(ids.begin(), ids.end(), id) == ids.end()) ids.push_back(id);
-    if (!rejected.empty()) NKR_LOG("NKR_USB_ID: ignored entries that are not VVVV:PPPP: %s", rejected.c_str());
+    if (!rejected.empty()) {
+        // Said once per value, not at every scan of a host that polls.
+        static std::mutex warnedMutex;
+        static std::string warnedFor;
+        std::lock_guard<std::mutex> lock(warnedMutex);
+        if (warnedFor != extra) {
+            warnedFor = extra;
+            NKR_LOG("NKR_USB_ID: ignored entries that are not VVVV:PPPP: %s", rejected.c_str());
+        }
+    }
     return ids;
 }
 
