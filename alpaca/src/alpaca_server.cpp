@@ -53,6 +53,7 @@ AlpacaServer::AlpacaServer(DeviceRegistry& registry, ServerLimits limits)
     http_->set_read_timeout(limits_.readTimeoutSeconds, 0);
     http_->set_write_timeout(limits_.writeTimeoutSeconds, 0);
     http_->set_keep_alive_timeout(limits_.keepAliveSeconds);
+    http_->set_keep_alive_max_count(limits_.keepAliveMaxRequests);
     // Headers and body go out in separate writes: without this, Nagle and the
     // client's delayed ACK add ~40 ms to every keep-alive answer.
     http_->set_tcp_nodelay(true);

@@ -21,6 +21,9 @@ struct ServerLimits {
     int readTimeoutSeconds = 5;       // a client that stalls mid-request is dropped
     int writeTimeoutSeconds = 5;
     int keepAliveSeconds = 30;
+    // A keep-alive connection holds a pool thread; after this many requests it
+    // is closed (the client reconnects) so that a waiting connection gets a turn.
+    size_t keepAliveMaxRequests = 100;
     int threads = 8;                  // concurrent connections served at once
 };
 
