@@ -20,11 +20,14 @@ struct ServerLimits {
     size_t maxBodyBytes = 16 * 1024;  // form bodies are tiny; anything larger is refused (413)
     int readTimeoutSeconds = 5;       // a client that stalls mid-request is dropped
     int writeTimeoutSeconds = 5;
-    int keepAliveSeconds = 30;
-    // A keep-alive connection holds a pool thread; after this many requests it
-    // is closed (the client reconnects) so that a waiting connection gets a turn.
+    // A keep-alive connection holds a pool thread while it is open. An idle
+    // one (a browser keeps several) gives its thread back after this long;
+    // clients that poll every second or faster keep theirs.
+    int keepAliveSeconds = 5;
+    // After this many requests a connection is closed (the client reconnects)
+    // so that a waiting connection gets a turn.
     size_t keepAliveMaxRequests = 100;
-    int threads = 8;                  // concurrent connections served at once
+    int threads = 16;                 // connections served at once
 };
 
 class AlpacaServer {
