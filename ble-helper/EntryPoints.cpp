@@ -7,6 +7,7 @@
 #include "BlueShimErrors.h"
 #include "DeviceLink.h"
 #include "Manager.h"
+#include "../src/ble/BlueShimExports.h"
 
 using blueshim::Manager;
 
@@ -233,19 +234,3 @@ const char* ble_manager_last_error(void* handle)
 }
 
 }  // extern "C"
-
-// The table's types and these definitions must agree.
-static_assert(std::is_same_v<decltype(&ble_manager_create), pfn_ble_manager_create>);
-static_assert(std::is_same_v<decltype(&ble_manager_destroy), pfn_ble_manager_destroy>);
-static_assert(std::is_same_v<decltype(&ble_manager_scan), pfn_ble_manager_scan>);
-static_assert(std::is_same_v<decltype(&ble_manager_connect), pfn_ble_manager_connect>);
-static_assert(std::is_same_v<decltype(&ble_manager_disconnect), pfn_ble_manager_disconnect>);
-static_assert(std::is_same_v<decltype(&ble_manager_receive), pfn_ble_manager_receive>);
-static_assert(std::is_same_v<decltype(&ble_manager_send), pfn_ble_manager_send>);
-static_assert(std::is_same_v<decltype(&ble_manager_wait_for_data), pfn_ble_manager_wait_for_data>);
-static_assert(std::is_same_v<decltype(&ble_manager_get_received_data), pfn_ble_manager_get_received_data>);
-static_assert(std::is_same_v<decltype(&ble_manager_is_ble_supported), pfn_ble_manager_is_ble_supported>);
-static_assert(std::is_same_v<decltype(&ble_manager_get_mac), pfn_ble_manager_get_mac>);
-static_assert(std::is_same_v<decltype(&ble_set_is_read), pfn_ble_set_is_read>);
-static_assert(std::is_same_v<decltype(&ble_set_connect_state_callback), pfn_ble_set_connect_state_callback>);
-static_assert(std::is_same_v<decltype(&ble_manager_last_error), pfn_ble_manager_last_error>);

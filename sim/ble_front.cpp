@@ -7,9 +7,8 @@
 #include <cstdio>
 #include <cstring>
 #include <optional>
-#include <type_traits>
 
-#include "ble/BlueShimApi.h"
+#include "ble/BlueShimExports.h"
 #include "ble_events.h"
 #include "unit_model.h"
 #include "world.h"
@@ -315,21 +314,3 @@ void ble_set_connect_state_callback(void* mgr, BleConnectStateFn callback)
 }
 
 }  // extern "C"
-
-// The SDK resolves these by name and calls them through these types.
-static_assert(std::is_same_v<decltype(&ble_manager_create), pfn_ble_manager_create>);
-static_assert(std::is_same_v<decltype(&ble_manager_destroy), pfn_ble_manager_destroy>);
-static_assert(std::is_same_v<decltype(&ble_manager_scan), pfn_ble_manager_scan>);
-static_assert(std::is_same_v<decltype(&ble_manager_connect), pfn_ble_manager_connect>);
-static_assert(std::is_same_v<decltype(&ble_manager_disconnect), pfn_ble_manager_disconnect>);
-static_assert(std::is_same_v<decltype(&ble_manager_receive), pfn_ble_manager_receive>);
-static_assert(std::is_same_v<decltype(&ble_manager_send), pfn_ble_manager_send>);
-static_assert(std::is_same_v<decltype(&ble_manager_wait_for_data), pfn_ble_manager_wait_for_data>);
-static_assert(std::is_same_v<decltype(&ble_manager_get_received_data),
-                             pfn_ble_manager_get_received_data>);
-static_assert(std::is_same_v<decltype(&ble_manager_is_ble_supported),
-                             pfn_ble_manager_is_ble_supported>);
-static_assert(std::is_same_v<decltype(&ble_manager_get_mac), pfn_ble_manager_get_mac>);
-static_assert(std::is_same_v<decltype(&ble_set_is_read), pfn_ble_set_is_read>);
-static_assert(std::is_same_v<decltype(&ble_set_connect_state_callback),
-                             pfn_ble_set_connect_state_callback>);

@@ -64,9 +64,8 @@ void AlpacaTest::stopServer()
     registry_.reset();
 }
 
-json AlpacaTest::get(const std::string& path)
+json AlpacaTest::answer(const httplib::Result& res)
 {
-    auto res = client_->Get(path);
     if (!res) {
         lastStatus_ = -1;
         return {};
@@ -76,16 +75,11 @@ json AlpacaTest::get(const std::string& path)
     return res->status == 200 ? json::parse(res->body, nullptr, false) : json();
 }
 
+json AlpacaTest::get(const std::string& path) { return answer(client_->Get(path)); }
+
 json AlpacaTest::put(const std::string& path, const std::string& form)
 {
-    auto res = client_->Put(path, form, "application/x-www-form-urlencoded");
-    if (!res) {
-        lastStatus_ = -1;
-        return {};
-    }
-    lastStatus_ = res->status;
-    lastBody_ = res->body;
-    return res->status == 200 ? json::parse(res->body, nullptr, false) : json();
+    return answer(client_->Put(path, form, "application/x-www-form-urlencoded"));
 }
 
 void AlpacaTest::connect(int n)

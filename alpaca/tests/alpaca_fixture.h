@@ -40,6 +40,9 @@ protected:
     // Advances the simulator clock until device n stops moving (bounded).
     bool runUntilStopped(int n);
 
+    // Records status and body of a response; its JSON when the status is 200.
+    json answer(const httplib::Result& res);
+
     std::filesystem::path dir_;
     std::string statePath_;
     nkrsim::UnitId unitA_ = -1, unitB_ = -1;
