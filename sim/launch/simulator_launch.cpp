@@ -83,6 +83,9 @@ bool active()
 
 fs::path privateStateDirectory()
 {
+    // Set by prepareEnvironment: HOME may already point into the folder.
+    const char* chosen = std::getenv("NKR_SIM_HOME");
+    if (chosen != nullptr && chosen[0] == '/') return chosen;
     const char* xdg = std::getenv("XDG_STATE_HOME");
     fs::path base;
     if (xdg != nullptr && xdg[0] == '/') {
@@ -92,6 +95,32 @@ fs::path privateStateDirectory()
         base = fs::path(home != nullptr && home[0] != '\0' ? home : "/tmp") / ".local" / "state";
     }
     return base / "nkr-sim";
+}
+
+std::string prepareEnvironment(const Options& options, const std::string& simulatorLibrary)
+{
+    std::string error;
+    if (!setEnv("NKR_BLE_HELPER", simulatorLibrary, error)) return error;
+    const char* stateFile = std::getenv("NKR_SIM_STATE");
+    if (options.shareWorld && (stateFile == nullptr || stateFile[0] == '\0') &&
+        !setEnv("NKR_SIM_STATE", worldStateFile(), error))
+        return error;
+    if (!options.realHome) {
+        fs::path home = privateStateDirectory();
+        std::error_code ec;
+        fs::create_directories(home, ec);
+        if (ec) return "cannot create the simulator's state directory " + home.string() + ": " + ec.message();
+        if (!setEnv("NKR_SIM_HOME", home.string(), error)) return error;
+        if (!setEnv("HOME", home.string(), error)) return error;
+        if (!setEnv("XDG_CONFIG_HOME", (home / ".config").string(), error)) return error;
+    }
+    return {};
+}
+
+std::vector<fs::path> privateSettingsPaths()
+{
+    const fs::path home = privateStateDirectory();
+    return {home / ".HTX", home / ".config" / "nkr", home / ".config" / "nkr-alpaca", home / ".indi"};
 }
 
 std::string restart(const Options& options, char** argv)
@@ -107,20 +136,9 @@ std::string restart(const Options& options, char** argv)
     const char* oldPath = std::getenv("LD_LIBRARY_PATH");
     if (oldPath != nullptr && oldPath[0] != '\0') libraryPath += std::string(":") + oldPath;
     if (!setEnv("LD_LIBRARY_PATH", libraryPath, error)) return error;
-    if (!setEnv("NKR_BLE_HELPER", (simDir / kSimLibraryName).string(), error)) return error;
     if (!setEnv(kActiveMarker, "1", error)) return error;
-    const char* stateFile = std::getenv("NKR_SIM_STATE");
-    if (options.shareWorld && (stateFile == nullptr || stateFile[0] == '\0') &&
-        !setEnv("NKR_SIM_STATE", worldStateFile(), error))
-        return error;
-
-    if (!options.realHome) {
-        fs::path home = privateStateDirectory();
-        std::error_code ec;
-        fs::create_directories(home, ec);
-        if (ec) return "cannot create the simulator's state directory " + home.string() + ": " + ec.message();
-        if (!setEnv("HOME", home.string(), error)) return error;
-    }
+    error = prepareEnvironment(options, (simDir / kSimLibraryName).string());
+    if (!error.empty()) return error;
 
     execv("/proc/self/exe", argv);
     return std::string("cannot restart in the simulator: ") + std::strerror(errno);

@@ -6,15 +6,17 @@
 
 #include <filesystem>
 #include <string>
+#include <vector>
 
 namespace nkrsim::launch {
 
 struct Options {
-    // Sets NKR_SIM_STATE (unless already set) so that every process started
+    // Sets NKR_SIM_STATE (unless already set) so that every program started
     // this way meets the same simulated units, as real ones would be met.
-    bool shareWorld = false;
-    // Keeps the user's HOME, and with it the real settings file. Otherwise
-    // HOME becomes privateStateDirectory().
+    bool shareWorld = true;
+    // Keeps the user's HOME, and with it the real settings files. Otherwise
+    // HOME becomes privateStateDirectory() and XDG_CONFIG_HOME its .config,
+    // so simulated units never touch the user's own settings.
     bool realHome = false;
 };
 
@@ -27,6 +29,16 @@ bool active();
 // $XDG_STATE_HOME/nkr-sim, or ~/.local/state/nkr-sim: HOME of the simulated
 // units' settings file, kept apart from the user's real one.
 std::filesystem::path privateStateDirectory();
+
+// Sets the simulator's environment in this process without a restart, for a
+// program that loads the SDK itself later (Python): NKR_BLE_HELPER, the
+// shared world and the private HOME of Options. "" or the reason it failed.
+std::string prepareEnvironment(const Options& options, const std::string& simulatorLibrary);
+
+// The folders of the simulated units' own settings under
+// privateStateDirectory(): the library's saved records, the host settings,
+// the Alpaca server's device numbers and INDI configurations.
+std::vector<std::filesystem::path> privateSettingsPaths();
 
 // Replaces the process with argv[0]'s program (/proc/self/exe) in the
 // simulator's environment. Returns only on failure, with the reason; the

@@ -1,0 +1,151 @@
+/*
+ * nkr_host.h - the C interface of the host layer, for programs that cannot
+ * use its C++ interface (the Python package reaches it through ctypes).
+ *
+ * The host layer sits over the SDK (NKR_focuser.h) and decides what the SDK
+ * leaves to each program, once for all of them: how a unit is named, what
+ * an error means, the user's maximum position, how a move is followed, when
+ * a unit is gone, and the settings kept per unit.
+ *
+ * Conventions: functions that can fail return 0 or an error code of the
+ * catalogue (the SDK's codes, and the host's own from 1001), and write one
+ * sentence for the user into (message, size) when message is not null; the
+ * text is cut to fit and always NUL-terminated. Functions that fill a text
+ * buffer with JSON return its full length (like snprintf): a result of size
+ * or more means the buffer was too small and nothing usable was written.
+ * No function keeps a pointer it was given. Nothing throws.
+ */
+#ifndef NKR_HOST_H
+#define NKR_HOST_H
+
+#include <stddef.h>
+
+#if defined(NKR_BUILDING_HOST)
+#define NKR_HOST_API __attribute__((visibility("default")))
+#else
+#define NKR_HOST_API
+#endif
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* ---- Start-up ---------------------------------------------------------- */
+
+/* Chooses the library's saved record for this process (one record per unit
+ * unless the host settings ask for the shared one). Call before the first
+ * unit is opened. */
+NKR_HOST_API void nkr_host_init(void);
+
+/* ---- Error catalogue ----------------------------------------------------- */
+
+/* Kinds of failure; each front-end maps them to its own convention. */
+enum {
+    NKR_HOST_KIND_NONE = 0,
+    NKR_HOST_KIND_BAD_ARGUMENT = 1,
+    NKR_HOST_KIND_NOT_SUPPORTED = 2,
+    NKR_HOST_KIND_BUSY = 3,
+    NKR_HOST_KIND_LINK_LOST = 4,
+    NKR_HOST_KIND_REFUSED = 5,
+    NKR_HOST_KIND_INTERNAL = 6
+};
+
+/* Number of entries of the catalogue. */
+NKR_HOST_API int nkr_host_error_count(void);
+/* Entry index (0 .. count-1): its code, name, text and kind; the texts are
+ * static. Returns 0, or NKR_ERROR_INVALID_VALUE (3) for a bad index. */
+NKR_HOST_API int nkr_host_error_entry(int index, int* code, const char** name, const char** text, int* kind);
+/* Kind of any code (unknown codes are NKR_HOST_KIND_INTERNAL). */
+NKR_HOST_API int nkr_host_error_kind(int code);
+/* "bad argument", "not supported", ... (static text). */
+NKR_HOST_API const char* nkr_host_kind_name(int kind);
+
+/* ---- Units ----------------------------------------------------------------- */
+
+typedef struct nkr_host_unit nkr_host_unit;
+
+/* Finds and opens the unit name means: a USB slot id, serial number, alias,
+ * Bluetooth name, address or unique beginning of a Bluetooth name ("" = the
+ * first USB unit). bluetooth: also scan for Bluetooth units for scan_ms
+ * (0 = the host's usual scan time). *unit receives the unit, to be freed
+ * with nkr_host_free. */
+NKR_HOST_API int nkr_host_open(const char* name, int bluetooth, int scan_ms, nkr_host_unit** unit, char* message,
+                               size_t size);
+/* A slot the program opened or connected itself (ble: 1 for a Bluetooth slot). */
+NKR_HOST_API nkr_host_unit* nkr_host_adopt(int slot, int ble);
+/* Frees the unit; close: 1 closes it (USB: saves its position) or
+ * disconnects it, 0 leaves it open. */
+NKR_HOST_API void nkr_host_free(nkr_host_unit* unit, int close);
+/* SDK slot id of the unit (it changes when a gone unit is reconnected). */
+NKR_HOST_API int nkr_host_slot(const nkr_host_unit* unit);
+/* The unit's identity as a JSON object: slot, link ("usb"/"ble"), key,
+ * label, serial, alias, name, model, firmware, step_range, ble_name,
+ * ble_address (null where the unit cannot say). */
+NKR_HOST_API int nkr_host_identity_json(nkr_host_unit* unit, char* json, size_t size);
+/* Every unit in reach as a JSON array of {link, slot, serial, alias,
+ * model, ble_name, ble_address}; ble_scan_ms > 0 adds a Bluetooth scan. */
+NKR_HOST_API int nkr_host_inventory_json(int ble_scan_ms, char* json, size_t size);
+
+/* ---- The user's limits and motion --------------------------------------------- */
+
+/* The user's maximum position as every host program enforces it. */
+NKR_HOST_API int nkr_host_maximum(nkr_host_unit* unit, int* maximum, char* message, size_t size);
+/* Sets it on the unit and in the host settings (0 .. step range). */
+NKR_HOST_API int nkr_host_set_maximum(nkr_host_unit* unit, long long maximum, char* message, size_t size);
+/* Starts a move; refused (1003) outside 0 .. maximum, never clamped. */
+NKR_HOST_API int nkr_host_move_to(nkr_host_unit* unit, long long target, char* message, size_t size);
+/* Starts a move by steps from the current position; *target (may be null)
+ * receives the absolute target. */
+NKR_HOST_API int nkr_host_move_by(nkr_host_unit* unit, long long steps, int* target, char* message, size_t size);
+NKR_HOST_API int nkr_host_stop(nkr_host_unit* unit, char* message, size_t size);
+/* Declares the current position (0 .. step range) without moving. */
+NKR_HOST_API int nkr_host_sync(nkr_host_unit* unit, long long position, char* message, size_t size);
+
+/* How a followed move ended. */
+enum {
+    NKR_HOST_MOVE_REACHED = 0,
+    NKR_HOST_MOVE_STOPPED = 1,
+    NKR_HOST_MOVE_INTERRUPTED = 2,
+    NKR_HOST_MOVE_GONE = 3,
+    NKR_HOST_MOVE_TIMED_OUT = 4,
+    NKR_HOST_MOVE_STALLED = 5
+};
+
+typedef struct nkr_host_follower nkr_host_follower;
+
+/* Follows a move that was started from start to target, one look per call
+ * of nkr_host_follow_poll (the caller sleeps between looks, and can see
+ * Ctrl-C). timeout_ms 0: no limit; stall_ms 0: 30 s. */
+NKR_HOST_API nkr_host_follower* nkr_host_follow_begin(nkr_host_unit* unit, int start, int target, int timeout_ms,
+                                                      int stall_ms);
+/* One look. Returns 0 while the move goes on, 1 when it has ended (*end
+ * tells how; *code and message say what went wrong, if anything), or -1 for
+ * a null follower. position, moving, percent: the latest reading. */
+NKR_HOST_API int nkr_host_follow_poll(nkr_host_follower* follower, int* position, int* moving, int* percent, int* end,
+                                      int* code, char* message, size_t size);
+/* Stops the motor and ends the move (*end = NKR_HOST_MOVE_INTERRUPTED).
+ * Returns the result of the stop: 0, or the code of a stop that failed (the
+ * motor may still run; message says so). */
+NKR_HOST_API int nkr_host_follow_interrupt(nkr_host_follower* follower, int* position, char* message, size_t size);
+NKR_HOST_API void nkr_host_follow_free(nkr_host_follower* follower);
+
+/* ---- The link -------------------------------------------------------------------- */
+
+/* 1 when code means the unit itself is gone (ble: the unit is on Bluetooth). */
+NKR_HOST_API int nkr_host_means_gone(int ble, int code);
+
+/* ---- Host settings ----------------------------------------------------------------- */
+
+/* The unit's host settings as a JSON object: name, max_position,
+ * step_size_um, temp_comp {enabled, coefficient, deadband}, positions
+ * {name: position}, approach {enabled, direction, overshoot}. */
+NKR_HOST_API int nkr_host_settings_json(nkr_host_unit* unit, char* json, size_t size);
+/* Merges a JSON object of settings into the unit's (null removes a value);
+ * refused as a whole (1007) when a key or value is wrong. */
+NKR_HOST_API int nkr_host_settings_merge(nkr_host_unit* unit, const char* json, char* message, size_t size);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* NKR_HOST_H */

@@ -1,0 +1,342 @@
+#include "nkrhost/settings.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <sstream>
+
+namespace nkrhost {
+namespace fs = std::filesystem;
+using nlohmann::json;
+
+namespace {
+
+constexpr const char* kFormat = "nkr-host-settings";
+constexpr int kVersion = 1;
+
+Status fileError(const std::string& what) { return Status::failure(kSettingsFile, what); }
+
+// One exclusive flock on <file>.lock for a read-modify-write.
+class FileGuard {
+public:
+    explicit FileGuard(const std::string& path, bool exclusive)
+    {
+        std::error_code ec;
+        fs::create_directories(fs::path(path).parent_path(), ec);
+        m_fd = ::open((path + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+        if (m_fd < 0) return;
+        while (::flock(m_fd, exclusive ? LOCK_EX : LOCK_SH) != 0) {
+            if (errno != EINTR) {
+                ::close(m_fd);
+                m_fd = -1;
+                return;
+            }
+        }
+    }
+    ~FileGuard()
+    {
+        if (m_fd >= 0) ::close(m_fd);
+    }
+    FileGuard(const FileGuard&) = delete;
+    FileGuard& operator=(const FileGuard&) = delete;
+    bool held() const { return m_fd >= 0; }
+
+private:
+    int m_fd = -1;
+};
+
+// The document, or an empty one when there is no file.
+Status load(const std::string& path, json& doc)
+{
+    doc = json::object();
+    std::ifstream in(path);
+    if (!in) return {};
+    std::stringstream text;
+    text << in.rdbuf();
+    if (text.str().empty()) return {};
+    json parsed = json::parse(text.str(), nullptr, false);
+    if (parsed.is_discarded() || !parsed.is_object())
+        return fileError("the host settings file " + path + " is damaged (not a JSON object); fix or delete it");
+    if (parsed.contains("format") && parsed["format"] != kFormat)
+        return fileError("the host settings file " + path + " is not an nkr settings file");
+    doc = std::move(parsed);
+    return {};
+}
+
+Status store(const std::string& path, json& doc)
+{
+    doc["format"] = kFormat;
+    doc["version"] = kVersion;
+    const std::string tmp = path + ".tmp." + std::to_string(::getpid());
+    {
+        std::ofstream out(tmp, std::ios::trunc);
+        out << doc.dump(2) << "\n";
+        out.flush();
+        if (!out) {
+            std::error_code ec;
+            fs::remove(tmp, ec);
+            return fileError("cannot write the host settings file " + tmp);
+        }
+    }
+    int fd = ::open(tmp.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd >= 0) {
+        ::fsync(fd);
+        ::close(fd);
+    }
+    if (std::rename(tmp.c_str(), path.c_str()) != 0) {
+        const std::string why = std::strerror(errno);
+        std::error_code ec;
+        fs::remove(tmp, ec);
+        return fileError("cannot replace the host settings file " + path + ": " + why);
+    }
+    return {};
+}
+
+json& unitNode(json& doc, const std::string& key)
+{
+    if (!doc["units"].is_object()) doc["units"] = json::object();
+    json& node = doc["units"][key];
+    if (!node.is_object()) node = json::object();
+    return node;
+}
+
+// The typed view of a unit's node; values of the wrong type read as defaults.
+UnitSettings fromJson(const json& n)
+{
+    UnitSettings s;
+    if (!n.is_object()) return s;
+    if (n.contains("name") && n["name"].is_string()) s.name = n["name"].get<std::string>();
+    if (n.contains("max_position") && n["max_position"].is_number_integer())
+        s.maxPosition = n["max_position"].get<int>();
+    if (n.contains("step_size_um") && n["step_size_um"].is_number())
+        s.stepSizeMicrons = n["step_size_um"].get<double>();
+    if (n.contains("temp_comp") && n["temp_comp"].is_object()) {
+        const json& t = n["temp_comp"];
+        if (t.contains("enabled") && t["enabled"].is_boolean()) s.tempComp.enabled = t["enabled"].get<bool>();
+        if (t.contains("coefficient") && t["coefficient"].is_number())
+            s.tempComp.coefficient = t["coefficient"].get<double>();
+        if (t.contains("deadband") && t["deadband"].is_number()) s.tempComp.deadband = t["deadband"].get<double>();
+    }
+    if (n.contains("positions") && n["positions"].is_object())
+        for (auto& [name, value] : n["positions"].items())
+            if (value.is_number_integer()) s.positions[name] = value.get<int>();
+    if (n.contains("approach") && n["approach"].is_object()) {
+        const json& a = n["approach"];
+        if (a.contains("enabled") && a["enabled"].is_boolean()) s.approach.enabled = a["enabled"].get<bool>();
+        if (a.contains("direction") && a["direction"].is_number_integer())
+            s.approach.direction = a["direction"].get<int>() < 0 ? -1 : +1;
+        if (a.contains("overshoot") && a["overshoot"].is_number_integer())
+            s.approach.overshoot = a["overshoot"].get<int>();
+    }
+    return s;
+}
+
+// Writes the typed view back over the node, keeping keys it does not know.
+void intoJson(const UnitSettings& s, json& n)
+{
+    auto put = [&](const char* key, auto value, bool present) {
+        if (present)
+            n[key] = value;
+        else
+            n.erase(key);
+    };
+    put("name", s.name, !s.name.empty());
+    put("max_position", s.maxPosition.value_or(0), s.maxPosition.has_value());
+    put("step_size_um", s.stepSizeMicrons.value_or(0.0), s.stepSizeMicrons.has_value());
+    n["temp_comp"] = {{"enabled", s.tempComp.enabled},
+                      {"coefficient", s.tempComp.coefficient},
+                      {"deadband", s.tempComp.deadband}};
+    json positions = json::object();
+    for (auto& [name, value] : s.positions) positions[name] = value;
+    n["positions"] = positions;
+    n["approach"] = {{"enabled", s.approach.enabled},
+                     {"direction", s.approach.direction},
+                     {"overshoot", s.approach.overshoot}};
+}
+
+json toJson(const UnitSettings& s)
+{
+    json n = json::object();
+    intoJson(s, n);
+    n["name"] = s.name;
+    n["max_position"] = s.maxPosition ? json(*s.maxPosition) : json(nullptr);
+    n["step_size_um"] = s.stepSizeMicrons ? json(*s.stepSizeMicrons) : json(nullptr);
+    return n;
+}
+
+Status badSetting(const std::string& what) { return Status::failure(kBadSetting, what); }
+
+// Checks one key of a merge and applies it; unknown keys are refused so a
+// typing error never passes for a saved setting.
+Status mergeKey(UnitSettings& s, const std::string& key, const json& v)
+{
+    if (key == "name") {
+        if (v.is_null()) return s.name.clear(), Status{};
+        if (!v.is_string()) return badSetting("name must be text");
+        s.name = v.get<std::string>();
+    } else if (key == "max_position") {
+        if (v.is_null()) return s.maxPosition.reset(), Status{};
+        if (!v.is_number_integer() || v.get<long long>() < 0 || v.get<long long>() > 1000000)
+            return badSetting("max_position must be a whole number of steps, 0 or more");
+        s.maxPosition = v.get<int>();
+    } else if (key == "step_size_um") {
+        if (v.is_null()) return s.stepSizeMicrons.reset(), Status{};
+        if (!v.is_number() || !(v.get<double>() > 0) || v.get<double>() > 10000)
+            return badSetting("step_size_um must be a number of microns above 0 (at most 10000)");
+        s.stepSizeMicrons = v.get<double>();
+    } else if (key == "temp_comp") {
+        if (!v.is_object()) return badSetting("temp_comp must be an object");
+        for (auto& [k, x] : v.items()) {
+            if (k == "enabled" && x.is_boolean())
+                s.tempComp.enabled = x.get<bool>();
+            else if (k == "coefficient" && x.is_number() && std::abs(x.get<double>()) <= 100000)
+                s.tempComp.coefficient = x.get<double>();
+            else if (k == "deadband" && x.is_number() && x.get<double>() >= 0 && x.get<double>() <= 100)
+                s.tempComp.deadband = x.get<double>();
+            else
+                return badSetting("temp_comp." + k + " is not a setting or has a bad value");
+        }
+    } else if (key == "positions") {
+        if (!v.is_object()) return badSetting("positions must be an object of name: position");
+        for (auto& [name, x] : v.items()) {
+            if (x.is_null())
+                s.positions.erase(name);
+            else if (x.is_number_integer() && x.get<long long>() >= 0 && x.get<long long>() <= 1000000)
+                s.positions[name] = x.get<int>();
+            else
+                return badSetting("position '" + name + "' must be a whole number of steps, 0 or more");
+        }
+    } else if (key == "approach") {
+        if (!v.is_object()) return badSetting("approach must be an object");
+        for (auto& [k, x] : v.items()) {
+            if (k == "enabled" && x.is_boolean())
+                s.approach.enabled = x.get<bool>();
+            else if (k == "direction" && x.is_number_integer() && (x.get<int>() == 1 || x.get<int>() == -1))
+                s.approach.direction = x.get<int>();
+            else if (k == "overshoot" && x.is_number_integer() && x.get<int>() >= 0 && x.get<int>() <= 100000)
+                s.approach.overshoot = x.get<int>();
+            else
+                return badSetting("approach." + k + " is not a setting or has a bad value");
+        }
+    } else {
+        return badSetting("'" + key + "' is not a unit setting");
+    }
+    return {};
+}
+
+}  // namespace
+
+std::string HostSettings::defaultPath()
+{
+    const char* xdg = std::getenv("XDG_CONFIG_HOME");
+    fs::path base;
+    if (xdg != nullptr && xdg[0] == '/') {
+        base = xdg;
+    } else {
+        const char* home = std::getenv("HOME");
+        base = fs::path(home != nullptr && home[0] != '\0' ? home : "/tmp") / ".config";
+    }
+    return (base / "nkr" / "units.json").string();
+}
+
+HostSettings::HostSettings(std::string path) : m_path(std::move(path)) {}
+
+Status HostSettings::read(const std::string& unitKey, UnitSettings& out) const
+{
+    out = {};
+    try {
+        FileGuard guard(m_path, false);
+        json doc;
+        Status loaded = load(m_path, doc);
+        if (!loaded.ok()) return loaded;
+        if (doc.contains("units") && doc["units"].is_object() && doc["units"].contains(unitKey))
+            out = fromJson(doc["units"][unitKey]);
+        return {};
+    } catch (const std::exception& e) {
+        return fileError(std::string("reading the host settings failed: ") + e.what());
+    }
+}
+
+Status HostSettings::update(const std::string& unitKey, const std::function<Status(UnitSettings&)>& change)
+{
+    try {
+        FileGuard guard(m_path, true);
+        if (!guard.held()) return fileError("cannot lock the host settings file " + m_path + ".lock");
+        json doc;
+        Status loaded = load(m_path, doc);
+        if (!loaded.ok()) return loaded;
+        json& node = unitNode(doc, unitKey);
+        UnitSettings s = fromJson(node);
+        Status changed = change(s);
+        if (!changed.ok()) return changed;
+        intoJson(s, node);
+        return store(m_path, doc);
+    } catch (const std::exception& e) {
+        return fileError(std::string("writing the host settings failed: ") + e.what());
+    }
+}
+
+bool HostSettings::sharedRecord() const
+{
+    try {
+        FileGuard guard(m_path, false);
+        json doc;
+        if (!load(m_path, doc).ok()) return false;
+        return doc.contains("shared_record") && doc["shared_record"].is_boolean() && doc["shared_record"].get<bool>();
+    } catch (...) {
+        return false;
+    }
+}
+
+Status HostSettings::setSharedRecord(bool shared)
+{
+    try {
+        FileGuard guard(m_path, true);
+        if (!guard.held()) return fileError("cannot lock the host settings file " + m_path + ".lock");
+        json doc;
+        Status loaded = load(m_path, doc);
+        if (!loaded.ok()) return loaded;
+        doc["shared_record"] = shared;
+        return store(m_path, doc);
+    } catch (const std::exception& e) {
+        return fileError(std::string("writing the host settings failed: ") + e.what());
+    }
+}
+
+Status HostSettings::readJson(const std::string& unitKey, std::string& text) const
+{
+    UnitSettings s;
+    Status st = read(unitKey, s);
+    if (!st.ok()) return st;
+    text = toJson(s).dump();
+    return {};
+}
+
+Status HostSettings::mergeJson(const std::string& unitKey, const std::string& text)
+{
+    json patch = json::parse(text, nullptr, false);
+    if (patch.is_discarded() || !patch.is_object()) return badSetting("settings must be a JSON object");
+    return update(unitKey, [&](UnitSettings& s) {
+        for (auto& [key, value] : patch.items()) {
+            Status st = mergeKey(s, key, value);
+            if (!st.ok()) return st;
+        }
+        return Status{};
+    });
+}
+
+void chooseSavedRecord(const HostSettings& settings)
+{
+    const char* explicitChoice = std::getenv("NKR_STATE_PER_UNIT");
+    if (explicitChoice != nullptr && explicitChoice[0] != '\0') return;
+    setenv("NKR_STATE_PER_UNIT", settings.sharedRecord() ? "0" : "1", 1);
+}
+
+}  // namespace nkrhost

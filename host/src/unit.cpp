@@ -1,0 +1,245 @@
+#include "nkrhost/unit.h"
+
+#include <NKR_focuser.h>
+
+#include <algorithm>
+
+namespace nkrhost {
+namespace {
+
+std::string rangeText(int low, int high) { return std::to_string(low) + ".." + std::to_string(high); }
+
+}  // namespace
+
+Inventory takeInventory(bool withBluetooth, int bleScanMillis)
+{
+    Inventory inv;
+    for (const Identity& id : identifyUsbUnits()) inv.units.push_back(seenFrom(id));
+    if (withBluetooth) {
+        std::vector<SeenUnit> ble;
+        inv.bluetooth = scanBluetooth(ble, bleScanMillis);
+        inv.units.insert(inv.units.end(), ble.begin(), ble.end());
+    }
+    return inv;
+}
+
+Unit::Unit(Identity identity, const HostSettings& settings)
+    : m_identity(std::move(identity)), m_settings(settings), m_watch(m_identity.link)
+{
+    applyStoredMaximum();
+}
+
+Unit::~Unit()
+{
+    if (!m_keepOpen) close();
+}
+
+std::unique_ptr<Unit> Unit::adopt(int slot, Link link, const HostSettings& settings)
+{
+    return std::unique_ptr<Unit>(new Unit(readIdentity(slot, link), settings));
+}
+
+Status Unit::open(const OpenRequest& request, std::unique_ptr<Unit>& out, const HostSettings& settings)
+{
+    out.reset();
+    std::vector<SeenUnit> seen;
+    if (!request.bluetoothOnly)
+        for (const Identity& id : identifyUsbUnits()) seen.push_back(seenFrom(id));
+
+    const std::string name = trimmed(request.name);
+    if (name.empty() && !request.bluetoothOnly) {
+        if (seen.empty())
+            return Status::failure(kUnitNotFound,
+                                   "no USB focuser is connected (check the cable, and permissions with "
+                                   "ls -l /dev/hidraw*)");
+        out = adopt(seen.front().slot, Link::Usb, settings);
+        return {};
+    }
+
+    // A USB name that matches is taken without waiting for a Bluetooth scan.
+    Resolution r = resolveUnit(name, seen);
+    const bool usbAnswered = r.status.ok() || r.status.code == kUnitAmbiguous || isSlotName(name);
+    if ((request.bluetooth || request.bluetoothOnly) && !usbAnswered) {
+        std::vector<SeenUnit> ble;
+        Status scanned = scanBluetooth(ble, request.bleScanMillis);
+        if (!scanned.ok() && request.bluetoothOnly) return scanned;
+        seen.insert(seen.end(), ble.begin(), ble.end());
+        r = resolveUnit(name, seen);
+        if (!r.status.ok() && !scanned.ok()) r.status.message += "; " + scanned.message;
+    }
+    if (!r.status.ok()) return r.status;
+
+    const SeenUnit& match = seen[static_cast<std::size_t>(r.index)];
+    if (match.link == Link::Usb) {
+        out = adopt(match.slot, Link::Usb, settings);
+        return {};
+    }
+    int slot = -1;
+    Status connected = connectBluetooth(match.bleName, match.bleAddress, slot);
+    if (!connected.ok()) return connected;
+    Identity id = readIdentity(slot, Link::Ble);
+    id.bleName = match.bleName;
+    id.bleAddress = match.bleAddress;
+    out.reset(new Unit(std::move(id), settings));
+    return {};
+}
+
+void Unit::refreshIdentity()
+{
+    Identity id = readIdentity(slot(), link());
+    id.bleName = m_identity.bleName;
+    id.bleAddress = m_identity.bleAddress;
+    if (id.serial.empty()) id.serial = m_identity.serial;
+    m_identity = std::move(id);
+}
+
+void Unit::applyStoredMaximum()
+{
+    // A unit that lost power or was set by another program gets back the
+    // maximum the user chose here.
+    UnitSettings s;
+    if (!m_settings.read(key(), s).ok() || !s.maxPosition) return;
+    int onUnit = 0;
+    if (NKRGetMaxStep(slot(), &onUnit) == NKR_SUCCESS && onUnit != *s.maxPosition &&
+        *s.maxPosition <= std::max(stepRange(), 0))
+        NKRSetMaxStep(slot(), *s.maxPosition);
+}
+
+Status Unit::maximum(int& out) const
+{
+    UnitSettings s;
+    Status read = m_settings.read(key(), s);
+    if (!read.ok()) return read;
+    if (s.maxPosition) {
+        out = std::min(*s.maxPosition, stepRange() > 0 ? stepRange() : *s.maxPosition);
+        return {};
+    }
+    int onUnit = 0;
+    const int rc = NKRGetMaxStep(slot(), &onUnit);
+    if (rc != NKR_SUCCESS) return Status::fromSdk(rc, "reading the maximum position");
+    out = stepRange() > 0 ? std::min(onUnit, stepRange()) : onUnit;
+    return {};
+}
+
+Status Unit::setMaximum(long long value)
+{
+    if (value < 0 || (stepRange() > 0 && value > stepRange()))
+        return Status::failure(kBadSetting, "the maximum position " + std::to_string(value) + " is outside " +
+                                                rangeText(0, stepRange()) + ", the unit's step range");
+    const int rc = NKRSetMaxStep(slot(), static_cast<int>(value));
+    noteResult(rc);
+    if (rc != NKR_SUCCESS) return Status::fromSdk(rc, "setting the maximum position");
+    return m_settings.update(key(), [&](UnitSettings& s) {
+        s.maxPosition = static_cast<int>(value);
+        return Status{};
+    });
+}
+
+Status Unit::checkTarget(long long target) const
+{
+    int max = 0;
+    Status read = maximum(max);
+    if (!read.ok()) return read;
+    if (target >= 0 && target <= max) return {};
+    return Status::failure(kBeyondLimit, "position " + std::to_string(target) + " is outside " + rangeText(0, max) +
+                                             ", the maximum position set for this focuser; raise its maximum "
+                                             "position to go further");
+}
+
+Status Unit::position(int& out)
+{
+    const int rc = NKRGetPosition(slot(), &out);
+    noteResult(rc);
+    return Status::fromSdk(rc, "reading the position");
+}
+
+Status Unit::moveTo(long long target)
+{
+    Status allowed = checkTarget(target);
+    if (!allowed.ok()) return allowed;
+    const int rc = NKRMove(slot(), static_cast<int>(target));
+    noteResult(rc);
+    return Status::fromSdk(rc, "starting the move to " + std::to_string(target));
+}
+
+Status Unit::moveBy(long long steps, int* target)
+{
+    int from = 0;
+    Status read = position(from);
+    if (!read.ok()) return read;
+    const long long goal = from + steps;
+    if (target != nullptr) *target = static_cast<int>(std::clamp<long long>(goal, INT32_MIN, INT32_MAX));
+    return moveTo(goal);
+}
+
+Status Unit::stop()
+{
+    const int rc = NKRStop(slot());
+    noteResult(rc);
+    return Status::fromSdk(rc, "stopping the motor");
+}
+
+Status Unit::sync(long long position)
+{
+    if (position < 0 || (stepRange() > 0 && position > stepRange()))
+        return Status::failure(kBeyondLimit, "position " + std::to_string(position) + " is outside " +
+                                                 rangeText(0, stepRange()) + ", the unit's step range");
+    const int rc = NKRResetPostion(slot(), static_cast<int>(position));
+    noteResult(rc);
+    return Status::fromSdk(rc, "setting the position");
+}
+
+FollowResult Unit::follow(const FollowOptions& options, const FollowHooks& hooks)
+{
+    FollowResult r = followMove(slot(), link(), options, hooks);
+    if (r.end == MoveEnd::Gone) m_watch.markGone();
+    return r;
+}
+
+bool Unit::noteResult(int code) { return m_watch.note(code); }
+
+Status Unit::reconnect()
+{
+    const auto now = Backoff::Clock::now();
+    if (link() == Link::Ble) {
+        if (m_open) NKRBLEDisconnect(slot());
+        m_open = false;
+        int newSlot = -1;
+        Status st = connectBluetooth(m_identity.bleName, m_identity.bleAddress, newSlot);
+        if (!st.ok()) {
+            m_backoff.failed(now);
+            return st;
+        }
+        m_identity.slot = newSlot;
+    } else {
+        if (m_open) NKRClose(slot());  // releases the slot of a unit that went away
+        m_open = false;
+        const std::string wanted = m_identity.serial;
+        int found = -1;
+        for (const Identity& id : identifyUsbUnits())
+            if (!wanted.empty() ? id.serial == wanted : id.slot == m_identity.slot) found = id.slot;
+        if (found < 0) {
+            m_backoff.failed(now);
+            return Status::failure(NKR_ERROR_REMOVED, "the focuser " + key() + " is not back yet");
+        }
+        m_identity.slot = found;
+    }
+    m_open = true;
+    m_watch.reset();
+    m_backoff.reset();
+    refreshIdentity();
+    applyStoredMaximum();
+    return {};
+}
+
+void Unit::close()
+{
+    if (!m_open) return;
+    m_open = false;
+    if (link() == Link::Ble)
+        NKRBLEDisconnect(slot());
+    else
+        NKRClose(slot());
+}
+
+}  // namespace nkrhost
