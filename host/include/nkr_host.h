@@ -66,9 +66,11 @@ typedef struct nkr_host_unit nkr_host_unit;
 
 /* Finds and opens the unit name means: a USB slot id, serial number, alias,
  * Bluetooth name, address or unique beginning of a Bluetooth name ("" = the
- * first USB unit). bluetooth: also scan for Bluetooth units for scan_ms
- * (0 = the host's usual scan time). *unit receives the unit, to be freed
- * with nkr_host_free. */
+ * first USB unit). bluetooth: 0 looks on USB only, 1 also scans for
+ * Bluetooth units when no USB unit answers, 2 looks among Bluetooth units
+ * only; a scan lasts scan_ms (0 = the host's usual scan time). A Bluetooth
+ * unit is connected and paired. *unit receives the unit, to be freed with
+ * nkr_host_free. */
 NKR_HOST_API int nkr_host_open(const char* name, int bluetooth, int scan_ms, nkr_host_unit** unit, char* message,
                                size_t size);
 /* A slot the program opened or connected itself (ble: 1 for a Bluetooth slot). */
@@ -79,8 +81,8 @@ NKR_HOST_API void nkr_host_free(nkr_host_unit* unit, int close);
 /* SDK slot id of the unit (it changes when a gone unit is reconnected). */
 NKR_HOST_API int nkr_host_slot(const nkr_host_unit* unit);
 /* The unit's identity as a JSON object: slot, link ("usb"/"ble"), key,
- * label, serial, alias, name, model, firmware, step_range, ble_name,
- * ble_address (null where the unit cannot say). */
+ * label, display_name, serial, alias, name, model, firmware, step_range,
+ * ble_name, ble_address (null where the unit cannot say). */
 NKR_HOST_API int nkr_host_identity_json(nkr_host_unit* unit, char* json, size_t size);
 /* Every unit in reach as a JSON array of {link, slot, serial, alias,
  * model, ble_name, ble_address}; ble_scan_ms > 0 adds a Bluetooth scan. */

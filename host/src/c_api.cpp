@@ -68,6 +68,13 @@ json orNull(const std::string& text) { return text.empty() ? json(nullptr) : jso
 
 int kindNumber(ErrorKind kind) { return static_cast<int>(kind); }
 
+UnitSettings settingsOf(Unit& unit)
+{
+    UnitSettings s;
+    unit.settings(s);
+    return s;
+}
+
 }  // namespace
 
 extern "C" {
@@ -109,7 +116,8 @@ int nkr_host_open(const char* name, int bluetooth, int scan_ms, nkr_host_unit** 
     return guarded(message, size, [&] {
         OpenRequest request;
         request.name = name != nullptr ? name : "";
-        request.bluetooth = bluetooth != 0;
+        request.bluetooth = bluetooth == 1;
+        request.bluetoothOnly = bluetooth == 2;
         if (scan_ms > 0) request.bleScanMillis = scan_ms;
         std::unique_ptr<Unit> opened;
         Status st = Unit::open(request, opened);
@@ -149,6 +157,7 @@ int nkr_host_identity_json(nkr_host_unit* unit, char* out, size_t size)
                     {"link", id.link == Link::Ble ? "ble" : "usb"},
                     {"key", id.key()},
                     {"label", id.label()},
+                    {"display_name", displayName(settingsOf(*unit->unit).name, id.alias, id.model)},
                     {"serial", orNull(id.serial)},
                     {"alias", orNull(id.alias)},
                     {"name", orNull(id.name)},

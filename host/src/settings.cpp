@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -330,6 +331,13 @@ Status HostSettings::mergeJson(const std::string& unitKey, const std::string& te
         }
         return Status{};
     });
+}
+
+std::string displayName(const std::string& settingsName, const std::string& alias, const std::string& model)
+{
+    if (!settingsName.empty()) return settingsName;
+    if (!alias.empty()) return alias;
+    return model.empty() ? std::string("NKR") : model;
 }
 
 void chooseSavedRecord(const HostSettings& settings)

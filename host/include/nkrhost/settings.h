@@ -67,6 +67,10 @@ private:
     std::string m_path;
 };
 
+// The name the host programs show for a unit: the display name of its host
+// settings, else its alias, else its model text ("NKR" when it has none).
+std::string displayName(const std::string& settingsName, const std::string& alias, const std::string& model);
+
 // Chooses the library's saved record for this process before any unit is
 // opened: one record per unit (NKR_STATE_PER_UNIT=1) unless the settings or
 // an explicit NKR_STATE_PER_UNIT in the environment say otherwise.
