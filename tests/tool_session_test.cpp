@@ -8,8 +8,8 @@ TEST_F(ToolTest, ToolErrorsNameTheCodeAndSetTheExitStatus)
 {
     ToolRun unknown = run("--json info 7");
     EXPECT_EQ(unknown.status, 2);
-    EXPECT_NE(unknown.err.find("NKR_ERROR_INVALID_ID (2)"), std::string::npos) << unknown.err;
-    EXPECT_EQ(jsonString(unknown.out, "name"), "NKR_ERROR_INVALID_ID");
+    EXPECT_NE(unknown.err.find("no focuser answers to '7'"), std::string::npos) << unknown.err;
+    EXPECT_EQ(jsonString(unknown.out, "name"), "NKR_HOST_UNIT_NOT_FOUND");
 
     EXPECT_EQ(run("info 60").status, 2) << "Bluetooth ids live only inside one program";
     EXPECT_EQ(run("move 0 12x").status, 2);

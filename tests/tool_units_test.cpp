@@ -79,12 +79,14 @@ TEST_F(ToolTest, ToolMoveWaitsForTheTargetAndFollowsRelativeSteps)
     ASSERT_EQ(absolute.status, 0) << absolute.err;
     EXPECT_EQ(jsonInt(absolute.lines().back(), "position"), 29500);
 
-    // Beyond the step range: clamped, with a warning.
-    ASSERT_EQ(run("sync 0 59800").status, 0);
-    ToolRun far = run("--json move 0 70000");
-    ASSERT_EQ(far.status, 0) << far.err;
-    EXPECT_EQ(jsonInt(far.lines().back(), "target"), 60000);
-    EXPECT_NE(far.err.find("60000"), std::string::npos);
+    // Beyond the user's maximum: refused, never clamped, and the motor stays.
+    ASSERT_EQ(run("set 0 max-step=50000").status, 0);
+    ToolRun far = run("--json move 0 55000");
+    EXPECT_EQ(far.status, 2);
+    EXPECT_EQ(jsonString(far.out, "name"), "NKR_HOST_BEYOND_LIMIT");
+    EXPECT_NE(far.err.find("outside 0..50000"), std::string::npos) << far.err;
+    EXPECT_EQ(run("get 0 position").out, "29500\n");
+    EXPECT_EQ(run("move 0 +20501").status, 2) << "relative moves are held to the same limit";
 }
 
 TEST_F(ToolTest, ToolMoveWithoutWaitReturnsAtOnce)
@@ -125,13 +127,11 @@ TEST_F(ToolTest, ToolMoveStopsTheMotorOnCtrlC)
 
 TEST_F(ToolTest, ToolSetShowsWhatTheUnitKept)
 {
-    ToolRun set = run("--json set 0 backlash=20 beep=on max-step=70000");
+    ToolRun set = run("--json set 0 backlash=20 beep=on max-step=50000");
     ASSERT_EQ(set.status, 0) << set.err;
     EXPECT_EQ(jsonInt(set.out, "backlash"), 20);
     EXPECT_EQ(jsonRaw(set.out, "beep"), "true");
-    EXPECT_EQ(jsonInt(set.out, "max_step"), 60000) << "clamped to the step range by the library";
-    EXPECT_EQ(jsonInt(set.out, "max_step", set.out.find("\"requested\"")), 70000);
-    EXPECT_NE(set.err.find("the unit keeps 60000"), std::string::npos) << set.err;
+    EXPECT_EQ(jsonInt(set.out, "max_step"), 50000);
     ToolRun info = run("--json info 0");
     ASSERT_EQ(info.status, 0) << info.err;
     EXPECT_EQ(jsonInt(info.out, "backlash"), 20);

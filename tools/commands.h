@@ -16,7 +16,8 @@ namespace nkrtool {
 
 // Help of the ID argument of every per-unit command.
 inline constexpr const char* kUnitIdHelp =
-    "The unit: its USB slot id (see 'nkr list'), serial number or alias; leave out when --ble names it";
+    "The unit: its slot id (see 'nkr list'), serial number, alias, or Bluetooth name or address "
+    "(or the beginning of a Bluetooth name only one unit has); leave out when --ble names it";
 
 // Options that apply to every command.
 struct GlobalOptions {
@@ -24,9 +25,10 @@ struct GlobalOptions {
     bool simulate = false;
     bool realHome = false;
     std::string ble;          // --ble NAME-OR-ADDRESS: the unit of a per-unit command
-    int bleScanSeconds = 3;   // --ble-scan: how long to look for that unit
+    int bleScanSeconds = 0;   // --ble-scan: how long to look for that unit (0: the host's usual time)
     bool verbose = false;     // -v: show the library's diagnostic log live
-    bool perUnitState = false;  // --per-unit-state: NKR_STATE_PER_UNIT=1 for the library
+    bool sharedRecord = false;  // --shared-record: the library's one saved record for all units
+    bool perUnitState = false;  // --per-unit-state: the default now, kept for old scripts
 };
 
 struct Command {

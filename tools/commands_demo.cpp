@@ -20,7 +20,7 @@ namespace {
 
 constexpr int kChapters = 6;
 constexpr int kMoveSteps = 4000;       // two seconds of motor time
-constexpr int kBleScanSeconds = 2;
+constexpr int kBleScanMillis = 2000;
 
 struct FoundUnit {
     int id = 0;
@@ -67,25 +67,24 @@ std::string firmwareOf(const Identity& ident)
     return ident.firmware.code == NKR_SUCCESS ? ident.firmware.text() : "?";
 }
 
-std::vector<FoundUnit> findUnits(Tour& tour, std::vector<BleUnit>& bleUnits)
+std::vector<FoundUnit> findUnits(Tour& tour, std::vector<nkrhost::SeenUnit>& bleUnits)
 {
     tour.chapter("Finding focusers: a USB scan (NKRGetNum, NKRGetID) and a Bluetooth scan (NKRBLEScan)");
     std::vector<FoundUnit> usb;
     std::vector<std::vector<std::string>> rows;
     Json units = Json::array();
-    for (int id : scanUsbSlots()) {
-        check(NKROpen(id), "opening USB unit " + std::to_string(id));
-        FoundUnit u{id, readIdentity(id)};
-        NKRClose(id);
+    for (const Identity& ident : nkrhost::identifyUsbUnits()) {
+        const int id = ident.slot;
+        FoundUnit u{id, ident};
         rows.push_back({std::to_string(id), "usb", u.ident.name, firmwareOf(u.ident),
-                        u.ident.type.empty() ? "-" : u.ident.type, std::to_string(u.ident.stepRange)});
-        units.push(Json::object().set("link", "usb").set("id", id).set("firmware", firmwareOf(u.ident)).set("type", u.ident.type.empty() ? Json() : Json(u.ident.type)));
+                        u.ident.model.empty() ? "-" : u.ident.model, std::to_string(u.ident.stepRange)});
+        units.push(Json::object().set("link", "usb").set("id", id).set("firmware", firmwareOf(u.ident)).set("type", u.ident.model.empty() ? Json() : Json(u.ident.model)));
         usb.push_back(u);
     }
-    bleUnits = scanBluetooth(kBleScanSeconds);
-    for (const BleUnit& b : bleUnits) {
-        rows.push_back({"-", "ble", b.name, "-", "-", "-"});
-        units.push(Json::object().set("link", "ble").set("name", b.name).set("address", b.address));
+    nkrhost::scanBluetooth(bleUnits, kBleScanMillis);
+    for (const nkrhost::SeenUnit& b : bleUnits) {
+        rows.push_back({"-", "ble", b.bleName, "-", "-", "-"});
+        units.push(Json::object().set("link", "ble").set("name", b.bleName).set("address", b.bleAddress));
     }
     if (!jsonMode()) printTable({"    ID", "LINK", "NAME", "FIRMWARE", "TYPE", "STEP RANGE"},
                                 [&] {
@@ -104,8 +103,8 @@ constexpr int kPowerOnPosition = 30000;
 void showOlderUnit(Tour& tour, const FoundUnit& unit)
 {
     tour.chapter("A closer look at the older unit (NKROpen, NKRGetFirmwareVersion, NKRGetNumOfControls)");
-    UnitSession session(UnitTarget{unit.id, "", 0, ""});
-    Status st = readStatus(unit.id);
+    UnitSession session(UnitTarget{std::to_string(unit.id)});
+    Reading st = readStatus(unit.id);
     Controls controls = readControls(unit.id);
     std::string features;
     for (const Control& c : controls.list) features += (features.empty() ? "" : ", ") + c.name;
@@ -135,12 +134,13 @@ MoveOutcome moveUnit(Tour& tour, UnitSession& session)
     tour.chapter("Moving the newer unit (NKRMove, then NKRIsMoving / NKRGetPosition until it stops)");
     MoveOutcome m;
     m.start = readInt(NKRGetPosition, session.id(), "reading the position");
-    int range = readInt(NKRStepRange, session.id(), "reading the step range");
+    int range = 0;
+    fail(session.unit().maximum(range));
     // Alternate directions between runs so the unit stays near the middle.
     m.target = m.start + kMoveSteps <= std::min(range, 34000) ? m.start + kMoveSteps : m.start - kMoveSteps;
     m.target = std::clamp(m.target, 0, range);
     tour.note("from " + std::to_string(m.start) + " to " + std::to_string(m.target) + " at 2000 steps/s");
-    MoveResult r = moveAndFollow(session.id(), m.start, m.target, false);
+    MoveResult r = moveAndFollow(session.unit(), m.start, m.target, false);
     if (r.interrupted) throw ToolError(std::string("demo stopped by ") + signalDescription(receivedSignal()) + " (the motor was stopped)", -1, kExitInterrupted);
     m.position = r.position;
     tour.note(m.position == m.target ? "reached " + std::to_string(m.position)
@@ -175,13 +175,13 @@ SavedSettings changeSettings(Tour& tour, UnitSession& session)
 // Returns the battery charge in percent, or -1 when no Bluetooth unit answered.
 // openId: the unit the tour holds open already (opening it again here and
 // closing it would close it under the tour).
-int readSensors(Tour& tour, const std::vector<FoundUnit>& usb, const std::vector<BleUnit>& ble, int openId)
+int readSensors(Tour& tour, const std::vector<FoundUnit>& usb, const std::vector<nkrhost::SeenUnit>& ble, int openId)
 {
     tour.chapter("Temperature and battery (NKRGetTemp; NKRBLEConnect, NKRBLEPair, NKRGetBatteryInfo)");
     Json temps = Json::array();
     for (const FoundUnit& u : usb) {
         std::optional<UnitSession> session;
-        if (u.id != openId) session.emplace(UnitTarget{u.id, "", 0, ""});
+        if (u.id != openId) session.emplace(UnitTarget{std::to_string(u.id)});
         float t = 0;
         int rc = NKRGetTemp(u.id, &t);
         double rounded = static_cast<int>(t * 100.0f + (t < 0 ? -0.5f : 0.5f)) / 100.0;
@@ -194,13 +194,13 @@ int readSensors(Tour& tour, const std::vector<FoundUnit>& usb, const std::vector
     if (ble.empty()) {
         tour.note("no Bluetooth unit in range: battery skipped");
     } else {
-        UnitSession session(UnitTarget{std::nullopt, ble.front().name, kBleScanSeconds, ""});
+        UnitSession session(UnitTarget{ble.front().bleName, true, kBleScanMillis});
         Firmware fw = readFirmware(session.id());
         _NKR_BATTERY_INFO b{};
         int rc = NKRGetBatteryInfo(session.id(), &b);
         bool led = false;
         int ledRc = NKRGetLedState(session.id(), &led);
-        tour.note(ble.front().name + " (firmware " + (fw.code == NKR_SUCCESS ? fw.text() : "?") + ", Bluetooth id " +
+        tour.note(ble.front().bleName + " (firmware " + (fw.code == NKR_SUCCESS ? fw.text() : "?") + ", Bluetooth id " +
                   std::to_string(session.id()) + ")");
         if (rc == NKR_SUCCESS) {
             percent = b.battery_percentage;
@@ -237,7 +237,7 @@ int runDemo()
     Tour tour;
     say(paint(Colour::Bold, "NKR focuser SDK tour") + " on simulated units (SDK version " +
         get_NKR_SDK_Ver() + ")");
-    std::vector<BleUnit> ble;
+    std::vector<nkrhost::SeenUnit> ble;
     std::vector<FoundUnit> usb = findUnits(tour, ble);
     auto byFirmware = [](const FoundUnit& a, const FoundUnit& b) {
         return a.ident.firmware.number() < b.ident.firmware.number();
@@ -250,7 +250,7 @@ int runDemo()
     SavedSettings original;
     bool kept = false;
     {
-        UnitSession session(UnitTarget{newer.id, "", 0, ""});
+        UnitSession session(UnitTarget{std::to_string(newer.id)});
         move = moveUnit(tour, session);
         original = changeSettings(tour, session);
         int battery = readSensors(tour, usb, ble, session.id());

@@ -65,62 +65,67 @@ Value fromText(int code, const std::string& text)
 struct Field {
     const char* name;
     const char* help;
-    std::function<Value(int id)> read;
+    std::function<Value(UnitSession& unit)> read;
 };
 
 const std::vector<Field>& fields()
 {
     static const std::vector<Field> list = {
-        {"position", "current position in steps", [](int id) { return fromInt(NKRGetPosition, id); }},
+        {"position", "current position in steps", [](UnitSession& u) { return fromInt(NKRGetPosition, u.id()); }},
         {"moving", "true while the motor runs",
-         [](int id) {
+         [](UnitSession& u) {
              bool moving = false, hand = false;
-             int rc = NKRIsMoving(id, &moving, &hand);
+             int rc = NKRIsMoving(u.id(), &moving, &hand);
              return Value{rc, moving, moving ? "true" : "false"};
          }},
         {"hand-moving", "true while a hand controller moves it",
-         [](int id) {
+         [](UnitSession& u) {
              bool moving = false, hand = false;
-             int rc = NKRIsMoving(id, &moving, &hand);
+             int rc = NKRIsMoving(u.id(), &moving, &hand);
              return Value{rc, hand, hand ? "true" : "false"};
          }},
         {"temperature", "degrees Celsius",
-         [](int id) {
-             Status st = readStatus(id);
+         [](UnitSession& u) {
+             Reading st = readStatus(u.id());
              return Value{st.temperatureCode, st.temperature, formatFixed(st.temperature, 2)};
          }},
-        {"max-step", "largest position allowed", [](int id) { return fromInt(NKRGetMaxStep, id); }},
-        {"step-range", "the unit's full range", [](int id) { return fromInt(NKRStepRange, id); }},
-        {"backlash", "steps", [](int id) { return fromInt(NKRGetBacklash, id); }},
-        {"speed", "steps per second setting", [](int id) { return fromInt(NKRGetSpeed, id); }},
-        {"force", "motor force 0..15", [](int id) { return fromInt(NKRGetMaxForce, id); }},
-        {"reverse", "motor direction reversed", [](int id) { return fromBool(NKRGetReverse, id); }},
-        {"beep", "beeper on", [](int id) { return fromBool(NKRGetBeep, id); }},
-        {"led", "LED on (battery model)", [](int id) { return fromBool(NKRGetLedState, id); }},
+        {"max-step", "the user's maximum position, which every program keeps moves within",
+         [](UnitSession& u) {
+             int v = 0;
+             nkrhost::Status st = u.unit().maximum(v);
+             return Value{st.code, v, std::to_string(v)};
+         }},
+        {"step-range", "the unit's full range", [](UnitSession& u) { return fromInt(NKRStepRange, u.id()); }},
+        {"backlash", "steps", [](UnitSession& u) { return fromInt(NKRGetBacklash, u.id()); }},
+        {"speed", "steps per second setting", [](UnitSession& u) { return fromInt(NKRGetSpeed, u.id()); }},
+        {"force", "motor force 0..15", [](UnitSession& u) { return fromInt(NKRGetMaxForce, u.id()); }},
+        {"reverse", "motor direction reversed", [](UnitSession& u) { return fromBool(NKRGetReverse, u.id()); }},
+        {"beep", "beeper on", [](UnitSession& u) { return fromBool(NKRGetBeep, u.id()); }},
+        {"led", "LED on (battery model)", [](UnitSession& u) { return fromBool(NKRGetLedState, u.id()); }},
         {"firmware", "firmware version",
-         [](int id) {
-             Firmware fw = readFirmware(id);
+         [](UnitSession& u) {
+             Firmware fw = readFirmware(u.id());
              return fromText(fw.code, fw.text());
          }},
         {"serial", "serial number (16 hex digits)",
-         [](int id) {
-             Identity ident = readIdentity(id);
+         [](UnitSession& u) {
+             const Identity& ident = u.unit().identity();
              return fromText(ident.serialCode, ident.serial);
          }},
         {"alias", "alias, empty when none",
-         [](int id) {
-             Identity ident = readIdentity(id);
+         [](UnitSession& u) {
+             const Identity& ident = u.unit().identity();
              return fromText(ident.propertyCode, ident.alias);
          }},
         {"name", "name with alias, e.g. NKR(Main)",
-         [](int id) {
-             Identity ident = readIdentity(id);
+         [](UnitSession& u) {
+             const Identity& ident = u.unit().identity();
              return fromText(ident.propertyCode, ident.name);
          }},
         {"type", "model type",
-         [](int id) {
-             Identity ident = readIdentity(id);
-             return fromText(ident.typeCode, ident.type);
+         [](UnitSession& u) {
+             const Identity& ident = u.unit().identity();
+             return fromText(ident.modelCode, ident.model);
          }},
     };
     return list;
@@ -152,7 +157,7 @@ int runGet(const GetOptions& options, const GlobalOptions& globals)
     rejectExtraArgs(args, target);
 
     UnitSession unit(target, UnitSession::Access::ReadOnly);
-    Value value = field.read(unit.id());
+    Value value = field.read(unit);
     check(value.code, std::string("reading ") + field.name + " of " + unit.label());
     if (jsonMode())
         emitJson(Json::object().set("id", unit.id()).set("field", jsonKey(field.name)).set("value", value.json));

@@ -31,7 +31,7 @@ void addIdentity(Report& r, const UnitSession& unit, const Identity& ident, cons
     r.add("alias", "alias", ident.alias.empty() ? Json() : Json(ident.alias),
           ident.alias.empty() ? "(none)" : ident.alias);
     r.addRead("firmware", "firmware", ident.firmware.code, ident.firmware.text(), ident.firmware.text());
-    r.addRead("type", "type", ident.typeCode, ident.type, ident.type.empty() ? "(none)" : ident.type);
+    r.addRead("type", "type", ident.modelCode, ident.model, ident.model.empty() ? "(none)" : ident.model);
     r.addRead("serial", "serial number", ident.serialCode, ident.serial, ident.serial);
     // The Bluetooth name can only be read over USB, from units that have a radio.
     if (unit.isBle()) {
@@ -47,7 +47,7 @@ void addIdentity(Report& r, const UnitSession& unit, const Identity& ident, cons
     }
 }
 
-void addStatus(Report& r, int id, const Status& st)
+void addStatus(Report& r, int id, const Reading& st)
 {
     r.section("status", "Status");
     r.addRead("position", "position", st.positionCode, st.position, std::to_string(st.position));
@@ -60,13 +60,15 @@ void addStatus(Report& r, int id, const Status& st)
               formatFixed(st.temperature, 2) + degreesC());
 }
 
-void addSettings(Report& r, int id, const Controls& controls)
+void addSettings(Report& r, UnitSession& unit, const Controls& controls)
 {
+    const int id = unit.id();
     r.section("settings", "Settings");
     int value = 0;
     bool flag = false;
-    int code = NKRGetMaxStep(id, &value);
-    r.addRead("max_step", "maximum step", code, value, std::to_string(value));
+    nkrhost::Status max = unit.unit().maximum(value);
+    r.addRead("max_step", "maximum position", max.code, value, std::to_string(value));
+    int code = NKR_SUCCESS;
     code = NKRStepRange(id, &value);
     r.addRead("step_range", "step range", code, value, "0.." + std::to_string(value));
     code = NKRGetBacklash(id, &value);
@@ -153,14 +155,14 @@ int runInfo(const InfoOptions& options, const GlobalOptions& globals)
     rejectExtraArgs(args, target);
     UnitSession unit(target, UnitSession::Access::ReadOnly);
 
-    Identity ident = readIdentity(unit.id());
+    const Identity& ident = unit.unit().identity();
     Controls controls = readControls(unit.id());
-    Status st = readStatus(unit.id());
+    Reading st = readStatus(unit.id());
 
     Report r;
     addIdentity(r, unit, ident, controls);
     addStatus(r, unit.id(), st);
-    addSettings(r, unit.id(), controls);
+    addSettings(r, unit, controls);
     addBattery(r, unit.id(), controls);
     addDiagnostics(r, unit.id(), controls);
 

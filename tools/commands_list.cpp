@@ -7,7 +7,8 @@
 #include "commands.h"
 #include "errors.h"
 #include "output.h"
-#include "session.h"
+#include "nkrhost/link.h"
+#include "nkrhost/unit.h"
 #include "unit_info.h"
 
 namespace nkrtool {
@@ -22,40 +23,34 @@ std::string orDash(int code, const std::string& text)
     return code == NKR_SUCCESS && !text.empty() ? text : "-";
 }
 
-// Opens the unit to read who it is, and leaves it open: a close would save
-// position and settings, rewriting the settings file for a mere look.
-void listUsbUnit(int id, Json& units, std::vector<std::vector<std::string>>& rows)
-{
-    Json unit = Json::object().set("link", "usb").set("id", id);
-    int openCode = NKROpen(id);
-    if (openCode != NKR_SUCCESS) {
-        unit.set("error", formatErrorCode(openCode));
-        units.push(unit);
-        rows.push_back({std::to_string(id), "usb", "NKR", "-", "-", "-",
-                        std::string("cannot open: ") + describeError(openCode).name});
-        return;
-    }
-    Identity ident = readIdentity(id);
+Json orNull(const std::string& text) { return text.empty() ? Json() : Json(text); }
 
-    unit.set("name", ident.name)
-        .set("alias", ident.alias.empty() ? Json() : Json(ident.alias))
-        .set("firmware", ident.firmware.code == NKR_SUCCESS ? Json(ident.firmware.text()) : Json())
-        .set("type", ident.typeCode == NKR_SUCCESS && !ident.type.empty() ? Json(ident.type) : Json())
-        .set("max_step", ident.stepRange)
-        .set("serial", ident.serialCode == NKR_SUCCESS ? Json(ident.serial) : Json());
-    units.push(unit);
-    rows.push_back({std::to_string(id), "usb", ident.name,
-                    orDash(ident.firmware.code, ident.firmware.text()),
-                    orDash(ident.typeCode, ident.type), std::to_string(ident.stepRange),
-                    orDash(ident.serialCode, ident.serial)});
+// Every unit was opened to read who it is, and left open: a close would save
+// position and settings for a mere look, and stop a move another program runs.
+void listUsbUnit(const Identity& ident, Json& units, std::vector<std::vector<std::string>>& rows)
+{
+    int maximum = 0;
+    const nkrhost::Status max = nkrhost::maximumOf(ident, nkrhost::HostSettings(), maximum);
+    units.push(Json::object()
+                   .set("link", "usb")
+                   .set("id", ident.slot)
+                   .set("name", ident.name)
+                   .set("alias", orNull(ident.alias))
+                   .set("firmware", ident.firmware.code == NKR_SUCCESS ? Json(ident.firmware.text()) : Json())
+                   .set("type", orNull(ident.model))
+                   .set("step_range", ident.stepRange)
+                   .set("max_position", max.ok() ? Json(maximum) : Json())
+                   .set("serial", orNull(ident.serial)));
+    rows.push_back({std::to_string(ident.slot), "usb", ident.name, orDash(ident.firmware.code, ident.firmware.text()),
+                    orDash(ident.modelCode, ident.model), std::to_string(ident.stepRange),
+                    max.ok() ? std::to_string(maximum) : "-", orDash(ident.serialCode, ident.serial)});
 }
 
 int runList(const ListOptions& options)
 {
     Json units = Json::array();
     std::vector<std::vector<std::string>> rows;
-    std::vector<int> slots = scanUsbSlots();
-    for (int id : slots) listUsbUnit(id, units, rows);
+    for (const Identity& ident : nkrhost::identifyUsbUnits()) listUsbUnit(ident, units, rows);
 
     size_t bleCount = 0;
     std::string bleError;  // a failed Bluetooth scan still lists the USB units
@@ -63,14 +58,13 @@ int runList(const ListOptions& options)
         if (interactive())
             say(paint(Colour::Dim, "Looking for Bluetooth units for " +
                                        std::to_string(options.bleSeconds) + " s..."));
-        try {
-            for (const BleUnit& u : scanBluetooth(options.bleSeconds)) {
-                units.push(Json::object().set("link", "ble").set("name", u.name).set("address", u.address));
-                rows.push_back({"-", "ble", u.name, "-", "-", "-", u.address});
-                ++bleCount;
-            }
-        } catch (const ToolError& e) {
-            bleError = e.what();
+        std::vector<nkrhost::SeenUnit> found;
+        nkrhost::Status scanned = nkrhost::scanBluetooth(found, options.bleSeconds * 1000);
+        if (!scanned.ok()) bleError = scanned.message;
+        for (const nkrhost::SeenUnit& u : found) {
+            units.push(Json::object().set("link", "ble").set("name", u.bleName).set("address", u.bleAddress));
+            rows.push_back({"-", "ble", u.bleName, "-", "-", "-", "-", u.bleAddress});
+            ++bleCount;
         }
     }
 
@@ -84,7 +78,7 @@ int runList(const ListOptions& options)
     if (rows.empty()) {
         say("No focusers found.");
     } else {
-        printTable({"ID", "LINK", "NAME", "FIRMWARE", "TYPE", "MAX STEP", "SERIAL/ADDRESS"}, rows);
+        printTable({"ID", "LINK", "NAME", "FIRMWARE", "TYPE", "STEP RANGE", "MAXIMUM", "SERIAL/ADDRESS"}, rows);
     }
     if (options.bleSeconds <= 0)
         say(paint(Colour::Dim, "(add --ble SECONDS to look for Bluetooth units as well)"));
@@ -105,7 +99,9 @@ Command addListCommand(CLI::App& app, const GlobalOptions& globals)
     CLI::App* sub = app.add_subcommand(
         "list",
         "List the focusers this computer can reach: for each USB unit its ID, name (with "
-        "alias), firmware, type, maximum step (its step range) and serial number; with --ble also the "
+        "alias), firmware, type, step range (the largest position its firmware takes), the "
+        "maximum position set for it (which every program keeps moves within) and serial "
+        "number; with --ble also the "
         "Bluetooth units in range (name and address).");
     sub->add_option("--ble", options->bleSeconds,
                     "Also scan for Bluetooth units for this many seconds")

@@ -1,6 +1,4 @@
 // nkr move / stop / sync: driving the motor and redefining the position.
-#include <NKR_focuser.h>
-
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <memory>
@@ -36,10 +34,10 @@ std::string takeValue(std::vector<std::string>& args, const std::string& what)
     return args.front();
 }
 
-int readPosition(int id, const std::string& action)
+int readPosition(UnitSession& unit)
 {
     int position = 0;
-    check(NKRGetPosition(id, &position), action);
+    fail(unit.unit().position(position));
     return position;
 }
 
@@ -48,21 +46,18 @@ int runMove(const MoveOptions& options, const GlobalOptions& globals)
     std::vector<std::string> args = givenArgs({options.id, options.step});
     UnitTarget target = takeTarget(args, globals.ble, globals.bleScanSeconds);
     std::string stepText = takeValue(args, "STEP (a position, or +N / -N steps)");
+    parseNumber(stepText, "step");  // a bad number is refused before the unit is opened
     UnitSession unit(target);
 
-    int start = readPosition(unit.id(), "reading the position");
+    int start = readPosition(unit);
     bool relative = false;
     long long wanted = parseStepTarget(stepText, start, relative);
-    int range = 0;
-    check(NKRStepRange(unit.id(), &range), "reading the step range");
-    // The library clamps the same way; doing it here shows the real target.
-    int goal = static_cast<int>(std::clamp<long long>(wanted, 0, range));
-    if (goal != wanted)
-        warn("position " + std::to_string(wanted) + " is outside 0.." + std::to_string(range) +
-             "; moving to " + std::to_string(goal) + " instead");
+    // Beyond the user's maximum is refused, never clamped: the same in every program.
+    fail(unit.unit().checkTarget(wanted));
+    const int goal = static_cast<int>(wanted);
 
     if (options.noWait) {
-        check(NKRMove(unit.id(), goal), "starting the move");
+        fail(unit.unit().moveTo(goal));
         // Closing the unit would stop the motor: leave it running.
         unit.leaveOpen();
         if (jsonMode())
@@ -78,7 +73,7 @@ int runMove(const MoveOptions& options, const GlobalOptions& globals)
 
     say("Moving " + unit.label() + " from " + std::to_string(start) + " to " + std::to_string(goal) +
         (interactive() ? " (Ctrl-C stops the motor)" : "") + ".");
-    MoveResult result = moveAndFollow(unit.id(), start, goal, true);
+    MoveResult result = moveAndFollow(unit.unit(), start, goal, true);
     if (result.interrupted) {
         say(std::string("Stopped at position ") + std::to_string(result.position) + " on " +
             signalDescription(receivedSignal()) + ".");
@@ -98,8 +93,8 @@ int runStop(const PositionOptions& options, const GlobalOptions& globals)
     UnitTarget target = takeTarget(args, globals.ble, globals.bleScanSeconds);
     rejectExtraArgs(args, target);
     UnitSession unit(target);
-    check(NKRStop(unit.id()), "stopping the motor");
-    int position = readPosition(unit.id(), "reading the position");
+    fail(unit.unit().stop());
+    int position = readPosition(unit);
     if (jsonMode())
         emitJson(Json::object().set("id", unit.id()).set("stopped", true).set("position", position));
     else
@@ -114,16 +109,11 @@ int runSync(const PositionOptions& options, const GlobalOptions& globals)
     std::string stepText = takeValue(args, "STEP (the position to declare, or +N / -N from the current one)");
     parseNumber(stepText, "step");  // a bad number is refused before the unit is opened
     UnitSession unit(target);
-    int before = readPosition(unit.id(), "reading the position");
+    int before = readPosition(unit);
     bool relative = false;
     long long step = parseStepTarget(stepText, before, relative);
-    int range = 0;
-    check(NKRStepRange(unit.id(), &range), "reading the step range");
-    if (step < 0 || step > range)
-        usageError("STEP " + clipped(stepText) + (relative ? " (position " + std::to_string(step) + ")" : "") +
-                   " is outside the unit's step range 0.." + std::to_string(range));
-    check(NKRResetPostion(unit.id(), static_cast<int>(step)), "setting the position");
-    int after = readPosition(unit.id(), "reading the position");
+    fail(unit.unit().sync(step));
+    int after = readPosition(unit);
     if (jsonMode())
         emitJson(Json::object().set("id", unit.id()).set("previous", before).set("position", after));
     else

@@ -28,8 +28,10 @@ struct Change {
     std::string name;
     Json value;        // as the user asked, for the report
     std::string text;  // as shown to people
-    std::function<int(int id)> apply;
+    std::function<nkrhost::Status(UnitSession& unit)> apply;
     std::function<int(int id, Json& value, std::string& text)> readBack;  // null: none
+    // Checks the value against the unit before anything is sent (null: none needed).
+    std::function<nkrhost::Status(UnitSession& unit)> precheck;
 };
 
 bool printableAscii(const std::string& s)
@@ -75,17 +77,27 @@ std::function<int(int, Json&, std::string&)> readBool(BoolGetter get)
     };
 }
 
+// A plain library setter as a change: its failure reads "setting NAME to VALUE: ...".
+template <typename T>
+std::function<nkrhost::Status(UnitSession&)> sdkSetter(const std::string& name, const std::string& text,
+                                                       int (*set)(int, T), T v)
+{
+    return [=](UnitSession& unit) {
+        return nkrhost::Status::fromSdk(set(unit.id(), v), "setting " + name + " to " + text);
+    };
+}
+
 Change intChange(const std::string& name, int v, int (*set)(int, int), IntGetter get)
 {
-    return {name, v, std::to_string(v), [set, v](int id) { return set(id, v); }, readInt(get)};
+    return {name, v, std::to_string(v), sdkSetter(name, std::to_string(v), set, v), readInt(get)};
 }
 
 Change boolChange(const std::string& name, bool v, int (*set)(int, bool), BoolGetter get)
 {
-    return {name, v, onOff(v), [set, v](int id) { return set(id, v); }, readBool(get)};
+    return {name, v, onOff(v), sdkSetter(name, onOff(v), set, v), readBool(get)};
 }
 
-Change parseAssignment(const std::string& assignment, bool ble)
+Change parseAssignment(const std::string& assignment)
 {
     size_t eq = assignment.find('=');
     if (eq == std::string::npos || eq == 0)
@@ -95,8 +107,20 @@ Change parseAssignment(const std::string& assignment, bool ble)
 
     if (name == "backlash")
         return intChange(name, boundedNumber(name, value, 0, 255), NKRSetBacklash, NKRGetBacklash);
-    if (name == "max-step")
-        return intChange(name, boundedNumber(name, value, 0, 600000), NKRSetMaxStep, NKRGetMaxStep);
+    if (name == "max-step") {
+        // The user's maximum: on the unit and in the host settings, so every
+        // program keeps moves within it.
+        const long long v = parseNumber(value, name);
+        return {name, v, std::to_string(v), [v](UnitSession& unit) { return unit.unit().setMaximum(v); },
+                [](int id, Json& out, std::string& text) {
+                    int max = 0;
+                    int rc = NKRGetMaxStep(id, &max);
+                    out = max;
+                    text = std::to_string(max);
+                    return rc;
+                },
+                [v](UnitSession& unit) { return unit.unit().checkMaximum(v); }};
+    }
     if (name == "force")
         return intChange(name, boundedNumber(name, value, 0, 15), NKRSetMaxForce, NKRGetMaxForce);
     if (name == "speed")
@@ -112,7 +136,9 @@ Change parseAssignment(const std::string& assignment, bool ble)
         _NKR_ID alias{};
         std::memcpy(alias.id, value.data(), value.size());
         return {name, value, value.empty() ? "(none)" : value,
-                [alias](int id) { return NKRSetID(id, alias); },
+                [alias, value](UnitSession& unit) {
+                    return nkrhost::Status::fromSdk(NKRSetID(unit.id(), alias), "setting alias to '" + value + "'");
+                },
                 [](int id, Json& v, std::string& text) {
                     _NKR_INFO info{};
                     int rc = NKRGetProperty(id, &info);
@@ -124,14 +150,15 @@ Change parseAssignment(const std::string& assignment, bool ble)
                 }};
     }
     if (name == "ble-name") {
-        if (!ble)
-            usageError("ble-name can only be changed over Bluetooth: name the unit with "
-                       "--ble NAME-OR-ADDRESS instead of an ID");
         if (value.empty() || value.size() > 11 || !printableAscii(value))
             usageError("ble-name must be 1 to 11 plain characters (got '" + clipped(value) + "')");
         _NKR_BLE_NAME bleName{};
         std::memcpy(bleName.name, value.data(), value.size());
-        return {name, value, value, [bleName](int id) { return NKRSetBLEName(id, bleName); }, nullptr};
+        return {name, value, value,
+                [bleName, value](UnitSession& unit) {
+                    return nkrhost::Status::fromSdk(NKRSetBLEName(unit.id(), bleName), "setting ble-name to " + value);
+                },
+                nullptr};
     }
     usageError("unknown setting '" + clipped(name) +
                "'; settings are backlash, max-step, beep, reverse, force, speed, led, alias, ble-name");
@@ -160,9 +187,15 @@ int runSet(const SetOptions& options, const GlobalOptions& globals)
     UnitTarget target = takeTarget(args, globals.ble, globals.bleScanSeconds);
     if (args.empty()) usageError("nothing to set: give NAME=VALUE, for example backlash=20");
     std::vector<Change> changes;
-    for (const std::string& a : args) changes.push_back(parseAssignment(a, !target.ble.empty()));
+    for (const std::string& a : args) changes.push_back(parseAssignment(a));
 
     UnitSession unit(target);
+    for (const Change& c : changes)
+        if (c.precheck) fail(c.precheck(unit));
+    for (const Change& c : changes)
+        if (c.name == "ble-name" && !unit.isBle())
+            usageError("ble-name can only be changed over Bluetooth, and " + unit.label() +
+                       " is on USB; nothing was changed");
     refuseUnsupported(changes, unit);
 
     // Newer firmware runs at a fixed speed: the value is not sent at all.
@@ -177,7 +210,7 @@ int runSet(const SetOptions& options, const GlobalOptions& globals)
         }
         sent.push_back(c);
     }
-    for (const Change& c : sent) check(c.apply(unit.id()), "setting " + c.name + " to " + c.text);
+    for (const Change& c : sent) fail(c.apply(unit));
 
     Json applied = Json::object();
     Json adjusted = Json::object();

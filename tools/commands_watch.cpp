@@ -23,7 +23,7 @@ struct WatchOptions {
     int intervalMs = 250;
 };
 
-std::string statusText(const Status& st)
+std::string statusText(const Reading& st)
 {
     std::string pos = st.positionCode == NKR_SUCCESS ? std::to_string(st.position) : "?";
     std::string moving = st.movingCode != NKR_SUCCESS ? "?"
@@ -34,7 +34,7 @@ std::string statusText(const Status& st)
     return "position " + pos + "  " + moving + "  temperature " + temp;
 }
 
-Json statusJson(int id, int sequence, const Status& st)
+Json statusJson(int id, int sequence, const Reading& st)
 {
     auto orNull = [](int code, Json v) { return code == NKR_SUCCESS ? v : Json(); };
     return eventJson("status", id)
@@ -54,12 +54,11 @@ int runWatch(const WatchOptions& options, const GlobalOptions& globals)
 
     if (interactive()) say(paint(Colour::Dim, "Watching " + unit.label() + " (Ctrl-C ends)"));
     for (int sequence = 1; options.count == 0 || sequence <= options.count; ++sequence) {
-        Status st = readStatus(unit.id());
+        Reading st = readStatus(unit.id());
         // A unit that is gone ends the watch instead of printing "?" forever.
-        if (st.positionCode == NKR_ERROR_REMOVED || st.positionCode == NKR_ERROR_INVALID_ID ||
-            st.positionCode == NKR_ERROR_CLOSED) {
+        if (unit.unit().noteResult(st.positionCode) || unit.unit().noteResult(st.movingCode)) {
             if (interactive()) std::printf("\n");
-            check(st.positionCode, "watching " + unit.label());
+            check(st.positionCode != NKR_SUCCESS ? st.positionCode : st.movingCode, "watching " + unit.label());
         }
         if (jsonMode()) {
             emitJson(statusJson(unit.id(), sequence, st));

@@ -1,9 +1,12 @@
-// Error codes of the library turned into names and plain explanations, and
-// the one error type the tool's commands throw to end with a message.
+// How a failure ends a command: the one error type the tool's commands
+// throw, with the exit status that the failure's kind calls for. Names and
+// texts of codes come from the host layer's catalogue.
 #pragma once
 
 #include <stdexcept>
 #include <string>
+
+#include "nkrhost/errors.h"
 
 namespace nkrtool {
 
@@ -15,20 +18,15 @@ enum ExitStatus : int {
     kExitInterrupted = 130  // stopped by a signal; main turns it into 128 + the signal
 };
 
-struct ErrorDescription {
-    const char* name;         // the header's enumerator, e.g. "NKR_ERROR_INVALID_ID"
-    const char* explanation;  // what it means for the person at the keyboard
-};
-
-// Describes any value a library call can return; unknown values get a
-// generic description rather than nothing.
-ErrorDescription describeError(int code);
+// The exit status of a code: 2 for a bad argument, 1 for any other failure.
+int exitStatusFor(int code);
 
 // "NKR_ERROR_MOVING (5): the motor is moving ..."
-std::string formatErrorCode(int code);
+inline std::string formatErrorCode(int code) { return nkrhost::formatError(code); }
 
-// A failure that ends the current command. `code` is the library's result
-// (or -1 when the failure is the tool's own, such as a bad argument).
+// A failure that ends the current command. `code` is the library's or the
+// host's result (or -1 when the failure is the tool's own, such as a bad
+// argument).
 class ToolError : public std::runtime_error {
 public:
     ToolError(std::string message, int code, int exitStatus)
@@ -47,8 +45,9 @@ private:
 [[noreturn]] void usageError(const std::string& message);
 
 // Throws when a library call failed: "<action>: NAME (n): explanation".
-// Codes that mean a bad argument end with status 2, the rest with 1.
 void check(int code, const std::string& action);
+// Throws the host layer's failure as it stands (its sentence, its code).
+void fail(const nkrhost::Status& status);
 
 // Text for a value a unit could not give: "not supported" for code 8,
 // otherwise "unavailable (NAME)".

@@ -15,7 +15,8 @@
 #include "errors.h"
 #include "interrupt.h"
 #include "output.h"
-#include "simulate.h"
+#include "nkrhost/settings.h"
+#include "nkrhost/simulation.h"
 
 #ifndef NKR_TOOL_VERSION
 #define NKR_TOOL_VERSION "0"
@@ -72,8 +73,11 @@ void addGlobalOptions(CLI::App& app, GlobalOptions& g)
             throw CLI::Success();
         },
         "Print the directory of the library's diagnostic log (and its newest file), then exit");
-    app.add_flag("--per-unit-state", g.perUnitState,
-                 "Keep saved position and settings per unit (sets NKR_STATE_PER_UNIT=1 for the library)");
+    app.add_flag("--shared-record", g.sharedRecord,
+                 "Let the library keep one saved position for all units, as programs that do not "
+                 "use the host settings see it (the default is one record per unit)");
+    // Per-unit records are the default now; the old switch is still accepted.
+    app.add_flag("--per-unit-state", g.perUnitState)->group("");
 }
 
 int runChosen(const std::vector<Command>& commands)
@@ -161,8 +165,10 @@ void reportError(const ToolError& e)
     if (jsonMode()) {
         Json error = Json::object().set("message", e.what());
         if (e.code() >= 0)
-            error.set("code", e.code()).set("name", describeError(e.code()).name)
-                .set("explanation", describeError(e.code()).explanation);
+            error.set("code", e.code())
+                .set("name", nkrhost::describeError(e.code()).name)
+                .set("kind", nkrhost::kindName(nkrhost::describeError(e.code()).kind))
+                .set("explanation", nkrhost::describeError(e.code()).text);
         emitJson(Json::object().set("error", error));
     }
 }
@@ -170,12 +176,17 @@ void reportError(const ToolError& e)
 int runCommand(const std::vector<Command>& commands, const GlobalOptions& globals, char** argv)
 {
     try {
-        SimulateOptions sim;
+        nkrhost::SimulationRequest sim;
         sim.realHome = globals.realHome;
-        sim.requested = globals.simulate || simulateRequestedByEnvironment();
+        sim.requested = globals.simulate || nkrhost::simulationRequestedByEnvironment();
         for (const Command& c : commands)
             if (c.app->parsed() && c.needsSimulator) sim.requested = true;
-        enterSimulatorIfRequested(sim, argv);
+        const nkrhost::Status entered = nkrhost::enterSimulation(sim, argv);
+        // In the restarted tool a bad NKR_SIM_UNITS is the user's argument.
+        if (!entered.ok())
+            throw ToolError(entered.message, -1, nkrhost::simulationActive() ? kExitUsage : kExitDeviceError);
+        // Before any unit is opened: one saved record per unit unless asked otherwise.
+        nkrhost::chooseSavedRecord(nkrhost::HostSettings());
 
         installInterruptHandler();
         if (globals.verbose) startLogTail();
@@ -252,7 +263,7 @@ int main(int argc, char** argv)
     initOutput(globals.json);
     // Set before the library first reads its environment (the simulator's
     // re-exec keeps it).
-    if (globals.perUnitState) setenv("NKR_STATE_PER_UNIT", "1", 1);
+    if (globals.sharedRecord) setenv("NKR_STATE_PER_UNIT", "0", 1);
     int status = runCommand(commands, globals, argv);
     // Every unit session has been closed by now, so the position is saved.
     if (int signalNumber = receivedSignal()) {

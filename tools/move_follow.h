@@ -1,19 +1,22 @@
-// Following a move until the motor stands still: a live progress bar on a
-// terminal, one JSON line per update in JSON mode, the motor stopped on
-// Ctrl-C, and a clear error (no hang) when the unit vanishes mid-move.
+// Following a move until the motor stands still, through the host layer's
+// follow loop: a live progress bar on a terminal, one JSON line per update
+// in JSON mode, the motor stopped on Ctrl-C (and a failed stop said to have
+// failed), and a clear error (no hang) when the unit vanishes mid-move.
 #pragma once
+
+#include "nkrhost/unit.h"
 
 namespace nkrtool {
 
 struct MoveResult {
     int position = 0;
-    bool interrupted = false;  // stopped with Ctrl-C
+    bool interrupted = false;  // stopped with Ctrl-C (and the stop went through)
 };
 
-// Starts a move from start to target (NKRMove), then polls a few times a
-// second until the unit reports it has stopped. Throws ToolError on a device
-// error. emitLines: whether to print JSON progress lines (the demo gathers
-// its JSON itself).
-MoveResult moveAndFollow(int id, int start, int target, bool emitLines);
+// Starts a move from start to target (refused beyond the user's maximum),
+// then follows it to its end. Throws ToolError on a device error, on a unit
+// that went away, and on an interrupt whose stop failed. emitLines: whether
+// to print JSON progress lines (the demo gathers its JSON itself).
+MoveResult moveAndFollow(nkrhost::Unit& unit, int start, int target, bool emitLines);
 
 }  // namespace nkrtool

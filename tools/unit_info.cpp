@@ -3,8 +3,6 @@
 #include <NKR_focuser.h>
 
 #include <cmath>
-#include <cstdio>
-#include <cstring>
 
 #include "output.h"
 
@@ -46,55 +44,9 @@ Json controlsJson(const Controls& controls)
     return list;
 }
 
-std::string versionText(int major, int minor, int build)
+Reading readStatus(int id)
 {
-    return std::to_string(major) + "." + std::to_string(minor) + "." + std::to_string(build);
-}
-
-std::string Firmware::text() const { return versionText(major, minor, build); }
-
-Firmware readFirmware(int id)
-{
-    Firmware fw;
-    unsigned char major = 0, minor = 0, build = 0;
-    fw.code = NKRGetFirmwareVersion(id, &major, &minor, &build);
-    fw.major = major;
-    fw.minor = minor;
-    fw.build = build;
-    return fw;
-}
-
-Identity readIdentity(int id)
-{
-    Identity ident;
-    _NKR_INFO info{};
-    ident.propertyCode = NKRGetProperty(id, &info);
-    ident.name = printableText(info.Name, sizeof info.Name);
-    ident.stepRange = info.MaxStep;
-    // The property name is "NKR(alias)" when the unit has an alias.
-    size_t open = ident.name.find('(');
-    if (open != std::string::npos && !ident.name.empty() && ident.name.back() == ')')
-        ident.alias = ident.name.substr(open + 1, ident.name.size() - open - 2);
-
-    ident.firmware = readFirmware(id);
-
-    _NKR_TYPE type{};
-    ident.typeCode = NKRGetType(id, &type);
-    ident.type = printableText(type.Type, sizeof type.Type);
-
-    _NKR_SN sn{};
-    ident.serialCode = NKRGetSerialNumber(id, &sn);
-    char hex[3];
-    for (unsigned char byte : sn.SN) {
-        std::snprintf(hex, sizeof hex, "%02X", byte);
-        ident.serial += hex;
-    }
-    return ident;
-}
-
-Status readStatus(int id)
-{
-    Status st;
+    Reading st;
     st.positionCode = NKRGetPosition(id, &st.position);
     st.movingCode = NKRIsMoving(id, &st.moving, &st.handMoving);
     float temp = 0;

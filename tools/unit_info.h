@@ -1,13 +1,19 @@
-// Reads of one open unit that several commands share: identity, controls
-// (optional features) and the live status.
+// Reads of one open unit that several commands share: its optional
+// features and the live status. Identity (names and numbers) is the host
+// layer's, so it reads the same in every program.
 #pragma once
 
 #include <string>
 #include <vector>
 
 #include "json.h"
+#include "nkrhost/identity.h"
 
 namespace nkrtool {
+
+using nkrhost::Firmware;
+using nkrhost::Identity;
+using nkrhost::readFirmware;
 
 // Feature ids of the control list.
 enum Feature : int {
@@ -36,28 +42,7 @@ struct Controls {
 Controls readControls(int id);
 Json controlsJson(const Controls& controls);
 
-struct Firmware {
-    int code = -1;
-    int major = 0, minor = 0, build = 0;
-    int number() const { return major * 100 + minor * 10 + build; }
-    std::string text() const;
-};
-Firmware readFirmware(int id);
-
-struct Identity {
-    int propertyCode = 0;
-    std::string name;   // "NKR" or "NKR(alias)"
-    std::string alias;  // empty when none
-    int stepRange = 0;
-    Firmware firmware;
-    int typeCode = -1;
-    std::string type;
-    int serialCode = -1;
-    std::string serial;  // 16 hex digits
-};
-Identity readIdentity(int id);
-
-struct Status {
+struct Reading {
     int positionCode = -1;
     int position = 0;
     int movingCode = -1;
@@ -65,9 +50,6 @@ struct Status {
     int temperatureCode = -1;
     double temperature = 0;  // degrees Celsius, rounded to 0.01
 };
-Status readStatus(int id);
-
-// "3.8.2" style text of a firmware version.
-std::string versionText(int major, int minor, int build);
+Reading readStatus(int id);
 
 }  // namespace nkrtool

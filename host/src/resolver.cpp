@@ -82,8 +82,8 @@ Resolution resolveUnit(const std::string& rawName, const std::vector<SeenUnit>& 
         const int slot = std::stoi(name);
         if (slot >= NKR_BLE_FIRST_ID)
             return notFound(name, seen,
-                            ": slot ids 50 and up belong to Bluetooth connections of one program; name a "
-                            "Bluetooth unit by its name or address");
+                            ": USB units have slot ids 0 to 49; Bluetooth slots exist only inside the "
+                            "program that connected them, so name a Bluetooth unit by its name or address");
         for (std::size_t i = 0; i < seen.size(); ++i)
             if (seen[i].link == Link::Usb && seen[i].slot == slot) return {static_cast<int>(i), {}};
         return notFound(name, seen);

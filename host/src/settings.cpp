@@ -151,21 +151,41 @@ void intoJson(const UnitSettings& s, json& n)
     put("name", s.name, !s.name.empty());
     put("max_position", s.maxPosition.value_or(0), s.maxPosition.has_value());
     put("step_size_um", s.stepSizeMicrons.value_or(0.0), s.stepSizeMicrons.has_value());
-    n["temp_comp"] = {{"enabled", s.tempComp.enabled},
-                      {"coefficient", s.tempComp.coefficient},
-                      {"deadband", s.tempComp.deadband}};
+    const TempCompSettings tc{};
+    const bool tcDefault = s.tempComp.enabled == tc.enabled && s.tempComp.coefficient == tc.coefficient &&
+                           s.tempComp.deadband == tc.deadband;
+    if (tcDefault)
+        n.erase("temp_comp");
+    else
+        n["temp_comp"] = {{"enabled", s.tempComp.enabled},
+                          {"coefficient", s.tempComp.coefficient},
+                          {"deadband", s.tempComp.deadband}};
     json positions = json::object();
     for (auto& [name, value] : s.positions) positions[name] = value;
-    n["positions"] = positions;
-    n["approach"] = {{"enabled", s.approach.enabled},
-                     {"direction", s.approach.direction},
-                     {"overshoot", s.approach.overshoot}};
+    if (s.positions.empty())
+        n.erase("positions");
+    else
+        n["positions"] = positions;
+    const ApproachSettings ap{};
+    if (s.approach.enabled == ap.enabled && s.approach.direction == ap.direction && s.approach.overshoot == ap.overshoot)
+        n.erase("approach");
+    else
+        n["approach"] = {{"enabled", s.approach.enabled},
+                         {"direction", s.approach.direction},
+                         {"overshoot", s.approach.overshoot}};
 }
 
 json toJson(const UnitSettings& s)
 {
     json n = json::object();
     intoJson(s, n);
+    n["temp_comp"] = {{"enabled", s.tempComp.enabled}, {"coefficient", s.tempComp.coefficient},
+                      {"deadband", s.tempComp.deadband}};
+    json positions = json::object();
+    for (auto& [name, value] : s.positions) positions[name] = value;
+    n["positions"] = positions;
+    n["approach"] = {{"enabled", s.approach.enabled}, {"direction", s.approach.direction},
+                     {"overshoot", s.approach.overshoot}};
     n["name"] = s.name;
     n["max_position"] = s.maxPosition ? json(*s.maxPosition) : json(nullptr);
     n["step_size_um"] = s.stepSizeMicrons ? json(*s.stepSizeMicrons) : json(nullptr);

@@ -105,27 +105,36 @@ void Unit::applyStoredMaximum()
         NKRSetMaxStep(slot(), *s.maxPosition);
 }
 
-Status Unit::maximum(int& out) const
+Status maximumOf(const Identity& identity, const HostSettings& settings, int& out)
 {
     UnitSettings s;
-    Status read = m_settings.read(key(), s);
+    Status read = settings.read(identity.key(), s);
     if (!read.ok()) return read;
+    const int range = identity.stepRange;
     if (s.maxPosition) {
-        out = std::min(*s.maxPosition, stepRange() > 0 ? stepRange() : *s.maxPosition);
+        out = range > 0 ? std::min(*s.maxPosition, range) : *s.maxPosition;
         return {};
     }
     int onUnit = 0;
-    const int rc = NKRGetMaxStep(slot(), &onUnit);
+    const int rc = NKRGetMaxStep(identity.slot, &onUnit);
     if (rc != NKR_SUCCESS) return Status::fromSdk(rc, "reading the maximum position");
-    out = stepRange() > 0 ? std::min(onUnit, stepRange()) : onUnit;
+    out = range > 0 ? std::min(onUnit, range) : onUnit;
     return {};
+}
+
+Status Unit::maximum(int& out) const { return maximumOf(m_identity, m_settings, out); }
+
+Status Unit::checkMaximum(long long value) const
+{
+    if (value >= 0 && (stepRange() <= 0 || value <= stepRange())) return {};
+    return Status::failure(kBadSetting, "the maximum position " + std::to_string(value) + " is outside " +
+                                            rangeText(0, stepRange()) + ", the unit's step range");
 }
 
 Status Unit::setMaximum(long long value)
 {
-    if (value < 0 || (stepRange() > 0 && value > stepRange()))
-        return Status::failure(kBadSetting, "the maximum position " + std::to_string(value) + " is outside " +
-                                                rangeText(0, stepRange()) + ", the unit's step range");
+    Status allowed = checkMaximum(value);
+    if (!allowed.ok()) return allowed;
     const int rc = NKRSetMaxStep(slot(), static_cast<int>(value));
     noteResult(rc);
     if (rc != NKR_SUCCESS) return Status::fromSdk(rc, "setting the maximum position");

@@ -57,6 +57,8 @@ public:
     // The user's maximum as every host program enforces it: the one in the
     // host settings, else the unit's own, never above the step range.
     Status maximum(int& out) const;
+    // ok, or kBadSetting when a maximum is outside 0 .. step range.
+    Status checkMaximum(long long value) const;
     // Sets the maximum on the unit and in the host settings; refused outside
     // 0 .. step range.
     Status setMaximum(long long value);
@@ -101,6 +103,10 @@ private:
     bool m_open = true;
     bool m_keepOpen = false;
 };
+
+// The user's maximum of any open unit (what Unit::maximum answers), without
+// taking hold of it.
+Status maximumOf(const Identity& identity, const HostSettings& settings, int& out);
 
 // Everything the host programs can see: USB units (identified) and, when
 // asked, Bluetooth units in range.
