@@ -139,6 +139,7 @@ void control(Unit& u, const uint8_t* c)
     }
     if (c[4] == 1) {
         if (s.runState == 6) return;  // an error state must be cleared first
+        if (u.usbUpdating || u.bleUpdating) return;  // update mode: the motor waits for new firmware
         s.target = target;
         s.runState = 1;
         advance(u);  // a move to where the motor stands ends at once

@@ -39,6 +39,24 @@ TEST_F(ToolTest, ToolCommandLineErrorsHaveOneFormAndStayShort)
     EXPECT_EQ(stray.status, 2);
     EXPECT_NE(stray.err.find("--ble already names the unit"), std::string::npos) << stray.err;
 
+    // Each says what was wrong in the user's terms, and --json still prints JSON.
+    const struct {
+        const char* args;
+        const char* says;
+    } wrong[] = {
+        {"watch 1 --count -1", "--count: must be a whole number from 0 to 1000000 (got '-1')"},
+        {"wait 1 --timeout abc", "--timeout: must be a number of seconds from 0 to 86400 (got 'abc')"},
+        {"info 0 1 2", "unexpected arguments '1', '2'"},
+        {"--bogus", "unknown option '--bogus'"},
+        {"--json list --ble 61", "must be a whole number of seconds from 0 to 60 (got '61')"},
+    };
+    for (const auto& w : wrong) {
+        ToolRun r = run(w.args);
+        EXPECT_EQ(r.status, 2) << w.args;
+        EXPECT_NE(r.err.find(w.says), std::string::npos) << w.args << ": " << r.err;
+    }
+    EXPECT_NE(run("--json list --ble 61").out.find("{\"error\":{\"message\":"), std::string::npos);
+
     ToolRun help = runTool("", "--help");
     EXPECT_NE(help.out.find("143 SIGTERM"), std::string::npos);
     for (const char* command : {"get", "wait"})
@@ -212,6 +230,8 @@ TEST_F(ToolTest, ToolProgressBarFitsA40ColumnTerminal)
         size_t columns = 0;
         for (unsigned char c : line) columns += (c & 0xC0) != 0x80 ? 1 : 0;
         EXPECT_LE(columns, 40u) << line;
+        // A shorter text rather than a number cut in two.
+        if (line.find("\u2192") != std::string::npos) EXPECT_NE(line.find("31000"), std::string::npos) << line;
         line.clear();
     };
     for (size_t k = 0; k < out.size(); ++k) {
@@ -238,6 +258,7 @@ TEST_F(ToolTest, ToolShowsWhereTheDiagnosticLogIsAndItsLinesLive)
     EXPECT_EQ(verbose.status, 0) << verbose.err;
     EXPECT_EQ(verbose.out, "30000\n");
     EXPECT_NE(verbose.err.find("nkr: log: "), std::string::npos) << verbose.err;
+    EXPECT_EQ(verbose.err.find("0x5"), std::string::npos) << "addresses stay in the log file: " << verbose.err;
     EXPECT_NE(verbose.err.find("NKROpen"), std::string::npos) << verbose.err;
     EXPECT_NE(verbose.err.find("the diagnostic log of this run is /tmp/htx/log/nkr_sdk/"), std::string::npos);
 

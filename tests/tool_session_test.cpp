@@ -46,6 +46,7 @@ TEST_F(ToolTest, ToolBluetoothUnitByNameOrAddress)
     EXPECT_EQ(jsonString(r.out, "type"), "NKR Pro");
     EXPECT_EQ(jsonInt(r.out, "percentage"), 87);
     EXPECT_EQ(jsonInt(r.out, "power_off_reason"), 0);
+    EXPECT_EQ(jsonString(r.out, "power_off_reason_name"), "normal");
     std::optional<std::string> address = jsonString(r.out, "ble_address");
     ASSERT_TRUE(address.has_value());
 
@@ -72,6 +73,8 @@ TEST_F(ToolTest, ToolBluetoothUnitByNameOrAddress)
     ASSERT_EQ(text.status, 0) << text.err;
     EXPECT_NE(text.out.find("Bluetooth address"), std::string::npos);
     EXPECT_NE(text.out.find("87 %"), std::string::npos);
+    for (const char* withUnit : {"4200 mV", "32 mA", "health ............... 95 %"})
+        EXPECT_NE(text.out.find(withUnit), std::string::npos) << withUnit << "\n" << text.out;
 
     // Last: the unit is found by its old name no more.
     ToolRun named = run("--json " + unit + "set ble-name=Scope1");

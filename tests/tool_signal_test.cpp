@@ -110,6 +110,13 @@ TEST_F(ToolSignalTest, ToolSignalDuringAFirmwareUpdateSaysWhatStateTheUnitIsIn)
     EXPECT_NE(update.errors().find("interrupted by SIGINT (Ctrl-C)"), std::string::npos) << update.errors();
     EXPECT_NE(update.errors().find("the unit is in update mode"), std::string::npos) << update.errors();
     EXPECT_NE(update.errors().find("Run the same nkr firmware command again"), std::string::npos);
+
+    // Every command now says so, and the unit refuses to move until an update completes.
+    ToolRun list = run("list");
+    EXPECT_NE(list.out.find("(updating)"), std::string::npos) << list.out;
+    ToolRun move = run("move 1 +100");
+    EXPECT_EQ(move.status, 1);
+    EXPECT_NE(move.err.find("firmware update mode"), std::string::npos) << move.err;
 }
 
 }  // namespace

@@ -159,10 +159,12 @@ TEST_F(ToolTest, ToolSetShowsWhatTheUnitKept)
     EXPECT_EQ(led.status, 1);
     EXPECT_NE(led.err.find("NKR_ERROR_NOT_SUPPORTED (8)"), std::string::npos) << led.err;
 
-    // An alias with a quote is read back in the name, escaped in the JSON.
+    // An alias with a quote is read back, escaped in the JSON; an empty one clears it.
     ToolRun alias = run("--json set 1 'alias=Ma\"in'");
     ASSERT_EQ(alias.status, 0) << alias.err;
-    EXPECT_NE(alias.out.find("\"alias\":\"NKR(Ma\\\"in)\""), std::string::npos) << alias.out;
+    EXPECT_NE(alias.out.find("\"alias\":\"Ma\\\"in\""), std::string::npos) << alias.out;
+    EXPECT_NE(run("set 1 alias=").out.find("cleared"), std::string::npos);
+    EXPECT_NE(run("set 1 backlash=10 backlash=20").err.find("backlash is given twice"), std::string::npos);
 }
 
 TEST_F(ToolTest, ToolSyncDeclaresThePositionWithoutMovingAndKeepsItOutOfTheRealHome)

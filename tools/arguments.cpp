@@ -2,7 +2,10 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
 #include <climits>
+#include <cmath>
+#include <cstdlib>
 
 #include "errors.h"
 #include "output.h"
@@ -32,6 +35,28 @@ long long parseStepTarget(const std::string& text, long long current, bool& rela
     relative = !text.empty() && (text[0] == '+' || text[0] == '-');
     long long value = parseNumber(text, "step");
     return relative ? current + value : value;
+}
+
+CLI::Validator numberIn(double low, double high, bool whole, const std::string& unit)
+{
+    auto show = [](double v) {
+        std::string s = formatFixed(v, 3);
+        while (s.find('.') != std::string::npos && (s.back() == '0' || s.back() == '.')) s.pop_back();
+        return s;
+    };
+    const std::string wanted = std::string("must be a ") + (whole ? "whole number" : "number") +
+                               (unit.empty() ? "" : " of " + unit) + " from " + show(low) + " to " + show(high);
+    return CLI::Validator(
+        [=](std::string& text) -> std::string {
+            char* end = nullptr;
+            errno = 0;
+            const double v = std::strtod(text.c_str(), &end);
+            const bool number = !text.empty() && end == text.c_str() + text.size() && errno == 0 && std::isfinite(v);
+            if (!number || (whole && v != std::floor(v)) || v < low || v > high)
+                return wanted + " (got '" + clipped(text) + "')";
+            return {};
+        },
+        "", "numberIn");
 }
 
 bool parseSwitch(const std::string& text, const std::string& what)

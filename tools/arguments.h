@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include <CLI/CLI.hpp>
+
 namespace nkrtool {
 
 // The positional texts that were given, in order. With --ble the ID is left
@@ -21,5 +23,10 @@ long long parseStepTarget(const std::string& text, long long current, bool& rela
 
 // on/off, 1/0, true/false, yes/no.
 bool parseSwitch(const std::string& text, const std::string& what);
+
+// A check for a numeric option that says what was wrong in the user's
+// terms: "must be a whole number of seconds from 1 to 60 (got 'abc')".
+// whole: no fraction allowed; unit: "seconds", "" for none.
+CLI::Validator numberIn(double low, double high, bool whole, const std::string& unit = "");
 
 }  // namespace nkrtool

@@ -69,16 +69,25 @@ std::string stateAfterStop(size_t written, size_t total)
            "the previous firmware is not restored by itself";
 }
 
-// A failure after the unit entered update mode leaves it there.
+// A failure after the unit entered update mode leaves it there; the host
+// settings remember it, so every program says so and refuses to move it.
+struct UpdateStopped : ToolError {
+    UpdateStopped(std::string message, int code, int exitStatus, size_t written, size_t total)
+        : ToolError(std::move(message), code, exitStatus), written(written), total(total)
+    {
+    }
+    size_t written, total;
+};
+
 [[noreturn]] void failWriting(int code, size_t offset, size_t total)
 {
     if (interrupted())
-        throw ToolError(std::string("interrupted by ") + signalDescription(receivedSignal()) + ": " +
-                            stateAfterStop(offset, total),
-                        -1, kExitInterrupted);
-    throw ToolError("writing the image failed at byte " + std::to_string(offset) + ": " +
-                        formatErrorCode(code) + "; " + stateAfterStop(offset, total),
-                    code, kExitDeviceError);
+        throw UpdateStopped(std::string("interrupted by ") + signalDescription(receivedSignal()) + ": " +
+                                stateAfterStop(offset, total),
+                            -1, kExitInterrupted, offset, total);
+    throw UpdateStopped("writing the image failed at byte " + std::to_string(offset) + ": " +
+                            formatErrorCode(code) + "; " + stateAfterStop(offset, total),
+                        code, kExitDeviceError, offset, total);
 }
 
 // Progress: the bar on a terminal, an event per percent under --json.
@@ -224,16 +233,22 @@ int runFirmware(const FirmwareOptions& options, const GlobalOptions& globals)
 
     say("Writing " + std::to_string(image.size()) + " bytes; " +
         (unit.isBle() ? "keep the unit switched on and near." : "do not unplug the unit."));
-    if (unit.isBle())
-        writeOverBle(unit.id(), image);
-    else
-        writeOverUsb(unit.id(), image);
+    try {
+        if (unit.isBle())
+            writeOverBle(unit.id(), image);
+        else
+            writeOverUsb(unit.id(), image);
+    } catch (const UpdateStopped& stopped) {
+        unit.unit().noteUpdateStopped(static_cast<long long>(stopped.written), static_cast<long long>(stopped.total));
+        throw;
+    }
 
     say("Image written; waiting for the unit to restart...");
     unit.reopen(options.restartSeconds);
     Firmware after = readFirmware(unit.id());
     check(after.code, "reading the firmware version after the update");
     bool changed = after.number() != before.number();
+    unit.unit().noteUpdateCompleted();
 
     if (jsonMode())
         emitJson(eventJson("firmware_done", unit.id())
@@ -268,7 +283,7 @@ Command addFirmwareCommand(CLI::App& app, const GlobalOptions& globals)
     sub->add_option("--restart-wait", options->restartSeconds,
                     "Seconds to wait for the unit to come back after the update")
         ->type_name("SECONDS")
-        ->check(CLI::Range(1, 300));
+        ->check(numberIn(1, 300, true, "seconds"));
     sub->add_flag("-y,--yes", options->yes, "Write without asking (for scripts)");
     sub->add_flag("--dry-run", options->dryRun,
                   "Check the image and the unit, show what would be written, write nothing");

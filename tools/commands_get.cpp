@@ -233,7 +233,7 @@ Command addWaitCommand(CLI::App& app, const GlobalOptions& globals)
     sub->add_option("ID", options->id, kUnitIdHelp);
     sub->add_option("--timeout", options->timeoutSeconds, "Seconds to wait at most (0: no limit; default 300)")
         ->type_name("SECONDS")
-        ->check(CLI::Range(0.0, 86400.0));
+        ->check(numberIn(0, 86400, false, "seconds"));
     sub->footer("Example:\n  nkr move 0 20000 --no-wait && nkr wait 0 --timeout 60");
     return {sub, [options, &globals] { return runWait(*options, globals); }, false};
 }

@@ -22,7 +22,7 @@ struct InfoOptions {
     std::string id;
 };
 
-void addIdentity(Report& r, const UnitSession& unit, const Identity& ident, const Controls& controls)
+void addIdentity(Report& r, UnitSession& unit, const Identity& ident, const Controls& controls)
 {
     r.section("unit", "Unit");
     r.add("id", "id", unit.id(), std::to_string(unit.id()));
@@ -33,6 +33,9 @@ void addIdentity(Report& r, const UnitSession& unit, const Identity& ident, cons
     r.addRead("firmware", "firmware", ident.firmware.code, ident.firmware.text(), ident.firmware.text());
     r.addRead("type", "type", ident.modelCode, ident.model, ident.model.empty() ? "(none)" : ident.model);
     r.addRead("serial", "serial number", ident.serialCode, ident.serial, ident.serial);
+    const nkrhost::Status updating = unit.unit().checkNotInUpdateMode();
+    r.add("update_mode", "firmware update", !updating.ok(),
+          updating.ok() ? "none pending" : paint(Colour::Yellow, updating.message));
     // The Bluetooth name can only be read over USB, from units that have a radio.
     if (unit.isBle()) {
         r.add("ble_name", "Bluetooth name", unit.bleName(), unit.bleName());
@@ -98,7 +101,8 @@ void addBattery(Report& r, int id, const Controls& controls)
                           "discharge_current", "health", "charge_voltage"};
     const char* labels[] = {"temperature", "voltage", "charge current", "charge",
                             "discharge current", "health", "charge voltage"};
-    const std::string units[] = {degreesC(), "", "", " %", "", "", ""};
+    // The firmware reports millivolts, milliamperes and percent.
+    const std::string units[] = {degreesC(), " mV", " mA", " %", " mA", " %", " mV"};
     _NKR_BATTERY_INFO b{};
     int code = NKRGetBatteryInfo(id, &b);
     const int values[] = {b.battery_temp,           b.battery_vol,    b.battery_charge_curr,
@@ -127,8 +131,10 @@ void addDiagnostics(Report& r, int id, const Controls& controls)
     if (controls.has(kFeatureBattery)) {
         int reason = 0;
         int code = NKRGetReason(id, &reason);
+        const std::string name = reason == 0 ? "normal" : "shipping mode";
         r.addRead("power_off_reason", "last power-off", code, reason,
-                  reason == 0 ? "normal" : "shipping mode (reason " + std::to_string(reason) + ")");
+                  name + " (reason " + std::to_string(reason) + ")");
+        r.addRead("power_off_reason_name", "", code, name, "");
     } else {
         r.addUnavailable("power_off_reason", "last power-off", "not supported");
     }

@@ -4,6 +4,7 @@
 #include <CLI/CLI.hpp>
 #include <memory>
 
+#include "arguments.h"
 #include "commands.h"
 #include "errors.h"
 #include "output.h"
@@ -30,7 +31,10 @@ Json orNull(const std::string& text) { return text.empty() ? Json() : Json(text)
 void listUsbUnit(const Identity& ident, Json& units, std::vector<std::vector<std::string>>& rows)
 {
     int maximum = 0;
-    const nkrhost::Status max = nkrhost::maximumOf(ident, nkrhost::HostSettings(), maximum);
+    const nkrhost::HostSettings settings;
+    const nkrhost::Status max = nkrhost::maximumOf(ident, settings, maximum);
+    nkrhost::UnitSettings kept;
+    const bool updating = settings.read(ident.key(), kept).ok() && kept.pendingUpdate.has_value();
     units.push(Json::object()
                    .set("link", "usb")
                    .set("id", ident.slot)
@@ -39,9 +43,11 @@ void listUsbUnit(const Identity& ident, Json& units, std::vector<std::vector<std
                    .set("firmware", ident.firmware.code == NKR_SUCCESS ? Json(ident.firmware.text()) : Json())
                    .set("type", orNull(ident.model))
                    .set("step_range", ident.stepRange)
-                   .set("max_position", max.ok() ? Json(maximum) : Json())
-                   .set("serial", orNull(ident.serial)));
-    rows.push_back({std::to_string(ident.slot), "usb", ident.name, orDash(ident.firmware.code, ident.firmware.text()),
+                   .set("max_step", max.ok() ? Json(maximum) : Json())
+                   .set("serial", orNull(ident.serial))
+                   .set("update_mode", updating));
+    const std::string firmware = orDash(ident.firmware.code, ident.firmware.text());
+    rows.push_back({std::to_string(ident.slot), "usb", ident.name, updating ? firmware + " (updating)" : firmware,
                     orDash(ident.modelCode, ident.model), std::to_string(ident.stepRange),
                     max.ok() ? std::to_string(maximum) : "-", orDash(ident.serialCode, ident.serial)});
 }
@@ -78,7 +84,7 @@ int runList(const ListOptions& options)
     if (rows.empty()) {
         say("No focusers found.");
     } else {
-        printTable({"ID", "LINK", "NAME", "FIRMWARE", "TYPE", "STEP RANGE", "MAXIMUM", "SERIAL/ADDRESS"}, rows);
+        printTable({"ID", "LINK", "NAME", "FIRMWARE", "TYPE", "STEP RANGE", "MAX STEP", "SERIAL/ADDRESS"}, rows);
     }
     if (options.bleSeconds <= 0)
         say(paint(Colour::Dim, "(add --ble SECONDS to look for Bluetooth units as well)"));
@@ -106,7 +112,7 @@ Command addListCommand(CLI::App& app, const GlobalOptions& globals)
     sub->add_option("--ble", options->bleSeconds,
                     "Also scan for Bluetooth units for this many seconds")
         ->type_name("SECONDS")
-        ->check(CLI::Range(0, 60));
+        ->check(numberIn(0, 60, true, "seconds"));
     sub->footer("Examples:\n  nkr list\n  nkr list --ble 3\n  nkr --json list --ble 3");
     return {sub,
             [options, &globals] {

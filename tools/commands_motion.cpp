@@ -53,6 +53,7 @@ int runMove(const MoveOptions& options, const GlobalOptions& globals)
     bool relative = false;
     long long wanted = parseStepTarget(stepText, start, relative);
     // Beyond the user's maximum is refused, never clamped: the same in every program.
+    fail(unit.unit().checkNotInUpdateMode());
     fail(unit.unit().checkTarget(wanted));
     const int goal = static_cast<int>(wanted);
 

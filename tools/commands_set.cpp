@@ -135,7 +135,7 @@ Change parseAssignment(const std::string& assignment)
             usageError("alias must be at most 8 plain characters (got '" + clipped(value) + "')");
         _NKR_ID alias{};
         std::memcpy(alias.id, value.data(), value.size());
-        return {name, value, value.empty() ? "(none)" : value,
+        return {name, value.empty() ? Json() : Json(value), value.empty() ? "cleared (the unit has no alias now)" : value,
                 [alias, value](UnitSession& unit) {
                     return nkrhost::Status::fromSdk(NKRSetID(unit.id(), alias), "setting alias to '" + value + "'");
                 },
@@ -143,8 +143,9 @@ Change parseAssignment(const std::string& assignment)
                     _NKR_INFO info{};
                     int rc = NKRGetProperty(id, &info);
                     if (rc == NKR_SUCCESS) {
-                        v = printableText(info.Name, sizeof info.Name);
-                        text = printableText(info.Name, sizeof info.Name);
+                        const std::string alias = nkrhost::aliasFromName(info.Name, sizeof info.Name);
+                        v = alias.empty() ? Json() : Json(alias);
+                        text = alias.empty() ? "cleared (the unit has no alias now)" : alias;
                     }
                     return rc;
                 }};
@@ -187,7 +188,14 @@ int runSet(const SetOptions& options, const GlobalOptions& globals)
     UnitTarget target = takeTarget(args, globals.ble, globals.bleScanSeconds);
     if (args.empty()) usageError("nothing to set: give NAME=VALUE, for example backlash=20");
     std::vector<Change> changes;
-    for (const std::string& a : args) changes.push_back(parseAssignment(a));
+    for (const std::string& a : args) {
+        Change change = parseAssignment(a);
+        for (const Change& earlier : changes)
+            if (earlier.name == change.name)
+                usageError(change.name + " is given twice (" + earlier.text + " and " + change.text +
+                           "); give each setting once");
+        changes.push_back(std::move(change));
+    }
 
     UnitSession unit(target);
     for (const Change& c : changes)

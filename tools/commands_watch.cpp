@@ -23,7 +23,9 @@ struct WatchOptions {
     int intervalMs = 250;
 };
 
-std::string statusText(const Reading& st)
+// The status line, longest form first: a live line must fit the terminal,
+// or every redraw wraps and scrolls.
+std::vector<std::string> statusTexts(const Reading& st)
 {
     std::string pos = st.positionCode == NKR_SUCCESS ? std::to_string(st.position) : "?";
     std::string moving = st.movingCode != NKR_SUCCESS ? "?"
@@ -31,7 +33,9 @@ std::string statusText(const Reading& st)
                                                      : "still";
     std::string temp = st.temperatureCode == NKR_SUCCESS ? formatFixed(st.temperature, 2) + degreesC()
                                                          : unavailableText(st.temperatureCode);
-    return "position " + pos + "  " + moving + "  temperature " + temp;
+    std::string shortTemp = st.temperatureCode == NKR_SUCCESS ? formatFixed(st.temperature, 1) + degreesC() : "?";
+    return {"position " + pos + "  " + moving + "  temperature " + temp, "position " + pos + "  " + moving + "  " + shortTemp,
+            pos + "  " + moving + "  " + shortTemp, pos + "  " + moving};
 }
 
 Json statusJson(int id, int sequence, const Reading& st)
@@ -63,10 +67,11 @@ int runWatch(const WatchOptions& options, const GlobalOptions& globals)
         if (jsonMode()) {
             emitJson(statusJson(unit.id(), sequence, st));
         } else if (interactive()) {
-            std::printf("\r%s\033[K", statusText(st).c_str());
+            const size_t room = static_cast<size_t>(std::max(1, terminalColumns() - 1));
+            std::printf("\r%s\033[K", firstThatFits(statusTexts(st), room).c_str());
             flushOutput();
         } else {
-            say(statusText(st));
+            say(statusTexts(st).front());
         }
         bool last = options.count != 0 && sequence == options.count;
         if (last || sleepUnlessInterrupted(options.intervalMs)) break;
@@ -88,10 +93,10 @@ Command addWatchCommand(CLI::App& app, const GlobalOptions& globals)
     sub->add_option("ID", options->id, kUnitIdHelp);
     sub->add_option("--count", options->count, "Stop after this many updates (0: until Ctrl-C)")
         ->type_name("N")
-        ->check(CLI::NonNegativeNumber);
+        ->check(numberIn(0, 1000000, true));
     sub->add_option("--interval", options->intervalMs, "Milliseconds between updates")
         ->type_name("MS")
-        ->check(CLI::Range(50, 60000));
+        ->check(numberIn(50, 60000, true, "milliseconds"));
     sub->footer("Examples:\n  nkr watch 0\n  nkr --json watch 0 --count 10");
     return {sub, [options, &globals] { return runWatch(*options, globals); }, false};
 }

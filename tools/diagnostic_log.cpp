@@ -1,6 +1,7 @@
 #include "diagnostic_log.h"
 
 #include <atomic>
+#include <cctype>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -27,6 +28,24 @@ std::string ownLogFile()
     return "";
 }
 
+// Lines about memory addresses ("pszInBuf is 0x55f88ea9def0") help whoever
+// reads the log file, not the person at the terminal.
+bool forPeople(const std::string& line)
+{
+    for (size_t at = line.find("0x"); at != std::string::npos; at = line.find("0x", at + 2)) {
+        size_t digits = 0;
+        while (at + 2 + digits < line.size() && std::isxdigit(static_cast<unsigned char>(line[at + 2 + digits])))
+            ++digits;
+        if (digits >= 8) return false;
+    }
+    return line.find("(nil)") == std::string::npos;
+}
+
+void show(const std::string& line)
+{
+    if (forPeople(line)) std::fprintf(stderr, "nkr: log: %s\n", line.c_str());
+}
+
 void copyNewLines(std::ifstream& in, std::string& partial)
 {
     std::string chunk;
@@ -40,7 +59,7 @@ void copyNewLines(std::ifstream& in, std::string& partial)
     in.clear();  // at the end for now; more may come
     partial += chunk;
     for (size_t newline; (newline = partial.find('\n')) != std::string::npos;) {
-        std::fprintf(stderr, "nkr: log: %s\n", partial.substr(0, newline).c_str());
+        show(partial.substr(0, newline));
         partial.erase(0, newline + 1);
     }
 }
@@ -59,7 +78,7 @@ void follow()
         if (in.is_open()) copyNewLines(in, partial);
         if (!last) std::this_thread::sleep_for(std::chrono::milliseconds(100));
     }
-    if (!partial.empty()) std::fprintf(stderr, "nkr: log: %s\n", partial.c_str());
+    if (!partial.empty()) show(partial);
     if (!path.empty()) std::fprintf(stderr, "nkr: the diagnostic log of this run is %s\n", path.c_str());
 }
 

@@ -4,11 +4,13 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <cctype>
 #include <csignal>
 #include <cstdlib>
 #include <cstdio>
 #include <vector>
 
+#include "arguments.h"
 #include "commands.h"
 #include "diagnostic_log.h"
 #include "help_documents.h"
@@ -61,7 +63,7 @@ void addGlobalOptions(CLI::App& app, GlobalOptions& g)
         ->type_name("NAME-OR-ADDRESS");
     app.add_option("--ble-scan", g.bleScanSeconds, "Seconds to scan when looking for the --ble unit")
         ->type_name("SECONDS")
-        ->check(CLI::Range(1, 60));
+        ->check(numberIn(1, 60, true, "seconds"));
     app.add_flag("-v,--verbose", g.verbose,
                  "Show the library's diagnostic log lines on stderr while the command runs");
     app.add_flag_callback(
@@ -129,10 +131,50 @@ std::string firstCommandWord(int argc, char** argv)
     return "";
 }
 
+// An option word on the command line that no command knows ("--bogus"), or "".
+std::string unknownOption(const CLI::App& app, int argc, char** argv)
+{
+    std::vector<const CLI::App*> apps{&app};
+    for (const CLI::App* sub : app.get_subcommands([](const CLI::App*) { return true; })) apps.push_back(sub);
+    for (int k = 1; k < argc; ++k) {
+        std::string word = argv[k];
+        if (word == "--") break;
+        if (word.size() < 2 || word[0] != '-' || std::isdigit(static_cast<unsigned char>(word[1]))) continue;
+        const std::string name = word.substr(0, word.find('='));
+        bool known = false;
+        for (const CLI::App* a : apps)
+            for (const CLI::Option* o : a->get_options())
+                known = known || o->check_name(name);
+        if (!known) return name;
+    }
+    return {};
+}
+
 // CLI11's message, in the tool's form: words cut to a sane length, a
-// mistyped command answered with the nearest one.
+// mistyped command answered with the nearest one, extra arguments in the
+// order they were typed.
 std::string describeParseError(const CLI::ParseError& e, const CLI::App& app, int argc, char** argv)
 {
+    const std::string option = unknownOption(app, argc, argv);
+    if (!option.empty()) return "unknown option '" + clipped(option) + "' (nkr --help lists the options)";
+    if (dynamic_cast<const CLI::ExtrasError*>(&e) != nullptr) {
+        // CLI11 lists the extras last first.
+        const std::string what = e.what();
+        const size_t colon = what.find(": ");
+        std::vector<std::string> words;
+        std::string word;
+        for (char c : (colon == std::string::npos ? what : what.substr(colon + 2)) + " ") {
+            if (c == ' ') {
+                if (!word.empty()) words.insert(words.begin(), word);
+                word.clear();
+            } else {
+                word += c;
+            }
+        }
+        std::string list;
+        for (const std::string& w : words) list += (list.empty() ? "'" : ", '") + clipped(w) + "'";
+        return "unexpected argument" + std::string(words.size() > 1 ? "s " : " ") + list + " (see nkr --help)";
+    }
     std::string command = firstCommandWord(argc, argv);
     bool known = false;
     for (const CLI::App* sub : app.get_subcommands([](const CLI::App*) { return true; }))
@@ -255,8 +297,11 @@ int main(int argc, char** argv)
             return kExitOk;
         }
         if (e.get_exit_code() == 0) return app.exit(e);
-        initOutput(false);
-        printErrorMessage(describeParseError(e, app, argc, argv));
+        // --json holds for a bad command line too: the error is printed as JSON.
+        bool json = false;
+        for (int k = 1; k < argc; ++k) json = json || std::string(argv[k]) == "--json";
+        initOutput(json);
+        reportError(ToolError(describeParseError(e, app, argc, argv), -1, kExitUsage));
         return kExitUsage;
     }
 

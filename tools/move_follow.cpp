@@ -37,8 +37,9 @@ MoveResult moveAndFollow(nkrhost::Unit& unit, int start, int target, bool emitLi
     hooks.interrupted = [] { return interrupted(); };
     hooks.sleep = [](std::chrono::milliseconds d) { sleepUnlessInterrupted(static_cast<int>(d.count())); };
     hooks.progress = [&](const nkrhost::MoveProgress& p) {
-        bar.update(p.percent / 100.0, "position " + std::to_string(p.position) + arrow() + std::to_string(target) +
-                                          "  " + std::to_string(p.speed) + " steps/s");
+        const std::string where = std::to_string(p.position) + arrow() + std::to_string(target);
+        bar.update(p.percent / 100.0, {"position " + where + "  " + std::to_string(p.speed) + " steps/s",
+                                       "position " + where, where, std::to_string(p.position)});
         if (lines) emitJson(progressLine("progress", unit.slot(), p));
     };
     nkrhost::FollowResult r = unit.follow(options, hooks);
@@ -46,7 +47,8 @@ MoveResult moveAndFollow(nkrhost::Unit& unit, int start, int target, bool emitLi
     last.percent = target == start ? 100
                    : std::clamp(static_cast<int>(100.0 * (r.position - start) / (target - start)), 0, 100);
     if (r.end == nkrhost::MoveEnd::Reached)
-        bar.update(1.0, "position " + std::to_string(r.position) + arrow() + std::to_string(target));
+        bar.update(1.0, {"position " + std::to_string(r.position) + arrow() + std::to_string(target),
+                         std::to_string(r.position)});
     bar.finish();
 
     switch (r.end) {

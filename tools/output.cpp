@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cmath>
 #include <cstdio>
@@ -22,6 +23,7 @@ struct OutputState {
     bool tty = false;
     bool colour = false;
     bool stderrColour = false;
+    bool stderrTty = false;
     bool utf8 = false;
 };
 
@@ -71,6 +73,7 @@ void initOutput(bool json)
     s.tty = isatty(STDOUT_FILENO) != 0;
     s.colour = !json && colourAllowed(STDOUT_FILENO);
     s.stderrColour = colourAllowed(STDERR_FILENO);
+    s.stderrTty = isatty(STDERR_FILENO) != 0;
     s.utf8 = localeIsUtf8();
 }
 
@@ -220,8 +223,15 @@ void printTable(const std::vector<std::string>& headers,
         while (!out.empty() && out.back() == ' ') out.pop_back();
         return out;
     };
-    say(paint(Colour::Bold, line(headers)));
-    for (const auto& row : rows) say(line(row));
+    // Rows are never wrapped: a wrapped row breaks every column after it.
+    auto print = [](const std::string& text) {
+        if (jsonMode()) return;
+        std::fputs(text.c_str(), stdout);
+        std::fputc('\n', stdout);
+        flushOutput();
+    };
+    print(paint(Colour::Bold, line(headers)));
+    for (const auto& row : rows) print(line(row));
 }
 
 std::string paint(Colour colour, const std::string& text)
@@ -233,23 +243,54 @@ std::string paint(Colour colour, const std::string& text)
 void warn(const std::string& message)
 {
     std::fflush(stdout);
-    std::fprintf(stderr, "nkr: %s\n", message.c_str());
+    const std::string text = "nkr: " + message;
+    std::fprintf(stderr, "%s\n", state().stderrTty ? wrapText(text, outputWidth()).c_str() : text.c_str());
 }
 
 void printErrorMessage(const std::string& message)
 {
     std::fflush(stdout);
+    // Wrapped at spaces on a terminal, so it never breaks a word in two; a
+    // script reading stderr gets one line.
+    const std::string text =
+        state().stderrTty ? wrapText("nkr: error: " + message, outputWidth()) : "nkr: error: " + message;
     if (state().stderrColour)
-        std::fprintf(stderr, "\033[31mnkr: error:\033[0m %s\n", message.c_str());
+        std::fprintf(stderr, "\033[31mnkr: error:\033[0m%s\n", text.substr(11).c_str());
     else
-        std::fprintf(stderr, "nkr: error: %s\n", message.c_str());
+        std::fprintf(stderr, "%s\n", text.c_str());
 }
 
 ProgressBar::~ProgressBar() { finish(); }
 
 bool ProgressBar::visible() const { return interactive(); }
 
+size_t displayWidth(const std::string& text)
+{
+    size_t width = 0;
+    for (size_t k = 0; k < text.size(); ++k) {
+        const unsigned char c = static_cast<unsigned char>(text[k]);
+        if (c == 0x1B) {  // an escape sequence ends with a letter
+            while (k < text.size() && !std::isalpha(static_cast<unsigned char>(text[k]))) ++k;
+            continue;
+        }
+        if ((c & 0xC0) != 0x80) ++width;  // continuation bytes add nothing
+    }
+    return width;
+}
+
+std::string firstThatFits(const std::vector<std::string>& texts, size_t width)
+{
+    for (const std::string& t : texts)
+        if (displayWidth(t) <= width) return t;
+    return texts.empty() ? std::string() : texts.back();
+}
+
 void ProgressBar::update(double fraction, const std::string& detail)
+{
+    update(fraction, std::vector<std::string>{detail});
+}
+
+void ProgressBar::update(double fraction, const std::vector<std::string>& details)
 {
     if (!visible()) return;
     fraction = std::clamp(std::isfinite(fraction) ? fraction : 0.0, 0.0, 1.0);
@@ -261,7 +302,8 @@ void ProgressBar::update(double fraction, const std::string& detail)
     char percent[16];
     std::snprintf(percent, sizeof percent, "%3d%%", static_cast<int>(std::lround(fraction * 100)));
     size_t room = static_cast<size_t>(std::max(0, columns - width - 9));
-    std::string shown = detail.size() > room ? detail.substr(0, room) : detail;
+    std::string shown = firstThatFits(details, room);
+    if (displayWidth(shown) > room) shown.clear();
     // \r returns to the line start, \033[K clears what a longer line left.
     std::printf("\r[%s] %s %s\033[K", bar.c_str(), percent, shown.c_str());
     flushOutput();

@@ -49,8 +49,11 @@ public:
     ProgressBar& operator=(const ProgressBar&) = delete;
     ~ProgressBar();
 
-    // fraction 0..1; detail is printed after the bar.
+    // fraction 0..1; detail is printed after the bar. Of several details
+    // (longest first) the first that fits the terminal is shown, so a
+    // narrow window gets a shorter text rather than a number cut in two.
     void update(double fraction, const std::string& detail);
+    void update(double fraction, const std::vector<std::string>& details);
     void finish();
     bool visible() const;
 
@@ -74,6 +77,13 @@ size_t outputWidth();
 // with a description column ("  name    text", two or more spaces), or else
 // with the line's own indent plus four.
 std::string wrapText(const std::string& text, size_t width);
+
+// Columns a text takes on a terminal: UTF-8 characters count one, colour
+// escapes none.
+size_t displayWidth(const std::string& text);
+// The first of the texts (longest first) that fits in width columns; the
+// last one when none does.
+std::string firstThatFits(const std::vector<std::string>& texts, size_t width);
 
 // A text echoed back in a message, cut to 40 characters with an ellipsis so
 // a 300-digit argument does not fill the screen.

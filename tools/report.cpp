@@ -81,9 +81,9 @@ void Report::print() const
     for (const Section& s : sections_) {
         if (!s.title.empty()) sayHeading(s.title);
         if (!s.unavailable.empty()) sayField(s.title, paint(Colour::Dim, s.unavailable));
-        for (const Entry& e : s.entries) {
-            sayField(e.label, e.available ? e.text : paint(Colour::Dim, e.text));
-        }
+        // An entry without a label is for JSON only.
+        for (const Entry& e : s.entries)
+            if (!e.label.empty()) sayField(e.label, e.available ? e.text : paint(Colour::Dim, e.text));
     }
 }
 

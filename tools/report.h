@@ -15,7 +15,7 @@ class Report {
 public:
     // Starts a section; key names it in JSON, title in text.
     void section(const std::string& key, const std::string& title);
-    // A value with its text form.
+    // A value with its text form; an empty label keeps it out of the text.
     void add(const std::string& key, const std::string& label, Json value, std::string text);
     // A value read with a library call: code 0 keeps value/text, any other
     // code records the value as unavailable.

@@ -128,6 +128,13 @@ UnitSettings fromJson(const json& n)
     if (n.contains("positions") && n["positions"].is_object())
         for (auto& [name, value] : n["positions"].items())
             if (value.is_number_integer()) s.positions[name] = value.get<int>();
+    if (n.contains("update_pending") && n["update_pending"].is_object()) {
+        const json& u = n["update_pending"];
+        PendingUpdate p;
+        if (u.contains("written") && u["written"].is_number_integer()) p.written = u["written"].get<long long>();
+        if (u.contains("total") && u["total"].is_number_integer()) p.total = u["total"].get<long long>();
+        s.pendingUpdate = p;
+    }
     if (n.contains("approach") && n["approach"].is_object()) {
         const json& a = n["approach"];
         if (a.contains("enabled") && a["enabled"].is_boolean()) s.approach.enabled = a["enabled"].get<bool>();
@@ -166,6 +173,10 @@ void intoJson(const UnitSettings& s, json& n)
         n.erase("positions");
     else
         n["positions"] = positions;
+    if (s.pendingUpdate)
+        n["update_pending"] = {{"written", s.pendingUpdate->written}, {"total", s.pendingUpdate->total}};
+    else
+        n.erase("update_pending");
     const ApproachSettings ap{};
     if (s.approach.enabled == ap.enabled && s.approach.direction == ap.direction && s.approach.overshoot == ap.overshoot)
         n.erase("approach");

@@ -42,6 +42,17 @@ std::unique_ptr<Unit> Unit::adopt(int slot, Link link, const HostSettings& setti
 Status Unit::open(const OpenRequest& request, std::unique_ptr<Unit>& out, const HostSettings& settings)
 {
     out.reset();
+    const std::string wanted = trimmed(request.name);
+    // A slot id needs no look at the other units (opening one may restore
+    // its saved position); they are identified only to say what was seen.
+    if (!request.bluetoothOnly && isSlotName(wanted)) {
+        const int slot = std::stoi(wanted);
+        for (int s : scanUsbSlots())
+            if (s == slot && NKROpen(slot) == NKR_SUCCESS) {
+                out = adopt(slot, Link::Usb, settings);
+                return {};
+            }
+    }
     std::vector<SeenUnit> seen;
     if (!request.bluetoothOnly)
         for (const Identity& id : identifyUsbUnits()) seen.push_back(seenFrom(id));
@@ -162,8 +173,39 @@ Status Unit::position(int& out)
     return Status::fromSdk(rc, "reading the position");
 }
 
+Status Unit::noteUpdateStopped(long long written, long long total)
+{
+    return m_settings.update(key(), [&](UnitSettings& s) {
+        s.pendingUpdate = PendingUpdate{written, total};
+        return Status{};
+    });
+}
+
+Status Unit::noteUpdateCompleted()
+{
+    return m_settings.update(key(), [](UnitSettings& s) {
+        s.pendingUpdate.reset();
+        return Status{};
+    });
+}
+
+Status Unit::checkNotInUpdateMode() const
+{
+    UnitSettings s;
+    Status read = m_settings.read(key(), s);
+    if (!read.ok()) return read;
+    if (!s.pendingUpdate) return {};
+    return Status::failure(kUpdatePending, "the focuser is in firmware update mode (an update stopped after " +
+                                               std::to_string(s.pendingUpdate->written) + " of " +
+                                               std::to_string(s.pendingUpdate->total) +
+                                               " bytes) and will not move until an update completes; run the "
+                                               "firmware update again");
+}
+
 Status Unit::moveTo(long long target)
 {
+    Status updating = checkNotInUpdateMode();
+    if (!updating.ok()) return updating;
     Status allowed = checkTarget(target);
     if (!allowed.ok()) return allowed;
     const int rc = NKRMove(slot(), static_cast<int>(target));

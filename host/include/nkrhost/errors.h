@@ -34,6 +34,7 @@ enum HostCode : int {
     kUnitInUse = 1006,      // another program holds the unit for this purpose
     kBadSetting = 1007,     // a value that cannot be a setting (wrong type or range)
     kSettingsFile = 1008,   // the host settings file cannot be read or written
+    kUpdatePending = 1009,  // the unit waits in update mode for an update to complete
 };
 
 struct ErrorEntry {

@@ -27,6 +27,13 @@ struct ApproachSettings {
     int overshoot = 0;   // steps past the target before coming back
 };
 
+// A firmware update that stopped part-way: the unit stays in update mode
+// (and will not move) until an update completes.
+struct PendingUpdate {
+    long long written = 0;
+    long long total = 0;
+};
+
 struct UnitSettings {
     std::string name;                       // display name; "" = none
     std::optional<int> maxPosition;         // the user's maximum, as the host programs enforce it
@@ -34,6 +41,7 @@ struct UnitSettings {
     TempCompSettings tempComp;
     std::map<std::string, int> positions;   // named positions
     ApproachSettings approach;
+    std::optional<PendingUpdate> pendingUpdate;
 };
 
 class HostSettings {

@@ -77,6 +77,14 @@ public:
     Status sync(long long position);
     FollowResult follow(const FollowOptions& options, const FollowHooks& hooks = {});
 
+    // ---- firmware update mode ---------------------------------------------------
+    // Records that an update stopped part-way (the unit stays in update mode
+    // and moves are refused until an update completes), or that one completed.
+    Status noteUpdateStopped(long long written, long long total);
+    Status noteUpdateCompleted();
+    // ok, or kUpdatePending with a sentence that says what to do.
+    Status checkNotInUpdateMode() const;
+
     // ---- the link --------------------------------------------------------------
     // Records the result of a call on the unit; true when it now counts as gone.
     bool noteResult(int code);
