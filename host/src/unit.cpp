@@ -3,6 +3,7 @@
 #include <NKR_focuser.h>
 
 #include <algorithm>
+#include <thread>
 
 namespace nkrhost {
 namespace {
@@ -245,6 +246,105 @@ FollowResult Unit::follow(const FollowOptions& options, const FollowHooks& hooks
     FollowResult r = followMove(slot(), link(), options, hooks);
     if (r.end == MoveEnd::Gone) m_watch.markGone();
     return r;
+}
+
+Status Unit::planMove(long long target, const FollowOptions& options, std::unique_ptr<PlannedMove>& out)
+{
+    out.reset();
+    Status updating = checkNotInUpdateMode();
+    if (!updating.ok()) return updating;
+    Status allowed = checkTarget(target);
+    if (!allowed.ok()) return allowed;
+    int from = 0, max = 0;
+    Status read = position(from);
+    if (!read.ok()) return read;
+    if (Status m = maximum(max); !m.ok()) return m;
+    UnitSettings s;
+    if (Status st = settings(s); !st.ok()) return st;
+    out = std::make_unique<PlannedMove>(*this, approachLegs(from, static_cast<int>(target), s.approach, max), options);
+    return {};
+}
+
+FollowResult Unit::moveAndFollow(long long target, const FollowOptions& options, const FollowHooks& hooks)
+{
+    auto now = [&] { return hooks.now ? hooks.now() : MoveFollower::Clock::now(); };
+    FollowResult failed;
+    failed.end = MoveEnd::StoppedShort;
+    std::unique_ptr<PlannedMove> move;
+    failed.status = planMove(target, options, move);
+    if (failed.status.ok()) failed.status = move->start(now());
+    if (!failed.status.ok()) {
+        position(failed.position);
+        return failed;
+    }
+    for (;;) {
+        if (hooks.interrupted && hooks.interrupted()) return move->interrupt();
+        if (auto end = move->poll(now())) return *end;
+        if (hooks.progress) hooks.progress(move->progress());
+        if (hooks.sleep)
+            hooks.sleep(options.poll);
+        else
+            std::this_thread::sleep_for(options.poll);
+    }
+}
+
+namespace {
+
+Status checkPositionName(const std::string& name)
+{
+    const bool printable = std::all_of(name.begin(), name.end(), [](unsigned char c) { return c >= 0x20 && c < 0x7F; });
+    if (name.empty() || name.size() > 32 || !printable || trimmed(name) != name)
+        return Status::failure(kBadSetting, "a position name is 1 to 32 plain characters without blanks at either end (got '" +
+                                                clippedName(name) + "')");
+    return {};
+}
+
+std::string namesOf(const std::map<std::string, int>& positions)
+{
+    std::string list;
+    for (const auto& [name, value] : positions) list += (list.empty() ? "" : ", ") + name;
+    return list.empty() ? "none saved" : list;
+}
+
+}  // namespace
+
+Status Unit::namedPositions(std::map<std::string, int>& out) const
+{
+    UnitSettings s;
+    Status st = settings(s);
+    out = s.positions;
+    return st;
+}
+
+Status Unit::savePosition(const std::string& name, long long value)
+{
+    if (Status bad = checkPositionName(name); !bad.ok()) return bad;
+    if (Status beyond = checkTarget(value); !beyond.ok()) return beyond;
+    return m_settings.update(key(), [&](UnitSettings& s) {
+        s.positions[name] = static_cast<int>(value);
+        return Status{};
+    });
+}
+
+Status Unit::removePosition(const std::string& name)
+{
+    return m_settings.update(key(), [&](UnitSettings& s) {
+        if (s.positions.erase(name) == 0)
+            return Status::failure(kBadSetting, "no position is named '" + clippedName(name) + "' (" +
+                                                    namesOf(s.positions) + ")");
+        return Status{};
+    });
+}
+
+Status Unit::namedPosition(const std::string& name, int& out) const
+{
+    std::map<std::string, int> all;
+    if (Status st = namedPositions(all); !st.ok()) return st;
+    auto it = all.find(name);
+    if (it == all.end())
+        return Status::failure(kBadSetting, "no position is named '" + clippedName(name) + "' (" + namesOf(all) + ")");
+    out = it->second;
+    return {};
 }
 
 bool Unit::noteResult(int code) { return m_watch.note(code); }

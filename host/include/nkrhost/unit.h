@@ -4,6 +4,7 @@
 // reconnecting) is decided here once, so every front-end behaves alike.
 #pragma once
 
+#include <map>
 #include <memory>
 #include <string>
 
@@ -11,6 +12,7 @@
 #include "nkrhost/follow.h"
 #include "nkrhost/identity.h"
 #include "nkrhost/link.h"
+#include "nkrhost/motion.h"
 #include "nkrhost/settings.h"
 
 namespace nkrhost {
@@ -76,6 +78,19 @@ public:
     // Declares the current position without moving; refused outside the step range.
     Status sync(long long position);
     FollowResult follow(const FollowOptions& options, const FollowHooks& hooks = {});
+    // A move as the user asked for it, with the unit's final approach (one
+    // leg or two), checked against the limits before anything moves.
+    Status planMove(long long target, const FollowOptions& options, std::unique_ptr<PlannedMove>& out);
+    // Plans, starts and follows such a move to its end.
+    FollowResult moveAndFollow(long long target, const FollowOptions& options, const FollowHooks& hooks = {});
+
+    // ---- named positions ------------------------------------------------------
+    Status namedPositions(std::map<std::string, int>& out) const;
+    // Saves a name for a position (refused outside 0 .. maximum).
+    Status savePosition(const std::string& name, long long position);
+    Status removePosition(const std::string& name);
+    // The position a name stands for; kBadSetting listing the names when unknown.
+    Status namedPosition(const std::string& name, int& out) const;
 
     // ---- firmware update mode ---------------------------------------------------
     // Records that an update stopped part-way (the unit stays in update mode
