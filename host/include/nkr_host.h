@@ -146,6 +146,47 @@ NKR_HOST_API int nkr_host_settings_json(nkr_host_unit* unit, char* json, size_t 
  * refused as a whole (1007) when a key or value is wrong. */
 NKR_HOST_API int nkr_host_settings_merge(nkr_host_unit* unit, const char* json, char* message, size_t size);
 
+/* ---- Named positions and the final approach ---------------------------------- */
+
+/* Saves a name for a position (0 .. maximum); a name is 1 to 32 plain
+ * characters. */
+NKR_HOST_API int nkr_host_save_position(nkr_host_unit* unit, const char* name, long long position, char* message,
+                                        size_t size);
+NKR_HOST_API int nkr_host_remove_position(nkr_host_unit* unit, const char* name, char* message, size_t size);
+/* The position a name stands for (1007 with the known names when unknown). */
+NKR_HOST_API int nkr_host_named_position(nkr_host_unit* unit, const char* name, int* position, char* message,
+                                         size_t size);
+/* Starts a move as the user asked for it, with the unit's final approach
+ * (one leg, or two: past the target, then back from the chosen side),
+ * checked against the maximum; follow it with the follower it returns in
+ * *follower (poll, interrupt and free it as above). */
+NKR_HOST_API int nkr_host_move_planned(nkr_host_unit* unit, long long target, int timeout_ms,
+                                       nkr_host_follower** follower, char* message, size_t size);
+
+/* ---- Temperature compensation -------------------------------------------------- */
+
+typedef struct nkr_host_tempcomp nkr_host_tempcomp;
+
+/* Runs the compensation of the unit in this program (holder: who this
+ * program is, as others will read it). Each nkr_host_tempcomp_tick reads
+ * the unit and its settings (enabled, coefficient, dead band) and corrects
+ * when due; the lines of what happened are written to log (one per line,
+ * cut to size). Returns the state: 0 off, 1 on in another program, 2
+ * waiting for a temperature, 3 paused by a probe error, 4 on. */
+NKR_HOST_API nkr_host_tempcomp* nkr_host_tempcomp_new(nkr_host_unit* unit, const char* holder);
+NKR_HOST_API int nkr_host_tempcomp_tick(nkr_host_tempcomp* tempcomp, char* log, size_t size);
+/* One line for a display: state, temperatures, reference. */
+NKR_HOST_API int nkr_host_tempcomp_describe(nkr_host_tempcomp* tempcomp, char* text, size_t size);
+NKR_HOST_API void nkr_host_tempcomp_free(nkr_host_tempcomp* tempcomp);
+
+/* Fits the temperature coefficient to focus runs: count pairs of
+ * temperatures (degrees Celsius) and best-focus positions. Writes the
+ * coefficient (steps per degree), R^2, the runs used and rejected, and for
+ * each run whether it was kept (kept may be null). */
+NKR_HOST_API int nkr_host_fit_temperature(const double* temperatures, const double* positions, int count,
+                                          double* coefficient, double* r2, int* used, int* rejected,
+                                          unsigned char* kept, char* message, size_t size);
+
 #ifdef __cplusplus
 }
 #endif

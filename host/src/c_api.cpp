@@ -6,11 +6,14 @@
 
 #include <cstring>
 #include <memory>
+#include <optional>
 #include <nlohmann/json.hpp>
 
 #include "nkrhost/errors.h"
 #include "nkrhost/follow.h"
 #include "nkrhost/settings.h"
+#include "nkrhost/tempcomp.h"
+#include "nkrhost/tempfit.h"
 #include "nkrhost/unit.h"
 
 using namespace nkrhost;
@@ -20,8 +23,22 @@ struct nkr_host_unit {
     std::unique_ptr<Unit> unit;
 };
 
+// Follows a single leg (a move begun with nkr_host_follow_begin) or a
+// planned move of one or two legs.
 struct nkr_host_follower {
     std::unique_ptr<MoveFollower> follower;
+    std::unique_ptr<PlannedMove> planned;
+
+    std::optional<FollowResult> poll(MoveFollower::Clock::time_point now)
+    {
+        return planned ? planned->poll(now) : follower->poll(now);
+    }
+    MoveProgress progress() const { return planned ? planned->progress() : follower->progress(); }
+    FollowResult interrupt() { return planned ? planned->interrupt() : follower->interrupt(); }
+};
+
+struct nkr_host_tempcomp {
+    TempCompRunner runner;
 };
 
 namespace {
@@ -237,7 +254,8 @@ nkr_host_follower* nkr_host_follow_begin(nkr_host_unit* unit, int start, int tar
         options.timeout = std::chrono::milliseconds(timeout_ms > 0 ? timeout_ms : 0);
         if (stall_ms > 0) options.stall = std::chrono::milliseconds(stall_ms);
         return new nkr_host_follower{std::make_unique<MoveFollower>(unit->unit->slot(), unit->unit->link(), options,
-                                                                    MoveFollower::Clock::now())};
+                                                                    MoveFollower::Clock::now()),
+                                     nullptr};
     } catch (...) {
         return nullptr;
     }
@@ -248,8 +266,8 @@ int nkr_host_follow_poll(nkr_host_follower* f, int* position, int* moving, int* 
 {
     if (f == nullptr) return -1;
     try {
-        auto result = f->follower->poll(MoveFollower::Clock::now());
-        const MoveProgress& p = f->follower->progress();
+        auto result = f->poll(MoveFollower::Clock::now());
+        const MoveProgress p = f->progress();
         if (position != nullptr) *position = p.position;
         if (moving != nullptr) *moving = p.moving ? 1 : 0;
         if (percent != nullptr) *percent = p.percent;
@@ -270,7 +288,7 @@ int nkr_host_follow_interrupt(nkr_host_follower* f, int* position, char* message
 {
     if (f == nullptr) return nullUnit(message, size);
     return guarded(message, size, [&] {
-        FollowResult r = f->follower->interrupt();
+        FollowResult r = f->interrupt();
         if (position != nullptr) *position = r.position;
         return answer(r.stop, message, size);
     });
@@ -298,6 +316,101 @@ int nkr_host_settings_merge(nkr_host_unit* unit, const char* text, char* message
     if (unit == nullptr || text == nullptr) return nullUnit(message, size);
     return guarded(message, size, [&] {
         return answer(unit->unit->hostSettings().mergeJson(unit->unit->key(), text), message, size);
+    });
+}
+
+int nkr_host_save_position(nkr_host_unit* unit, const char* name, long long position, char* message, size_t size)
+{
+    if (unit == nullptr || name == nullptr) return nullUnit(message, size);
+    return guarded(message, size, [&] { return answer(unit->unit->savePosition(name, position), message, size); });
+}
+
+int nkr_host_remove_position(nkr_host_unit* unit, const char* name, char* message, size_t size)
+{
+    if (unit == nullptr || name == nullptr) return nullUnit(message, size);
+    return guarded(message, size, [&] { return answer(unit->unit->removePosition(name), message, size); });
+}
+
+int nkr_host_named_position(nkr_host_unit* unit, const char* name, int* position, char* message, size_t size)
+{
+    if (unit == nullptr || name == nullptr || position == nullptr) return nullUnit(message, size);
+    return guarded(message, size, [&] { return answer(unit->unit->namedPosition(name, *position), message, size); });
+}
+
+int nkr_host_move_planned(nkr_host_unit* unit, long long target, int timeout_ms, nkr_host_follower** follower,
+                          char* message, size_t size)
+{
+    if (unit == nullptr || follower == nullptr) return nullUnit(message, size);
+    *follower = nullptr;
+    return guarded(message, size, [&] {
+        FollowOptions options;
+        options.timeout = std::chrono::milliseconds(timeout_ms > 0 ? timeout_ms : 0);
+        std::unique_ptr<PlannedMove> move;
+        Status st = unit->unit->planMove(target, options, move);
+        if (st.ok()) st = move->start(MoveFollower::Clock::now());
+        if (!st.ok()) return answer(st, message, size);
+        *follower = new nkr_host_follower{nullptr, std::move(move)};
+        return answer(st, message, size);
+    });
+}
+
+nkr_host_tempcomp* nkr_host_tempcomp_new(nkr_host_unit* unit, const char* holder)
+{
+    if (unit == nullptr) return nullptr;
+    try {
+        return new nkr_host_tempcomp{TempCompRunner(*unit->unit, holder != nullptr ? holder : "a program")};
+    } catch (...) {
+        return nullptr;
+    }
+}
+
+int nkr_host_tempcomp_tick(nkr_host_tempcomp* t, char* log, size_t size)
+{
+    if (t == nullptr) return -1;
+    try {
+        std::vector<std::string> lines;
+        t->runner.tick(lines);
+        std::string text;
+        for (const std::string& line : lines) text += line + "\n";
+        writeText(text, log, size);
+        return static_cast<int>(t->runner.state());
+    } catch (...) {
+        return -1;
+    }
+}
+
+int nkr_host_tempcomp_describe(nkr_host_tempcomp* t, char* text, size_t size)
+{
+    if (t == nullptr) return -1;
+    try {
+        const std::string d = t->runner.describe();
+        writeText(d, text, size);
+        return static_cast<int>(d.size());
+    } catch (...) {
+        return -1;
+    }
+}
+
+void nkr_host_tempcomp_free(nkr_host_tempcomp* t) { delete t; }
+
+int nkr_host_fit_temperature(const double* temperatures, const double* positions, int count, double* coefficient,
+                             double* r2, int* used, int* rejected, unsigned char* kept, char* message, size_t size)
+{
+    if (temperatures == nullptr || positions == nullptr || count < 0)
+        return answer(Status::failure(NKR_ERROR_INVALID_VALUE, "no focus runs given"), message, size);
+    return guarded(message, size, [&] {
+        std::vector<FitRow> rows;
+        for (int i = 0; i < count; ++i) rows.push_back({temperatures[i], positions[i]});
+        TempFit fit;
+        Status st = fitTemperature(rows, fit);
+        if (!st.ok()) return answer(st, message, size);
+        if (coefficient != nullptr) *coefficient = fit.coefficient;
+        if (r2 != nullptr) *r2 = fit.r2;
+        if (used != nullptr) *used = fit.used;
+        if (rejected != nullptr) *rejected = fit.rejected;
+        if (kept != nullptr)
+            for (int i = 0; i < count; ++i) kept[i] = fit.kept[static_cast<size_t>(i)] ? 1 : 0;
+        return answer(st, message, size);
     });
 }
 
