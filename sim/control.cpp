@@ -1,4 +1,8 @@
 // Fault injection and traffic logs of the control API.
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+
 #include "ble_events.h"
 #include "nkr_sim.h"
 #include "world.h"
@@ -23,6 +27,15 @@ T readUnit(UnitId unit, Fn read)
     return u ? read(*u) : T{};
 }
 }  // namespace
+
+void setTemperature(UnitId unit, double celsius, double driftPerHour, std::optional<double> until)
+{
+    withUnit(unit, [&](Unit& u) {
+        u.drift.reset();
+        if (driftPerHour != 0.0) u.drift = Unit::Drift{celsius, driftPerHour, until, nowLocked()};
+        u.st.tempRaw = tempRawOf(celsius);
+    });
+}
 
 void failTransfers(UnitId unit, int count, int errnoValue)
 {
@@ -147,3 +160,39 @@ bool inUpdateMode(UnitId unit)
 }
 
 }  // namespace nkrsim
+
+extern "C" int nkr_sim_set_temperature(const char* unit, double celsius, double perHour, int hasUntil, double until,
+                                       char* message, size_t size)
+{
+    std::string error;
+    try {
+        const std::string wanted = unit != nullptr ? unit : "";
+        int found = -1;
+        {
+            auto guard = nkrsim::detail::lockWorld();
+            for (auto& [id, u] : nkrsim::detail::world().units) {
+                std::string serial;
+                char hex[3];
+                for (uint8_t b : u->st.serial) {
+                    std::snprintf(hex, sizeof hex, "%02X", b);
+                    serial += hex;
+                }
+                if (wanted == serial || wanted == u->bleName || wanted == std::to_string(id)) found = id;
+            }
+        }
+        if (found < 0)
+            error = "no simulated unit is '" + wanted + "'";
+        else if (celsius < -100 || celsius > 150)
+            error = "a simulated temperature is between -100 and 150 degrees";
+        else
+            nkrsim::setTemperature(found, celsius, perHour, hasUntil != 0 ? std::optional<double>(until) : std::nullopt);
+    } catch (...) {
+        error = "out of memory";
+    }
+    if (message != nullptr && size > 0) {
+        const size_t n = std::min(error.size(), size - 1);
+        std::memcpy(message, error.data(), n);
+        message[n] = '\0';
+    }
+    return error.empty() ? 1 : 0;
+}

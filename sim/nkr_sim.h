@@ -28,6 +28,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -138,6 +139,9 @@ UnitState state(UnitId unit);
 void update(UnitId unit, const std::function<void(UnitState&)>& change);
 // Starts a hand-controller move toward target.
 void handMove(UnitId unit, int target);
+// Sets the unit's temperature in degrees Celsius; with a drift it then moves
+// driftPerHour degrees an hour (negative: cooling), held at until if given.
+void setTemperature(UnitId unit, double celsius, double driftPerHour = 0.0, std::optional<double> until = {});
 
 // ---- clock ------------------------------------------------------------------
 // Manual clock (after reset()): time advances only here. Otherwise real time.
@@ -206,3 +210,8 @@ bool inUpdateMode(UnitId unit);
 // NUL-terminated reason in message (cut to size).
 extern "C" int nkr_sim_validate_environment(char* message, size_t size);
 extern "C" int nkr_sim_forget_state(char* message, size_t size);
+// Sets a unit's temperature (and drift, 0 for none; until is used when
+// hasUntil is 1) in the world of this process, shared through NKR_SIM_STATE.
+// unit: the unit's serial number (16 hex digits), Bluetooth name or id.
+extern "C" int nkr_sim_set_temperature(const char* unit, double celsius, double perHour, int hasUntil, double until,
+                                       char* message, size_t size);

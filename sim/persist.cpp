@@ -114,7 +114,9 @@ json unitToJson(const Unit& u, int64_t wallBase)
         {"backlash", s.backlash},
         {"speed", s.speed},
         {"max_step", s.maxStep},
-        {"temp_raw", s.tempRaw},
+        // A drifting temperature is kept by its drift, so the file is not
+        // rewritten at every reading.
+        {"temp_raw", u.drift ? tempRawOf(u.drift->startC) : s.tempRaw},
         {"beep", s.beep},
         {"reverse", s.reverse},
         {"force", s.force},
@@ -136,6 +138,11 @@ json unitToJson(const Unit& u, int64_t wallBase)
         {"steps_per_second", s.stepsPerSecond},
         {"clear_error_count", s.clearErrorCount},
         {"paired", s.paired},
+        {"temp_drift", u.drift ? json{{"start_c", u.drift->startC},
+                                      {"per_hour", u.drift->perHour},
+                                      {"until_c", u.drift->untilC ? json(*u.drift->untilC) : json(nullptr)},
+                                      {"start_wall_us", wallBase + static_cast<int64_t>(u.drift->startUs)}}
+                               : json(nullptr)},
         {"usb_updating", u.usbUpdating},
         {"ble_updating", u.bleUpdating},
         {"ble_update_size", u.bleUpdateSize},
@@ -196,6 +203,25 @@ void unitFromJson(Unit& u, const json& j, int64_t wallBase)
     bool usbUpdating = j.at("usb_updating").get<bool>();
     bool bleUpdating = j.at("ble_updating").get<bool>();
     uint32_t bleUpdateSize = j.at("ble_update_size").get<uint32_t>();
+    std::optional<Unit::Drift> drift;
+    if (j.contains("temp_drift") && j.at("temp_drift").is_object()) {
+        const json& d = j.at("temp_drift");
+        Unit::Drift read;
+        read.startC = d.at("start_c").get<double>();
+        read.perHour = d.at("per_hour").get<double>();
+        if (!d.at("until_c").is_null()) read.untilC = d.at("until_c").get<double>();
+        const int64_t started = d.at("start_wall_us").get<int64_t>() - wallBase;
+        if (started >= 0) {
+            read.startUs = static_cast<uint64_t>(started);
+        } else {
+            // Begun before this process's world time 0: its value then.
+            Unit::Drift before = read;
+            before.startUs = 0;
+            read.startC = driftedCelsius(before, static_cast<uint64_t>(-started));
+            read.startUs = 0;
+        }
+        drift = read;
+    }
 
     // Everything read: now change the unit, so a bad entry leaves it alone.
     u.st = s;
@@ -206,6 +232,7 @@ void unitFromJson(Unit& u, const json& j, int64_t wallBase)
     u.usbUpdating = usbUpdating;
     u.bleUpdating = bleUpdating;
     u.bleUpdateSize = bleUpdateSize;
+    u.drift = drift;
     if (plugged != u.plugged || plugs != u.plugCount) {
         // Another process pulled or re-plugged the cable: handles of this
         // process belong to the old plug.

@@ -2,6 +2,7 @@
 #include "world.h"
 
 #include <algorithm>
+#include <cmath>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -251,6 +252,21 @@ void advance(Unit& u)
     uint64_t dt = now > u.lastTick ? now - u.lastTick : 0;
     u.lastTick = std::max(now, u.lastTick);
     advanceBy(u, dt);
+    if (u.drift) u.st.tempRaw = tempRawOf(driftedCelsius(*u.drift, now));
+}
+
+double driftedCelsius(const Unit::Drift& d, uint64_t now)
+{
+    const double hours = now > d.startUs ? static_cast<double>(now - d.startUs) / 3.6e9 : 0.0;
+    double t = d.startC + d.perHour * hours;
+    if (d.untilC) t = d.perHour < 0 ? std::max(t, *d.untilC) : std::min(t, *d.untilC);
+    return t;
+}
+
+int tempRawOf(double celsius)
+{
+    // The status word carries (degrees + 300) x 100.
+    return static_cast<int>(std::clamp(std::lround((celsius + 300.0) * 100.0), 0L, 65535L));
 }
 
 void advanceBy(Unit& u, uint64_t dt)

@@ -56,6 +56,15 @@ struct Unit {
     int stepsMoved = 0;         // since power-on
     int unplugAfterSteps = -1;  // >= 0: the cable comes out after that many steps
 
+    // A temperature that drifts (a night's cooling): from startC at startUs
+    // of world time, perHour degrees an hour, held once it reaches untilC.
+    struct Drift {
+        double startC = 0, perHour = 0;
+        std::optional<double> untilC;
+        uint64_t startUs = 0;
+    };
+    std::optional<Drift> drift;
+
     // Last reply the firmware prepared for a feature-report read.
     std::vector<uint8_t> reply;
 
@@ -143,6 +152,9 @@ WorldGuard lockWorld();
 uint64_t nowLocked();
 // Brings the unit's position up to the current time.
 void advance(Unit& unit);
+// The drifting temperature at world time now, and its status word.
+double driftedCelsius(const Unit::Drift& drift, uint64_t now);
+int tempRawOf(double celsius);
 // Moves the unit on by dt microseconds of motor time (lastTick untouched).
 void advanceBy(Unit& unit, uint64_t dt);
 // Publishes the unit's report descriptor where the SDK looks for it (USB units).

@@ -186,3 +186,42 @@ TEST_F(ToolTest, ToolSyncDeclaresThePositionWithoutMovingAndKeepsItOutOfTheRealH
 
 }  // namespace
 }  // namespace nkrtest
+
+namespace nkrtest {
+namespace {
+
+// Beyond the unit: host settings, named positions, the fit and the
+// simulated temperature, through the tool as a user types them.
+TEST_F(ToolTest, ToolFocusModelCommands)
+{
+    ASSERT_EQ(run("set 0 temp-coefficient=-5 temp-deadband=0.5 step-size=2.5 approach=out approach-overshoot=300").status, 0);
+    EXPECT_EQ(run("get 0 step-size").out, "2.500\n");
+    EXPECT_EQ(run("set 0 approach=sideways").status, 2);
+
+    ASSERT_EQ(run("positions 0 add Ha 31200").status, 0);
+    EXPECT_EQ(run("positions 0 add far 70000").status, 2) << "named positions obey the maximum";
+    ToolRun go = run("--json goto 0 Ha");
+    ASSERT_EQ(go.status, 0) << go.err;
+    EXPECT_EQ(jsonInt(go.lines().back(), "position"), 31200);
+    EXPECT_NE(run("goto 0 OIII").err.find("(Ha)"), std::string::npos);
+
+    // A fit from focus runs: -12 steps per degree with one wild run.
+    std::ofstream csv(home_ + "/runs.csv");
+    csv << "time_utc,position,temperature_c\n";
+    for (int i = 0; i < 12; ++i) csv << "t," << 30000 + 12 * i + (i == 4 ? 800 : 0) << "," << 20 - i << "\n";
+    csv.close();
+    ToolRun fit = run("--json tempcomp 0 fit '" + home_ + "/runs.csv' --save");
+    ASSERT_EQ(fit.status, 0) << fit.err;
+    EXPECT_NEAR(std::stod(jsonRaw(fit.out, "coefficient").value_or("0")), -12.0, 0.1);
+    EXPECT_EQ(jsonInt(fit.out, "rejected"), 1);
+    EXPECT_EQ(run("get 0 temp-coefficient").out, "-12.00\n");
+
+    ToolRun temp = run("sim temperature 0 15.5");
+    ASSERT_EQ(temp.status, 0) << temp.err;
+    EXPECT_EQ(run("get 0 temperature").out, "15.50\n");
+    EXPECT_EQ(run("tempcomp 0 on").status, 0);
+    EXPECT_EQ(run("get 0 tempcomp").out, "true\n");
+}
+
+}  // namespace
+}  // namespace nkrtest

@@ -49,6 +49,10 @@ Command addDemoCommand(CLI::App& app, const GlobalOptions& globals);
 Command addGetCommand(CLI::App& app, const GlobalOptions& globals);
 Command addWaitCommand(CLI::App& app, const GlobalOptions& globals);
 Command addResetCommand(CLI::App& app, const GlobalOptions& globals);
+Command addTempCompCommand(CLI::App& app, const GlobalOptions& globals);
+Command addPositionsCommand(CLI::App& app, const GlobalOptions& globals);
+Command addGotoCommand(CLI::App& app, const GlobalOptions& globals);
+Command addSimCommand(CLI::App& app, const GlobalOptions& globals);
 
 // The FIELD names of nkr get, for the completion script.
 std::vector<std::string> getFieldNames();

@@ -117,6 +117,25 @@ const std::vector<Field>& fields()
              const Identity& ident = u.unit().identity();
              return fromText(ident.propertyCode, ident.alias);
          }},
+        {"step-size", "microns per step, as set for the unit (empty when not set)",
+         [](UnitSession& u) {
+             nkrhost::UnitSettings s;
+             nkrhost::Status st = u.unit().settings(s);
+             if (!s.stepSizeMicrons) return Value{st.code, Json(), ""};
+             return Value{st.code, *s.stepSizeMicrons, formatFixed(*s.stepSizeMicrons, 3)};
+         }},
+        {"temp-coefficient", "temperature compensation, steps per degree",
+         [](UnitSession& u) {
+             nkrhost::UnitSettings s;
+             nkrhost::Status st = u.unit().settings(s);
+             return Value{st.code, s.tempComp.coefficient, formatFixed(s.tempComp.coefficient, 2)};
+         }},
+        {"tempcomp", "temperature compensation on",
+         [](UnitSession& u) {
+             nkrhost::UnitSettings s;
+             nkrhost::Status st = u.unit().settings(s);
+             return Value{st.code, s.tempComp.enabled, s.tempComp.enabled ? "true" : "false"};
+         }},
         {"name", "name with alias, e.g. NKR(Main)",
          [](UnitSession& u) {
              const Identity& ident = u.unit().identity();
@@ -210,7 +229,7 @@ Command addGetCommand(CLI::App& app, const GlobalOptions& globals)
 {
     auto options = std::make_shared<GetOptions>();
     std::string fieldHelp;
-    for (const Field& f : fields()) fieldHelp += std::string("\n  ") + f.name + std::string(14 - std::string(f.name).size(), ' ') + f.help;
+    for (const Field& f : fields()) fieldHelp += std::string("\n  ") + f.name + std::string(static_cast<size_t>(std::max(2, 18 - static_cast<int>(std::string(f.name).size()))), ' ') + f.help;
     CLI::App* sub = app.add_subcommand(
         "get",
         "Print one value of a unit, bare, for scripts (booleans as true/false; a missing alias "

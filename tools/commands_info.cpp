@@ -90,6 +90,33 @@ void addSettings(Report& r, UnitSession& unit, const Controls& controls)
     }
 }
 
+// What the host programs keep for the unit, beside what the unit keeps.
+void addHostSettings(Report& r, UnitSession& unit)
+{
+    nkrhost::UnitSettings s;
+    if (!unit.unit().settings(s).ok()) return;
+    r.section("host", "Kept by the host programs");
+    r.add("step_size", "step size", s.stepSizeMicrons ? Json(*s.stepSizeMicrons) : Json(),
+          s.stepSizeMicrons ? formatFixed(*s.stepSizeMicrons, 3) + " microns" : "not set");
+    r.add("temp_comp", "temp. compensation", s.tempComp.enabled,
+          onOff(s.tempComp.enabled) + ", " + formatFixed(s.tempComp.coefficient, 2) + " steps per" + degreesC() +
+              ", dead band " + formatFixed(s.tempComp.deadband, 2) + degreesC());
+    r.add("temp_coefficient", "", s.tempComp.coefficient, "");
+    r.add("temp_deadband", "", s.tempComp.deadband, "");
+    r.add("approach", "final approach",
+          s.approach.enabled ? Json(s.approach.direction > 0 ? "out" : "in") : Json("off"),
+          s.approach.enabled ? std::string(s.approach.direction > 0 ? "outward" : "inward") + ", overshoot " +
+                                   std::to_string(s.approach.overshoot) + " steps"
+                             : "off");
+    Json positions = Json::object();
+    std::string names;
+    for (const auto& [name, value] : s.positions) {
+        positions.set(name, value);
+        names += (names.empty() ? "" : ", ") + name + " " + std::to_string(value);
+    }
+    r.add("positions", "named positions", positions, names.empty() ? "none" : names);
+}
+
 void addBattery(Report& r, int id, const Controls& controls)
 {
     if (!controls.has(kFeatureBattery)) {
@@ -169,6 +196,7 @@ int runInfo(const InfoOptions& options, const GlobalOptions& globals)
     addIdentity(r, unit, ident, controls);
     addStatus(r, unit.id(), st);
     addSettings(r, unit, controls);
+    addHostSettings(r, unit);
     addBattery(r, unit.id(), controls);
     addDiagnostics(r, unit.id(), controls);
 

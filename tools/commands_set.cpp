@@ -4,6 +4,8 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <cctype>
+#include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <memory>
@@ -97,6 +99,25 @@ Change boolChange(const std::string& name, bool v, int (*set)(int, bool), BoolGe
     return {name, v, onOff(v), sdkSetter(name, onOff(v), set, v), readBool(get)};
 }
 
+// A setting kept by the host programs rather than the unit: merged into the
+// unit's host settings (checked there as a whole).
+Change hostChange(const std::string& name, Json value, std::string text, std::string patch)
+{
+    return {name, std::move(value), std::move(text),
+            [patch](UnitSession& unit) { return unit.unit().hostSettings().mergeJson(unit.unit().key(), patch); },
+            nullptr};
+}
+
+double decimalNumber(const std::string& name, const std::string& text, double low, double high)
+{
+    char* end = nullptr;
+    const double v = std::strtod(text.c_str(), &end);
+    if (text.empty() || end != text.c_str() + text.size() || !(v >= low && v <= high))
+        usageError(name + " must be a number from " + formatFixed(low, 1) + " to " + formatFixed(high, 1) + " (got '" +
+                   clipped(text) + "')");
+    return v;
+}
+
 Change parseAssignment(const std::string& assignment)
 {
     size_t eq = assignment.find('=');
@@ -125,6 +146,33 @@ Change parseAssignment(const std::string& assignment)
         return intChange(name, boundedNumber(name, value, 0, 15), NKRSetMaxForce, NKRGetMaxForce);
     if (name == "speed")
         return intChange(name, boundedNumber(name, value, 0, 65535), NKRSetSpeed, NKRGetSpeed);
+    if (name == "temp-coefficient") {
+        const double v = decimalNumber(name, value, -10000, 10000);
+        return hostChange(name, v, formatFixed(v, 2) + " steps per" + degreesC(),
+                          "{\"temp_comp\": {\"coefficient\": " + std::to_string(v) + "}}");
+    }
+    if (name == "temp-deadband") {
+        const double v = decimalNumber(name, value, 0, 100);
+        return hostChange(name, v, formatFixed(v, 2) + degreesC(), "{\"temp_comp\": {\"deadband\": " + std::to_string(v) + "}}");
+    }
+    if (name == "step-size") {
+        const double v = decimalNumber(name, value, 0.001, 10000);
+        return hostChange(name, v, formatFixed(v, 3) + " microns per step", "{\"step_size_um\": " + std::to_string(v) + "}");
+    }
+    if (name == "approach") {
+        std::string v = value;
+        std::transform(v.begin(), v.end(), v.begin(), [](unsigned char c) { return std::tolower(c); });
+        if (v == "off")
+            return hostChange(name, v, "off", R"({"approach": {"enabled": false}})");
+        if (v == "out" || v == "in")
+            return hostChange(name, v, v == "out" ? "every move ends moving outward" : "every move ends moving inward",
+                              std::string(R"({"approach": {"enabled": true, "direction": )") + (v == "out" ? "1" : "-1") + "}}");
+        usageError("approach must be out, in or off (got '" + clipped(value) + "')");
+    }
+    if (name == "approach-overshoot") {
+        const int v = boundedNumber(name, value, 0, 100000);
+        return hostChange(name, v, std::to_string(v) + " steps", R"({"approach": {"overshoot": )" + std::to_string(v) + "}}");
+    }
     if (name == "beep") return boolChange(name, parseSwitch(value, name), NKRSetBeep, NKRGetBeep);
     if (name == "reverse")
         return boolChange(name, parseSwitch(value, name), NKRSetReverse, NKRGetReverse);
@@ -162,7 +210,8 @@ Change parseAssignment(const std::string& assignment)
                 nullptr};
     }
     usageError("unknown setting '" + clipped(name) +
-               "'; settings are backlash, max-step, beep, reverse, force, speed, led, alias, ble-name");
+               "'; settings are backlash, max-step, beep, reverse, force, speed, led, alias, ble-name, "
+               "temp-coefficient, temp-deadband, step-size, approach, approach-overshoot");
 }
 
 // Every change is checked against the unit before any is sent: a setting
@@ -263,8 +312,11 @@ Command addSetCommand(CLI::App& app, const GlobalOptions& globals)
         "max-step=N (largest position), beep=on|off, reverse=on|off (motor direction), "
         "force=0..15 (motor force), speed=N (firmware before 3.3.6 only), led=on|off "
         "(battery model), alias=TEXT (up to 8 characters, shown in the name), "
-        "ble-name=TEXT (up to 11 characters; over Bluetooth only). All values are checked "
-        "before any is sent; the values the unit then reports are shown.");
+        "ble-name=TEXT (up to 11 characters; over Bluetooth only); and kept by the host programs "
+        "for the unit: temp-coefficient=S (steps per degree Celsius, signed), temp-deadband=D "
+        "(degrees), step-size=MICRONS (per step), approach=out|in|off (the side every move ends "
+        "from), approach-overshoot=N (steps past the target before coming back). All values "
+        "are checked before any is sent; the values the unit then reports are shown.");
     sub->add_option("ID", options->id, kUnitIdHelp);
     sub->add_option("SETTINGS", options->assignments, "One or more NAME=VALUE");
     sub->footer("Examples:\n  nkr set 0 backlash=20\n  nkr set 0 beep=off reverse=on max-step=50000\n  nkr set 1 alias=Main\n  nkr --ble \"NKR Pro_A1B2\" set ble-name=Scope1 led=off");

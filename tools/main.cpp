@@ -265,7 +265,8 @@ int main(int argc, char** argv)
         addStopCommand(app, globals),  addSyncCommand(app, globals),  addSetCommand(app, globals),
         addGetCommand(app, globals),   addWaitCommand(app, globals),
         addWatchCommand(app, globals), addFirmwareCommand(app, globals), addDemoCommand(app, globals),
-        addResetCommand(app, globals),
+        addResetCommand(app, globals), addTempCompCommand(app, globals), addPositionsCommand(app, globals),
+        addGotoCommand(app, globals),  addSimCommand(app, globals),
     };
     // After the sub-commands, which would otherwise inherit these examples.
     app.footer(kFooter);

@@ -26,7 +26,6 @@ Json progressLine(const char* event, int id, const nkrhost::MoveProgress& p)
 
 MoveResult moveAndFollow(nkrhost::Unit& unit, int start, int target, bool emitLines)
 {
-    fail(unit.moveTo(target));
     const bool lines = emitLines && jsonMode();
     ProgressBar bar;
     nkrhost::FollowOptions options;
@@ -42,7 +41,8 @@ MoveResult moveAndFollow(nkrhost::Unit& unit, int start, int target, bool emitLi
                                        "position " + where, where, std::to_string(p.position)});
         if (lines) emitJson(progressLine("progress", unit.slot(), p));
     };
-    nkrhost::FollowResult r = unit.follow(options, hooks);
+    // With the unit's final approach, if set: one leg or two.
+    nkrhost::FollowResult r = unit.moveAndFollow(target, options, hooks);
     nkrhost::MoveProgress last{start, target, r.position, false, 0, 0};
     last.percent = target == start ? 100
                    : std::clamp(static_cast<int>(100.0 * (r.position - start) / (target - start)), 0, 100);
@@ -54,6 +54,7 @@ MoveResult moveAndFollow(nkrhost::Unit& unit, int start, int target, bool emitLi
     switch (r.end) {
     case nkrhost::MoveEnd::Reached:
     case nkrhost::MoveEnd::StoppedShort:
+        fail(r.status);  // refused before it began, or a leg could not start
         if (lines) emitJson(progressLine("done", unit.slot(), last).set("reached", r.end == nkrhost::MoveEnd::Reached));
         return {r.position, false};
     case nkrhost::MoveEnd::Interrupted:

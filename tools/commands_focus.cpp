@@ -1,0 +1,294 @@
+// nkr tempcomp / positions / goto: what astronomers ask of a focuser beyond
+// the unit itself: temperature compensation (switched, watched, run in the
+// foreground, and its coefficient fitted from focus runs), and named positions.
+// The rules live in the host layer; this file is the command line of them.
+#include <NKR_focuser.h>
+
+#include <CLI/CLI.hpp>
+#include <cmath>
+#include <fstream>
+#include <memory>
+
+#include "arguments.h"
+#include "commands.h"
+#include "errors.h"
+#include "interrupt.h"
+#include "move_follow.h"
+#include "nkrhost/tempcomp.h"
+#include "nkrhost/tempfit.h"
+#include "output.h"
+#include "session.h"
+
+namespace nkrtool {
+namespace {
+
+struct TempCompOptions {
+    std::vector<std::string> args;  // ID, then on|off|status|fit FILE
+    bool follow = false;
+    bool save = false;
+    std::string plot;
+    int intervalMs = 1000;
+};
+
+std::string fixed(double v, int decimals) { return formatFixed(v, decimals); }
+
+Json tempCompJson(const nkrhost::UnitSettings& s, const std::string& holder)
+{
+    return Json::object()
+        .set("enabled", s.tempComp.enabled)
+        .set("coefficient", s.tempComp.coefficient)
+        .set("deadband", s.tempComp.deadband)
+        .set("compensated_by", holder.empty() ? Json() : Json(holder));
+}
+
+int showStatus(UnitSession& unit)
+{
+    nkrhost::UnitSettings s;
+    fail(unit.unit().settings(s));
+    const std::string holder = nkrhost::UnitClaim::holder("tempcomp", unit.unit().key());
+    if (jsonMode()) {
+        emitJson(tempCompJson(s, holder).set("id", unit.id()));
+        return kExitOk;
+    }
+    sayField("compensation", onOff(s.tempComp.enabled));
+    sayField("coefficient", fixed(s.tempComp.coefficient, 2) + " steps per" + degreesC());
+    sayField("dead band", fixed(s.tempComp.deadband, 2) + degreesC());
+    if (!holder.empty())
+        sayField("compensated by", holder);
+    else if (s.tempComp.enabled)
+        sayField("compensated by", "no program now: run nkr tempcomp ID --follow, or the Alpaca server or "
+                                   "the INDI driver with this unit connected");
+    return kExitOk;
+}
+
+int switchTo(UnitSession& unit, bool on)
+{
+    fail(unit.unit().hostSettings().update(unit.unit().key(), [&](nkrhost::UnitSettings& s) {
+        s.tempComp.enabled = on;
+        return nkrhost::Status{};
+    }));
+    unit.leaveOpen();
+    return showStatus(unit);
+}
+
+int follow(UnitSession& unit, const TempCompOptions& options)
+{
+    fail(unit.unit().hostSettings().update(unit.unit().key(), [](nkrhost::UnitSettings& s) {
+        s.tempComp.enabled = true;
+        return nkrhost::Status{};
+    }));
+    nkrhost::TempCompRunner runner(unit.unit(), "nkr tempcomp --follow");
+    if (interactive()) say(paint(Colour::Dim, "Compensating " + unit.label() + " (Ctrl-C ends)"));
+    std::string lastLine;
+    for (;;) {
+        std::vector<std::string> log;
+        runner.tick(log);
+        if (unit.unit().gone()) check(NKR_ERROR_REMOVED, "compensating " + unit.label());
+        for (const std::string& line : log) {
+            if (jsonMode()) {
+                emitJson(eventJson("tempcomp", unit.id()).set("message", line));
+            } else {
+                if (interactive()) std::printf("\r\033[K");
+                say(line);
+            }
+        }
+        if (interactive()) {
+            int position = 0;
+            unit.unit().position(position);
+            const std::string line = runner.describe() + ", position " + std::to_string(position);
+            const size_t room = static_cast<size_t>(std::max(1, terminalColumns() - 1));
+            std::printf("\r%s\033[K", firstThatFits({line, runner.describe()}, room).c_str());
+            flushOutput();
+        }
+        if (sleepUnlessInterrupted(options.intervalMs)) break;
+    }
+    if (interactive()) std::printf("\n");
+    return kExitInterrupted;
+}
+
+std::string defaultPlotPath(const std::string& csv)
+{
+    std::string base = csv;
+    if (base.size() > 4 && base.compare(base.size() - 4, 4, ".csv") == 0) base.resize(base.size() - 4);
+    return base + "-fit.svg";
+}
+
+int fit(const std::string& id, const std::string& file, const TempCompOptions& options, const GlobalOptions& globals)
+{
+    std::vector<nkrhost::FitRow> rows;
+    int bad = 0;
+    fail(nkrhost::readFitCsv(file, rows, bad));
+    nkrhost::TempFit result;
+    fail(nkrhost::fitTemperature(rows, result));
+    const std::string plot = options.plot.empty() ? defaultPlotPath(file) : options.plot;
+    {
+        std::ofstream out(plot);
+        out << nkrhost::fitPlotSvg(rows, result);
+        if (!out) throw ToolError("cannot write the plot " + plot, -1, kExitDeviceError);
+    }
+    if (options.save) {
+        std::vector<std::string> args{id};
+        UnitSession unit(takeTarget(args, globals.ble, globals.bleScanSeconds));
+        fail(unit.unit().hostSettings().update(unit.unit().key(), [&](nkrhost::UnitSettings& s) {
+            s.tempComp.coefficient = std::round(result.coefficient * 100.0) / 100.0;
+            return nkrhost::Status{};
+        }));
+        unit.leaveOpen();
+    }
+    if (jsonMode()) {
+        emitJson(Json::object()
+                     .set("coefficient", result.coefficient)
+                     .set("r2", result.r2)
+                     .set("used", result.used)
+                     .set("rejected", result.rejected)
+                     .set("unreadable_lines", bad)
+                     .set("plot", plot)
+                     .set("saved", options.save));
+        return kExitOk;
+    }
+    sayField("coefficient", fixed(result.coefficient, 2) + " steps per" + degreesC());
+    sayField("R\u00B2", fixed(result.r2, 3));
+    sayField("runs used", std::to_string(result.used));
+    sayField("runs rejected", std::to_string(result.rejected) + (bad > 0 ? " (and " + std::to_string(bad) + " unreadable lines)" : ""));
+    sayField("plot", plot);
+    if (!jsonMode()) std::fputs(nkrhost::fitPlotText(rows, result, std::min(60, terminalColumns() - 12), 12).c_str(), stdout);
+    say(options.save ? paint(Colour::Green, "The coefficient is saved for the unit.")
+                     : paint(Colour::Dim, "(--save stores the coefficient for the unit)"));
+    return kExitOk;
+}
+
+int runTempComp(const TempCompOptions& options, const GlobalOptions& globals)
+{
+    std::vector<std::string> args = options.args;
+    UnitTarget target = takeTarget(args, globals.ble, globals.bleScanSeconds);
+    if (!args.empty() && args.front() == "fit") {
+        if (args.size() != 2) usageError("fit takes one file: nkr tempcomp ID fit FILE.csv");
+        return fit(target.name, args[1], options, globals);
+    }
+    if (options.follow) {
+        rejectExtraArgs(args, target);
+        UnitSession unit(target);
+        return follow(unit, options);
+    }
+    const std::string what = args.empty() ? "status" : args.front();
+    if (args.size() > 1) rejectExtraArgs({args.begin() + 1, args.end()}, target);
+    if (what != "on" && what != "off" && what != "status")
+        usageError("'" + clipped(what) + "' is not on, off, status or fit FILE");
+    UnitSession unit(target, UnitSession::Access::ReadOnly);
+    if (what == "status") return showStatus(unit);
+    return switchTo(unit, what == "on");
+}
+
+struct PositionsOptions {
+    std::vector<std::string> args;  // ID [add NAME [POSITION] | remove NAME]
+};
+
+int runPositions(const PositionsOptions& options, const GlobalOptions& globals)
+{
+    std::vector<std::string> args = options.args;
+    UnitTarget target = takeTarget(args, globals.ble, globals.bleScanSeconds);
+    UnitSession unit(target, UnitSession::Access::ReadOnly);
+    if (!args.empty()) {
+        const std::string verb = args.front();
+        if (verb == "add" && (args.size() == 2 || args.size() == 3)) {
+            int position = 0;
+            if (args.size() == 3)
+                position = static_cast<int>(std::clamp<long long>(parseNumber(args[2], "position"), -1, 100000000));
+            else
+                fail(unit.unit().position(position));
+            fail(unit.unit().savePosition(args[1], position));
+            if (!jsonMode()) say("Saved '" + args[1] + "' = " + std::to_string(position) + " for " + unit.label() + ".");
+        } else if (verb == "remove" && args.size() == 2) {
+            fail(unit.unit().removePosition(args[1]));
+            if (!jsonMode()) say("Removed '" + args[1] + "' from " + unit.label() + ".");
+        } else {
+            usageError("positions takes: ID, ID add NAME [POSITION], or ID remove NAME");
+        }
+    }
+    std::map<std::string, int> all;
+    fail(unit.unit().namedPositions(all));
+    if (jsonMode()) {
+        Json list = Json::object();
+        for (const auto& [name, value] : all) list.set(name, value);
+        emitJson(Json::object().set("id", unit.id()).set("positions", list));
+    } else if (args.empty()) {
+        if (all.empty()) say("No named positions for " + unit.label() + " (add one with: nkr positions ID add NAME [POSITION]).");
+        for (const auto& [name, value] : all) sayField(name, std::to_string(value));
+    }
+    return kExitOk;
+}
+
+struct GotoOptions {
+    std::string id, name;
+    bool noWait = false;
+};
+
+int runGoto(const GotoOptions& options, const GlobalOptions& globals)
+{
+    std::vector<std::string> args = givenArgs({options.id, options.name});
+    UnitTarget target = takeTarget(args, globals.ble, globals.bleScanSeconds);
+    if (args.size() != 1) usageError("goto takes one position name (see nkr positions ID)");
+    UnitSession unit(target);
+    int goal = 0;
+    fail(unit.unit().namedPosition(args.front(), goal));
+    int start = 0;
+    fail(unit.unit().position(start));
+    say("Moving " + unit.label() + " to '" + args.front() + "' (" + std::to_string(goal) + ").");
+    MoveResult result = moveAndFollow(unit.unit(), start, goal, true);
+    if (result.interrupted) {
+        say("Stopped at position " + std::to_string(result.position) + " on " + signalDescription(receivedSignal()) + ".");
+        return kExitInterrupted;
+    }
+    say(result.position == goal ? paint(Colour::Green, "Reached '" + args.front() + "' at " + std::to_string(goal) + ".")
+                                : "Stopped at position " + std::to_string(result.position) + ".");
+    return kExitOk;
+}
+
+}  // namespace
+
+Command addTempCompCommand(CLI::App& app, const GlobalOptions& globals)
+{
+    auto options = std::make_shared<TempCompOptions>();
+    CLI::App* sub = app.add_subcommand(
+        "tempcomp",
+        "Temperature compensation of a unit: switch it on or off, show it (status), run it in the "
+        "foreground with a live line until Ctrl-C (--follow), or fit the coefficient to focus runs "
+        "(fit FILE.csv with the columns temperature_c and position). While it is on, the one "
+        "program that holds the unit (this one with --follow, the Alpaca server, the INDI driver) "
+        "moves it by coefficient x (T - T_ref) whenever the smoothed temperature has moved past the "
+        "dead band. Set the coefficient and dead band with nkr set ID temp-coefficient=S "
+        "temp-deadband=D.");
+    sub->add_option("ARGS", options->args, "ID, then on, off, status or fit FILE.csv");
+    sub->add_flag("--follow", options->follow, "Run the compensation here until Ctrl-C");
+    sub->add_flag("--save", options->save, "With fit: store the fitted coefficient for the unit");
+    sub->add_option("--plot", options->plot, "With fit: where to write the SVG plot (default FILE-fit.svg)")
+        ->type_name("FILE");
+    sub->footer("Examples:\n  nkr tempcomp 0 status\n  nkr set 0 temp-coefficient=-5 temp-deadband=0.5\n"
+                "  nkr tempcomp 0 on\n  nkr tempcomp 0 --follow\n  nkr tempcomp 0 fit runs.csv --save");
+    return {sub, [options, &globals] { return runTempComp(*options, globals); }, false};
+}
+
+Command addPositionsCommand(CLI::App& app, const GlobalOptions& globals)
+{
+    auto options = std::make_shared<PositionsOptions>();
+    CLI::App* sub = app.add_subcommand(
+        "positions",
+        "Named positions of a unit (kept in the host settings, shared with every front-end): list "
+        "them, add one (at the current position, or at POSITION), or remove one. Move to one with "
+        "nkr goto ID NAME.");
+    sub->add_option("ARGS", options->args, "ID [add NAME [POSITION] | remove NAME]");
+    sub->footer("Examples:\n  nkr positions 0\n  nkr positions 0 add Ha 31200\n  nkr positions 0 remove Ha");
+    return {sub, [options, &globals] { return runPositions(*options, globals); }, false};
+}
+
+Command addGotoCommand(CLI::App& app, const GlobalOptions& globals)
+{
+    auto options = std::make_shared<GotoOptions>();
+    CLI::App* sub = app.add_subcommand("goto", "Move a unit to one of its named positions (see nkr positions).");
+    sub->add_option("ID", options->id, kUnitIdHelp);
+    sub->add_option("NAME", options->name, "The position's name");
+    sub->footer("Example:\n  nkr goto 0 Ha");
+    return {sub, [options, &globals] { return runGoto(*options, globals); }, false};
+}
+
+}  // namespace nkrtool
