@@ -291,7 +291,7 @@ TEST_F(ToolTest, ToolManPageAndCompletionComeFromTheHelp)
     };
     EXPECT_EQ(complete("nkr mo", 1), "move\n");
     EXPECT_EQ(complete("nkr firmware 1 img --dr", 4), "--dry-run\n");
-    EXPECT_EQ(complete("nkr get 0 tem", 3), "temperature\n");
+    EXPECT_EQ(complete("nkr get 0 temper", 3), "temperature\n");
     EXPECT_EQ(runTool("", "--completion zsh").status, 2);
 }
 
