@@ -207,6 +207,7 @@ int connectUnit(Manager& mgr, const std::string& id)
         mgr.link.writePath = serial.writePath;
         mgr.link.writeWithoutResponse = serial.writeWithoutResponse;
         mgr.link.chunk = serial.mtu > 3 ? serial.mtu - 3 : 20;
+        mgr.frames.setPayloadSize(mgr.link.chunk);
     }
     if (!callDevice(mgr, serial.notifyPath, kCharIface, "StartNotify", 0, error)) {
         mgr.lastError.set("StartNotify on " + serial.notifyPath + ": " + error.text);

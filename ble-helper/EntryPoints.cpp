@@ -150,7 +150,18 @@ bool ble_manager_wait_for_data(void* handle)
     }
     try {
         std::unique_lock lock(mgr->stateMutex);
-        mgr->changed.wait_for(lock, mgr->waitTimeout, [&] { return !mgr->frames.empty() || !linkUp(*mgr); });
+        // Wakes for a notification, for the link going down, and for what the
+        // assembler has due (an ambiguous frame nothing continued, a frame
+        // cut short), so nothing waits longer than it must.
+        const auto end = std::chrono::steady_clock::now() + mgr->waitTimeout;
+        for (;;) {
+            mgr->frames.expire(std::chrono::steady_clock::now());
+            if (!mgr->frames.empty() || !linkUp(*mgr)) break;
+            auto until = end;
+            if (const auto due = mgr->frames.deadline()) until = std::min(until, *due);
+            if (std::chrono::steady_clock::now() >= end) break;
+            mgr->changed.wait_until(lock, until);
+        }
         return !mgr->frames.empty();
     } catch (...) {
         return false;

@@ -35,6 +35,11 @@ int onPropertiesChanged(sd_bus_message* m, void* userdata, sd_bus_error*)
                 }
             }
         } else if (iface == kCharIface && !link.notifyPath.empty() && path == link.notifyPath) {
+            // BlueZ reports the MTU once it has been negotiated, after the connect.
+            if (auto it = changed.find("MTU"); it != changed.end() && it->second.number > 3) {
+                link.chunk = static_cast<std::size_t>(it->second.number) - 3;
+                mgr->frames.setPayloadSize(link.chunk);
+            }
             if (auto it = changed.find("Value"); it != changed.end()) {
                 const auto& bytes = it->second.bytes;
                 mgr->frames.feed(bytes.data(), bytes.size(), FrameAssembler::Clock::now());
@@ -123,6 +128,9 @@ Manager* Manager::create(std::string& error)
     }
     mgr->waitTimeout = envMilliseconds("NKR_BLE_TIMEOUT_MS", mgr->waitTimeout);
     mgr->connectTimeout = envMilliseconds("NKR_BLE_CONNECT_TIMEOUT_MS", mgr->connectTimeout);
+    FrameAssembler::Options framing;
+    framing.hold = envMilliseconds("NKR_BLE_FRAME_HOLD_MS", framing.hold);
+    mgr->frames = FrameAssembler(framing);
     mgr->loop = std::make_unique<EventLoop>(mgr->signalBus.get());
     if (!mgr->loop->start()) {
         error = "cannot start the event thread";

@@ -49,9 +49,26 @@ std::optional<Request> decodeRequest(const Bytes& f)
     return Request{f[2], f[3], Bytes(f.begin() + 4, f.begin() + 4 + static_cast<long>(n))};
 }
 
+// The length byte as this world's units fill it: the frame less its type,
+// length, sequence, status and checksum bytes; less the three header bytes
+// of an answer as well; or a fixed value.
+uint8_t lengthByte(size_t frameSize, bool answer)
+{
+    World& w = world();
+    if (!w.bleLengthRead) {
+        w.bleLengthRead = true;
+        if (const char* spec = std::getenv("NKR_SIM_BLE_LENGTH")) nkr_sim_set_ble_length(spec);
+    }
+    switch (w.bleLength) {
+    case nkrsim::BleLength::PayloadOnly: return static_cast<uint8_t>(frameSize - 5 - (answer ? 3 : 0));
+    case nkrsim::BleLength::Fixed: return w.bleLengthFixed;
+    default: return static_cast<uint8_t>(frameSize - 5);
+    }
+}
+
 Bytes responseFrame(uint8_t sequence, uint8_t status, const Bytes& body)
 {
-    Bytes f = {0x01, static_cast<uint8_t>(body.size()), sequence, status};
+    Bytes f = {0x01, lengthByte(body.size() + 5, true), sequence, status};
     f.insert(f.end(), body.begin(), body.end());
     f.push_back(checksum(f, f.size()));
     return f;
@@ -138,7 +155,7 @@ void queueAnswer(Manager& m, Unit& u, uint8_t sequence, const Answer& a)
     Bytes frame = responseFrame(sequence, u.statusOverride.value_or(a.status), a.body);
     u.statusOverride.reset();
     if (u.notifyEvent) {
-        frame = {0x02, 0x00, sequence, *u.notifyEvent};
+        frame = {0x02, lengthByte(5, false), sequence, *u.notifyEvent};
         frame.push_back(checksum(frame, frame.size()));
         u.notifyEvent.reset();
     }

@@ -1,6 +1,7 @@
 // Fault injection and traffic logs of the control API.
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include "ble_events.h"
@@ -27,6 +28,14 @@ T readUnit(UnitId unit, Fn read)
     return u ? read(*u) : T{};
 }
 }  // namespace
+
+void setBleLength(BleLength length, uint8_t fixedValue)
+{
+    auto guard = lockWorld();
+    world().bleLength = length;
+    world().bleLengthFixed = fixedValue;
+    world().bleLengthRead = true;
+}
 
 void setTemperature(UnitId unit, double celsius, double driftPerHour, std::optional<double> until)
 {
@@ -195,4 +204,23 @@ extern "C" int nkr_sim_set_temperature(const char* unit, double celsius, double 
         message[n] = '\0';
     }
     return error.empty() ? 1 : 0;
+}
+
+extern "C" int nkr_sim_set_ble_length(const char* spec)
+{
+    if (spec == nullptr) return 0;
+    const std::string s = spec;
+    if (s == "header") {
+        nkrsim::setBleLength(nkrsim::BleLength::HeaderAndPayload);
+    } else if (s == "payload") {
+        nkrsim::setBleLength(nkrsim::BleLength::PayloadOnly);
+    } else if (s.rfind("fixed:", 0) == 0) {
+        char* end = nullptr;
+        const long v = std::strtol(s.c_str() + 6, &end, 0);
+        if (end == s.c_str() + 6 || *end != '\0' || v < 0 || v > 255) return 0;
+        nkrsim::setBleLength(nkrsim::BleLength::Fixed, static_cast<uint8_t>(v));
+    } else {
+        return 0;
+    }
+    return 1;
 }

@@ -160,6 +160,11 @@ std::vector<std::vector<uint8_t>> sentReports(UnitId unit);
 void clearSentReports(UnitId unit);
 
 // ---- Bluetooth faults and traffic -------------------------------------------
+// What the length byte of the units' answer frames counts: the three header
+// bytes and the payload (the default), the payload alone, or nothing (a
+// fixed value). NKR_SIM_BLE_LENGTH=header|payload|fixed:N sets it too.
+enum class BleLength { HeaderAndPayload, PayloadOnly, Fixed };
+void setBleLength(BleLength length, uint8_t fixedValue = 0);
 void setBleSupported(bool supported);        // false: ble_manager_is_ble_supported says no
 void setAdapterAddress(const std::string& mac);  // "" : no adapter address
 // The next count waits for data on this unit return false (silence).
@@ -213,5 +218,7 @@ extern "C" int nkr_sim_forget_state(char* message, size_t size);
 // Sets a unit's temperature (and drift, 0 for none; until is used when
 // hasUntil is 1) in the world of this process, shared through NKR_SIM_STATE.
 // unit: the unit's serial number (16 hex digits), Bluetooth name or id.
+// The same from a text (header, payload or fixed:N); 1 when understood.
+extern "C" int nkr_sim_set_ble_length(const char* spec);
 extern "C" int nkr_sim_set_temperature(const char* unit, double celsius, double perHour, int hasUntil, double until,
                                        char* message, size_t size);

@@ -123,6 +123,11 @@ struct World {
     uint64_t realOffset = 0;  // advanceMicros on the real clock skips ahead
 
     bool bleSupported = true;
+    // What an answer frame's length byte counts (NKR_SIM_BLE_LENGTH): header
+    // and payload, the payload alone, or a fixed value.
+    BleLength bleLength = BleLength::HeaderAndPayload;
+    uint8_t bleLengthFixed = 0;
+    bool bleLengthRead = false;
     std::string adapterAddress = "00:1A:7D:DA:71:13";
     std::map<Manager*, std::unique_ptr<Manager>> managers;
 

@@ -36,6 +36,11 @@ class Firmware:
                                                       ctypes.c_uint]
         lib.ble_manager_get_received_data.restype = ctypes.c_uint
         lib.ble_set_is_read.argtypes = [ctypes.c_void_p, ctypes.c_int]
+        lib.nkr_sim_set_ble_length.argtypes = [ctypes.c_char_p]
+        lib.nkr_sim_set_ble_length.restype = ctypes.c_int
+
+    def set_length_byte(self, spec):
+        return self.lib.nkr_sim_set_ble_length(spec.encode()) == 1
 
     def units(self):
         """(name, address) of every simulated Bluetooth unit that is plugged in."""

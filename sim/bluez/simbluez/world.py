@@ -17,7 +17,8 @@ DECOY_ADDRESS = "D4:36:39:0A:0B:01"
 
 class Faults:
     def __init__(self, args):
-        self.chunk = args.chunk             # notification size (ATT MTU - 3)
+        self.mtu = args.mtu
+        self.chunk = args.chunk             # notification size (at most ATT MTU - 3)
         self.resolve_delay_ms = args.resolve_delay_ms
         self.refuse_connect = False
         self.refuse_writes = 0
@@ -43,7 +44,7 @@ class World:
         Control(bus, self)
 
     def mtu(self):
-        return self.faults.chunk + 3
+        return self.faults.mtu
 
     # ---- the daemon comes and goes ------------------------------------------
     def appear(self):
@@ -130,6 +131,23 @@ class Control(dbus.service.Object):
     @dbus.service.method(CONTROL, in_signature="u")
     def SetChunkSize(self, size):
         self.world.faults.chunk = max(1, int(size))
+
+    @dbus.service.method(CONTROL, in_signature="u")
+    def SetMtu(self, mtu):
+        """A newly negotiated MTU: the characteristics report it, notifications grow."""
+        mtu = min(max(int(mtu), 23), 517)
+        self.world.faults.mtu = mtu
+        self.world.faults.chunk = mtu - 3
+        for d in self.world.devices.values():
+            for o in d.gatt_objects:
+                if tree.CHAR in o.props:
+                    o.set_prop(tree.CHAR, "MTU", dbus.UInt16(mtu))
+
+    @dbus.service.method(CONTROL, in_signature="s")
+    def SetLengthByte(self, spec):
+        if not self.world.firmware.set_length_byte(str(spec)):
+            raise dbus.exceptions.DBusException("not header, payload or fixed:N: %s" % spec,
+                                                name="org.nkr.SimControl1.Error.InvalidArgs")
 
     @dbus.service.method(CONTROL, in_signature="u")
     def SetResolveDelay(self, ms):
