@@ -11,6 +11,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -33,6 +34,10 @@ int main(int argc, char** argv)
     int exchanges = argc > 1 ? std::atoi(argv[1]) : 2000;
     int idleSeconds = argc > 2 ? std::atoi(argv[2]) : 10;
     const char* unit = std::getenv("NKR_BENCH_UNIT") ? std::getenv("NKR_BENCH_UNIT") : "NKR Pro_A1B2";
+    // NKR_BENCH_CALL=allinfo times the all-information query, the longest
+    // answer (32 bytes), instead of a position read (18 bytes).
+    const char* call = std::getenv("NKR_BENCH_CALL");
+    const bool allInfo = call != nullptr && std::string(call) == "allinfo";
 
     int id = -1;
     if (NKRBLEConnect(unit, "", &id) != NKR_SUCCESS || NKRBLEPair(id) != NKR_SUCCESS) {
@@ -44,7 +49,8 @@ int main(int argc, char** argv)
     int position = 0, failures = 0;
     for (int i = 0; i < exchanges + 50; ++i) {
         auto start = std::chrono::steady_clock::now();
-        int rc = NKRGetPosition(id, &position);
+        _NKR_ALL_INFO info{};
+        int rc = allInfo ? NKRBLEgetAllInfo(id, &info) : NKRGetPosition(id, &position);
         auto took = std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - start);
         if (rc != NKR_SUCCESS) ++failures;
         if (i >= 50) micros.push_back(took.count());  // the first ones warm caches
@@ -54,11 +60,13 @@ int main(int argc, char** argv)
     std::printf("exchanges %zu failures %d median_us %.1f p99_us %.1f max_us %.1f\n", micros.size(),
                 failures, at(0.5), at(0.99), micros.back());
 
-    double before = cpuSeconds();
-    std::this_thread::sleep_for(std::chrono::seconds(idleSeconds));
-    double idle = cpuSeconds() - before;
-    std::printf("idle_seconds %d cpu_ms %.2f cpu_percent %.4f\n", idleSeconds, idle * 1e3,
-                idle * 100.0 / idleSeconds);
+    if (idleSeconds > 0) {
+        double before = cpuSeconds();
+        std::this_thread::sleep_for(std::chrono::seconds(idleSeconds));
+        double idle = cpuSeconds() - before;
+        std::printf("idle_seconds %d cpu_ms %.2f cpu_percent %.4f\n", idleSeconds, idle * 1e3,
+                    idle * 100.0 / idleSeconds);
+    }
     NKRBLEDisconnect(id);
     return failures == 0 ? 0 : 1;
 }
