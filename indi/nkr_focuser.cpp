@@ -5,8 +5,7 @@
 #include <cstring>
 
 #include "NKR_focuser.h"
-#include "error_text.h"
-#include "unit_identity.h"
+#include "nkrhost/errors.h"
 
 namespace {
 
@@ -45,6 +44,7 @@ bool NkrFocuser::initProperties()
     FocusBacklashN[0].value = 0;
 
     initExtraProperties();
+    initFocusProperties();
 
     addDebugControl();
     addConfigurationControl();
@@ -65,16 +65,18 @@ bool NkrFocuser::updateProperties()
     if (isConnected()) {
         defineProperty(m_temperatureNP);
         defineExtraProperties();
+        defineFocusProperties();
     } else {
         deleteProperty(m_temperatureNP.getName());
         deleteExtraProperties();
+        deleteFocusProperties();
     }
     return true;
 }
 
 bool NkrFocuser::Connect()
 {
-    const std::string ble = nkrindi::trimmed(m_unitSelectTP[kBleSelector].getText());
+    const std::string ble = nkrhost::trimmed(m_unitSelectTP[kBleSelector].getText());
     const std::string problem =
         ble.empty() ? m_unit.openUsb(m_unitSelectTP[kUsbSelector].getText(), getDeviceName())
                     : m_unit.openBle(ble, getDeviceName());
@@ -83,7 +85,6 @@ bool NkrFocuser::Connect()
         return false;
     }
     LOGF_INFO("Connected to the focuser on %s.", m_unit.description().c_str());
-    restoreOwnPosition();
 
     // The SDK lists a unit's controls by the model text that reading its type
     // learns (a Bluetooth pairing reads no type), so the identity comes first.
@@ -91,9 +92,10 @@ bool NkrFocuser::Connect()
     readCapabilities();
     readMotorSettings();
     readExtraSettings();
+    readFocusSettings();
+    m_tempComp = std::make_unique<nkrhost::TempCompRunner>(m_unit.unit(), std::string("INDI ") + getDeviceName());
     pollTemperature();
     m_pollFailed = m_lost = false;
-    m_failedPolls = 0;
     m_lastPowerPoll = std::chrono::steady_clock::now();
     schedulePoll();
     return true;
@@ -104,9 +106,9 @@ bool NkrFocuser::Disconnect()
     if (m_timerId >= 0) RemoveTimer(m_timerId);
     m_timerId = -1;
     const bool wasUsb = m_unit.isOpen() && !m_unit.overBle();
-    if (m_unit.isOpen()) recordOwnPosition();
     m_lost = false;
-    m_moveHold.unlock();
+    m_move.reset();
+    m_tempComp.reset();
     m_mover = Mover::None;
     m_unit.close();
     LOG_INFO(wasUsb ? "Focuser closed; its position is saved for the next session."
@@ -119,7 +121,7 @@ void NkrFocuser::TimerHit()
     m_timerId = -1;
     if (!isConnected()) return;
     if (m_lost) tryReconnect();
-    if (!m_unit.isOpen()) {
+    if (!m_unit.isOpen() || m_lost) {
         if (m_lost) m_timerId = SetTimer(kLostPollMillis);
         return;
     }
@@ -149,7 +151,14 @@ void NkrFocuser::TimerHit()
         // before the move's end would hold the end back (see handleMoveNumber).
         if (m_mover == Mover::None) m_temperatureTurn = true;
     }
-    if (m_mover == Mover::None) pollPowerState();  // every few seconds, on its own clock
+    if (m_mover == Mover::None) {
+        pollPowerState();  // every few seconds, on their own clocks
+        const auto now = std::chrono::steady_clock::now();
+        if (now - m_lastTempCompTick >= kTempCompInterval) {
+            m_lastTempCompTick = now;
+            tickTempComp();
+        }
+    }
     schedulePoll();
 }
 
@@ -168,7 +177,12 @@ bool NkrFocuser::saveConfigItems(FILE* fp)
 {
     INDI::Focuser::saveConfigItems(fp);
     m_unitSelectTP.save(fp);
-    m_savedTP.save(fp);
+    // Saved with the configuration; read back from the host settings at connect.
+    m_tempCompSP.save(fp);
+    m_tempCompNP.save(fp);
+    m_stepSizeNP.save(fp);
+    m_approachSP.save(fp);
+    m_approachNP.save(fp);
     return true;
 }
 
@@ -185,8 +199,7 @@ bool NkrFocuser::ISNewText(const char* dev, const char* name, char* texts[], cha
                 LOG_INFO("The new unit choice takes effect at the next connect.");
             return true;
         }
-        if (handleExtraText(name, texts, names, n) || handleSavedText(name, texts, names, n))
-            return true;
+        if (handleExtraText(name, texts, names, n) || handleFocusText(name, texts, names, n)) return true;
     }
     return INDI::Focuser::ISNewText(dev, name, texts, names, n);
 }
@@ -195,7 +208,8 @@ bool NkrFocuser::ISNewNumber(const char* dev, const char* name, double values[],
                              int n)
 {
     if (dev != nullptr && std::strcmp(dev, getDeviceName()) == 0 &&
-        (handleMoveNumber(name, values, names, n) || handleExtraNumber(name, values, names, n)))
+        (handleMoveNumber(name, values, names, n) || handleExtraNumber(name, values, names, n) ||
+         (isConnected() && handleFocusNumber(name, values, names, n))))
         return true;
     return INDI::Focuser::ISNewNumber(dev, name, values, names, n);
 }
@@ -204,20 +218,27 @@ bool NkrFocuser::ISNewSwitch(const char* dev, const char* name, ISState* states,
                              int n)
 {
     if (dev != nullptr && std::strcmp(dev, getDeviceName()) == 0 &&
-        (handleExtraSwitch(name, states, names, n) || handleUnitSwitch(name, states, names, n)))
+        (handleExtraSwitch(name, states, names, n) || handleUnitSwitch(name, states, names, n) ||
+         handleFocusSwitch(name, states, names, n)))
         return true;
     return INDI::Focuser::ISNewSwitch(dev, name, states, names, n);
 }
 
 std::string NkrFocuser::unitChoice()
 {
-    return nkrindi::trimmed(m_unitSelectTP[kUsbSelector].getText()) + '\n' +
-           nkrindi::trimmed(m_unitSelectTP[kBleSelector].getText());
+    return nkrhost::trimmed(m_unitSelectTP[kUsbSelector].getText()) + '\n' +
+           nkrhost::trimmed(m_unitSelectTP[kBleSelector].getText());
 }
 
 bool NkrFocuser::succeeded(int rc, const char* what)
 {
     if (rc == NKR_SUCCESS) return true;
-    LOGF_ERROR("%s failed: %s (%d)", what, nkrindi::errorText(rc), rc);
+    return succeeded(nkrhost::Status::fromSdk(rc, what));
+}
+
+bool NkrFocuser::succeeded(const nkrhost::Status& status)
+{
+    if (status.ok()) return true;
+    LOGF_ERROR("%s.", status.message.c_str());
     return false;
 }

@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <string>
+#include <memory>
 #include <vector>
 
 #include <indifocuser.h>
@@ -13,6 +14,7 @@
 #include <indipropertyswitch.h>
 #include <indipropertytext.h>
 
+#include "nkrhost/tempcomp.h"
 #include "unit_link.h"
 
 class NkrFocuser : public INDI::Focuser {
@@ -54,6 +56,11 @@ private:
     // One look at the motor: while a move is followed, whether it still runs
     // and where it is; at rest only the position (a change shows a hand move).
     void pollMotion();
+    // A move the driver started, followed by the host's follow loop.
+    void followHostMove();
+    // Absolute and relative moves both end here: the host refuses a target
+    // beyond the user's maximum and plans the final approach.
+    IPState startMove(int64_t target);
     void finishMove(IPState state);
     void publishPosition(int position);
 
@@ -71,6 +78,21 @@ private:
     bool handleExtraNumber(const char* name, double values[], char* names[], int n);
     bool handleExtraSwitch(const char* name, ISState* states, char* names[], int n);
     bool handleExtraText(const char* name, char* texts[], char* names[], int n);
+
+    // nkr_focuser_focus.cpp: beyond the unit, kept per unit in the host
+    // settings that every front-end shares: temperature compensation, step
+    // size, final approach and named positions (also the standard presets).
+    void initFocusProperties();
+    void defineFocusProperties();
+    void deleteFocusProperties();
+    // From the host settings, at connect and after a change elsewhere.
+    void readFocusSettings();
+    bool handleFocusSwitch(const char* name, ISState* states, char* names[], int n);
+    bool handleFocusNumber(const char* name, double values[], char* names[], int n);
+    bool handleFocusText(const char* name, char* texts[], char* names[], int n);
+    // One tick of temperature compensation (at rest, once a polling period).
+    void tickTempComp();
+    void listPositions();
 
     // Arms the one poll timer: kMotionPollMillis while a move is followed, the
     // user's polling period at rest.
@@ -90,16 +112,13 @@ private:
     // Lists the units present (USB; Bluetooth too when asked, which takes seconds).
     void scanUnits(bool withBluetooth);
     bool handleUnitSwitch(const char* name, ISState* states, char* names[], int n);
-    bool handleSavedText(const char* name, char* texts[], char* names[], int n);
-    // At connect: undoes the SDK's restore of another unit's shared record.
-    void restoreOwnPosition();
-    // At disconnect: this unit's position, in this instance's configuration.
-    void recordOwnPosition();
 
     // Both selector texts, trimmed, to tell a real change from a reload.
     std::string unitChoice();
-    // Logs a failed SDK call as "<what> failed: <reason> (<code>)"; true on success.
+    // Logs a failed SDK call as the host catalogue words it; true on success.
     bool succeeded(int rc, const char* what);
+    // Logs a failed host operation with its sentence; true on success.
+    bool succeeded(const nkrhost::Status& status);
 
     nkrindi::UnitLink m_unit;
     int m_timerId = -1;
@@ -115,10 +134,6 @@ private:
     INDI::PropertySwitch m_unitListSP{0};
     INDI::PropertySwitch m_unitScanSP{1};
     std::vector<nkrindi::FoundUnit> m_found;
-    INDI::PropertyText m_savedTP{2};
-    bool m_loadingSaved = false;
-    // Shared hold on the probe lock while a host move runs (see file_lock.h).
-    nkrindi::FileLock m_moveHold;
 
     INDI::PropertyNumber m_temperatureNP{1};
     INDI::PropertyText m_infoTP{4};
@@ -130,6 +145,17 @@ private:
     INDI::PropertySwitch m_ledSP{2};
     INDI::PropertyText m_errorCodesTP{2};
 
+    INDI::PropertySwitch m_tempCompSP{2};
+    INDI::PropertyNumber m_tempCompNP{2};
+    INDI::PropertyText m_tempCompStateTP{1};
+    INDI::PropertyNumber m_stepSizeNP{1};
+    INDI::PropertySwitch m_approachSP{3};
+    INDI::PropertyNumber m_approachNP{1};
+    INDI::PropertySwitch m_positionsSP{0};
+    INDI::PropertyText m_positionSaveTP{1};
+    std::vector<std::string> m_positionNames;
+    std::unique_ptr<nkrhost::TempCompRunner> m_tempComp;
+
     bool m_hasBattery = false;
     bool m_hasLed = false;
     bool m_hasErrorCodes = false;
@@ -138,8 +164,10 @@ private:
     // Who moves the motor, as far as the driver knows.
     enum class Mover { None, Host, HandController };
 
-    // Motion bookkeeping between polls.
+    // Motion bookkeeping between polls. A move the driver made is followed
+    // by the host layer's follow loop (one leg, or two for a final approach).
     Mover m_mover = Mover::None;
+    std::unique_ptr<nkrhost::PlannedMove> m_move;
     int m_target = 0;
     int m_lastPosition = -1;      // as published
     int m_lastSeenPosition = -1;  // as last read
@@ -149,16 +177,14 @@ private:
     // on/off, so "off" sends 0 and keeps this value for the next "on".
     int m_backlashSteps = 0;
     bool m_pollFailed = false;
-    int m_failedPolls = 0;
-    // The unit went away while connected; the driver looks for it again.
+    // The unit went away while connected; the driver looks for it again
+    // (the host's back-off says when).
     bool m_lost = false;
-    bool m_lostBle = false;
-    std::string m_lostSerial;
     int m_knownPosition = -1;
-    std::chrono::steady_clock::time_point m_lastReconnectTry{};
-    static constexpr auto kReconnectInterval = std::chrono::seconds(1);
     std::chrono::steady_clock::time_point m_lastPowerPoll{};
     bool m_temperatureTurn = false;  // at rest: the next tick reads the temperature
+    std::chrono::steady_clock::time_point m_lastTempCompTick{};
+    static constexpr auto kTempCompInterval = std::chrono::seconds(2);
 
     // Poll interval while a move is under way: the end of a move is reported
     // within this (plus one exchange) of the motor stopping.

@@ -8,9 +8,7 @@
 #include <limits>
 
 #include "NKR_focuser.h"
-#include "error_text.h"
 #include "nkr_focuser.h"
-#include "unit_identity.h"
 
 namespace {
 
@@ -95,35 +93,24 @@ void NkrFocuser::readCapabilities()
 
 void NkrFocuser::readIdentity()
 {
-    const int id = m_unit.id();
-    unsigned char major = 0, minor = 0, build = 0;
-    char firmware[16] = "unknown";
-    if (NKRGetFirmwareVersion(id, &major, &minor, &build) == NKR_SUCCESS)
-        std::snprintf(firmware, sizeof firmware, "%u.%u.%u", major, minor, build);
-
-    std::string serial = nkrindi::readSerial(id);
-    if (serial.empty()) serial = "not reported";
-
-    // Older units report no model text; they are the plain model.
-    _NKR_TYPE type{};
-    std::string model;
-    if (NKRGetType(id, &type) == NKR_SUCCESS) model = std::string(type.Type, strnlen(type.Type, sizeof type.Type));
-    if (model.empty()) model = "NKR";
-
-    int range = 0;
-    NKRStepRange(id, &range);
+    // Names and numbers as every front-end shows them (the host's reads).
+    m_unit.unit().refreshIdentity();
+    const nkrhost::Identity& id = m_unit.unit().identity();
+    const std::string firmware = id.firmware.code == NKR_SUCCESS ? id.firmware.text() : "unknown";
+    const std::string serial = id.serial.empty() ? "not reported" : id.serial;
+    const std::string model = id.modelOrDefault();
 
     m_infoTP[kFirmware].setText(firmware);
     m_infoTP[kSerial].setText(serial);
     m_infoTP[kModel].setText(model);
     m_infoTP[kLink].setText(m_unit.description());
     m_infoTP.setState(IPS_OK);
-    m_aliasTP[0].setText(nkrindi::readAlias(id));
+    m_aliasTP[0].setText(id.alias);
     m_aliasTP.setState(IPS_IDLE);
-    m_stepRangeNP[0].setValue(range);
+    m_stepRangeNP[0].setValue(id.stepRange);
     m_stepRangeNP.setState(IPS_OK);
-    LOGF_INFO("Model %s, firmware %s, serial number %s, step range %d.", model.c_str(), firmware,
-              serial.c_str(), range);
+    LOGF_INFO("Model %s, firmware %s, serial number %s, step range %d.", model.c_str(), firmware.c_str(),
+              serial.c_str(), id.stepRange);
 }
 
 void NkrFocuser::readExtraSettings()

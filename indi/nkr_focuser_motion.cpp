@@ -6,14 +6,10 @@
 #include <cstring>
 
 #include "NKR_focuser.h"
-#include "error_text.h"
 #include "nkr_focuser.h"
 
 namespace {
 
-// A host move whose position has not changed for this long has stalled (the
-// unit also reports its error state as "moving", so this is how it ends).
-constexpr auto kStallTimeout = std::chrono::seconds(10);
 constexpr auto kProgressInterval = std::chrono::milliseconds(100);
 // Seconds before the expected end of a move in which no progress is sent.
 constexpr double kQuietBeforeEnd = 0.06;
@@ -30,24 +26,28 @@ void NkrFocuser::readMotorSettings()
     bool reverse = false;
     NKRStepRange(id, &range);
     succeeded(NKRGetPosition(id, &position), "Reading the position");
-    succeeded(NKRGetMaxStep(id, &maxStep), "Reading the maximum position");
+    // The user's maximum as every front-end keeps it (host settings, else the unit's).
+    succeeded(m_unit.unit().maximum(maxStep));
     succeeded(NKRGetBacklash(id, &backlash), "Reading the backlash");
     succeeded(NKRGetReverse(id, &reverse), "Reading the direction");
     if (maxStep <= 0 || maxStep > range) maxStep = range;
 
+    // The move properties take the whole step range: a target beyond the
+    // user's maximum is refused by the host layer, with the sentence every
+    // front-end gives, rather than clamped by the property's limits.
     FocusMaxPosN[0].min = 1;
     FocusMaxPosN[0].max = range;
     FocusMaxPosN[0].step = std::max(range / 100, 1);
     FocusMaxPosN[0].value = maxStep;
     FocusAbsPosN[0].min = 0;
-    FocusAbsPosN[0].max = maxStep;
+    FocusAbsPosN[0].max = range;
     FocusAbsPosN[0].step = std::max(maxStep / 50, 1);
     FocusAbsPosN[0].value = position;
     FocusRelPosN[0].min = 0;
-    FocusRelPosN[0].max = maxStep;
+    FocusRelPosN[0].max = range;
     FocusRelPosN[0].step = std::max(maxStep / 100, 1);
     FocusSyncN[0].min = 0;
-    FocusSyncN[0].max = maxStep;
+    FocusSyncN[0].max = range;
     SyncPresets(static_cast<uint32_t>(maxStep));
 
     FocusReverseS[INDI_ENABLED].s = reverse ? ISS_ON : ISS_OFF;
@@ -64,42 +64,40 @@ void NkrFocuser::readMotorSettings()
     FocusRelPosNP.s = IPS_IDLE;
 }
 
-IPState NkrFocuser::MoveAbsFocuser(uint32_t targetTicks)
+IPState NkrFocuser::MoveAbsFocuser(uint32_t targetTicks) { return startMove(static_cast<int64_t>(targetTicks)); }
+
+IPState NkrFocuser::startMove(int64_t target)
 {
-    if (!m_unit.isOpen()) {
+    if (!m_unit.isOpen() || m_lost) {
         LOG_ERROR("The focuser is not there (unplugged or out of range); it cannot move.");
         return IPS_ALERT;
     }
-    const int target = static_cast<int>(std::min<uint32_t>(targetTicks, INT32_MAX));
-    // Another instance that opens units to list them would stop this move:
-    // it waits while moves hold this lock (and a move waits for its scan).
-    const std::string probeLock = nkrindi::probeLockPath();
-    if (!m_moveHold.held() && !probeLock.empty() &&
-        !m_moveHold.lock(probeLock, false, std::chrono::milliseconds(3000))) {
-        LOG_ERROR("Another driver instance is scanning the units; try the move again.");
-        return IPS_ALERT;
-    }
-    if (!succeeded(NKRMove(m_unit.id(), target), "Starting the move")) {
-        m_moveHold.unlock();
-        return IPS_ALERT;
-    }
+    // The host plans it: refused beyond the user's maximum, one leg or two
+    // for a final approach.
+    nkrhost::FollowOptions options;
+    std::unique_ptr<nkrhost::PlannedMove> move;
+    nkrhost::Status planned = m_unit.unit().planMove(target, options, move);
+    if (planned.ok()) planned = move->start(nkrhost::PlannedMove::Clock::now());
+    if (!succeeded(planned)) return IPS_ALERT;
+    m_move = std::move(move);
     m_mover = Mover::Host;
-    m_target = target;
+    m_target = static_cast<int>(target);
     m_lastProgress = std::chrono::steady_clock::now();
-    LOGF_DEBUG("Moving to %d.", target);
+    LOGF_DEBUG("Moving to %d.", m_target);
     // The SDK returns after its pause, in which a short move may have ended:
     // then it is reported done at once, in one message. (A "Busy" just before
     // the "Ok" would hold the "Ok" back: indiserver's socket waits for the
     // client's delayed acknowledgement of the first small message.)
-    bool moving = true;
-    int position = 0;
-    if (NKRIsMoving(m_unit.id(), &moving, nullptr) == NKR_SUCCESS && !moving &&
-        NKRGetPosition(m_unit.id(), &position) == NKR_SUCCESS && position == target) {
-        m_mover = Mover::None;
-        m_moveHold.unlock();
-        m_lastPosition = m_lastSeenPosition = position;
-        schedulePoll();
-        return IPS_OK;
+    if (m_move->legCount() == 1) {
+        if (auto end = m_move->poll(nkrhost::PlannedMove::Clock::now());
+            end && end->end == nkrhost::MoveEnd::Reached) {
+            m_move.reset();
+            m_mover = Mover::None;
+            m_lastPosition = m_lastSeenPosition = end->position;
+            if (m_tempComp) m_tempComp->userMoveEnded();
+            schedulePoll();
+            return IPS_OK;
+        }
     }
     schedulePoll();  // follow the move closely from now on
     return IPS_BUSY;
@@ -107,11 +105,9 @@ IPState NkrFocuser::MoveAbsFocuser(uint32_t targetTicks)
 
 IPState NkrFocuser::MoveRelFocuser(FocusDirection dir, uint32_t ticks)
 {
+    // Past 0 or the maximum is the host's to refuse, never clamped.
     const int64_t current = static_cast<int64_t>(FocusAbsPosN[0].value);
-    const int64_t wanted = dir == FOCUS_INWARD ? current - static_cast<int64_t>(ticks)
-                                               : current + static_cast<int64_t>(ticks);
-    const int64_t target = std::clamp<int64_t>(wanted, 0, static_cast<int64_t>(FocusAbsPosN[0].max));
-    return MoveAbsFocuser(static_cast<uint32_t>(target));
+    return startMove(dir == FOCUS_INWARD ? current - static_cast<int64_t>(ticks) : current + static_cast<int64_t>(ticks));
 }
 
 bool NkrFocuser::handleMoveNumber(const char* name, double values[], char* names[], int n)
@@ -127,18 +123,16 @@ bool NkrFocuser::handleMoveNumber(const char* name, double values[], char* names
     if (n < 1 || values == nullptr) return false;
     const double wanted = values[0];
     INumberVectorProperty& asked = absolute ? FocusAbsPosNP : FocusRelPosNP;
-    const double lowest = absolute ? FocusAbsPosN[0].min : 1;
-    if (wanted < lowest || wanted > asked.np[0].max) {
+    if (!absolute && !(wanted >= 1 && wanted <= 1e9)) {
         asked.s = IPS_ALERT;
         IDSetNumber(&asked, nullptr);
-        LOGF_ERROR("%s %.0f is outside %.0f..%.0f.", absolute ? "Position" : "Step count", wanted,
-                   lowest, asked.np[0].max);
+        LOGF_ERROR("A relative move of %.0f steps: give at least 1 step.", wanted);
         return true;
     }
-    const uint32_t ticks = static_cast<uint32_t>(wanted);
+    const int64_t ticks = static_cast<int64_t>(std::clamp(wanted, -1e9, 1e9));
     const IPState state =
-        absolute ? MoveAbsFocuser(ticks)
-                 : MoveRelFocuser(FocusMotionS[0].s == ISS_ON ? FOCUS_INWARD : FOCUS_OUTWARD, ticks);
+        absolute ? startMove(ticks)
+                 : MoveRelFocuser(FocusMotionS[0].s == ISS_ON ? FOCUS_INWARD : FOCUS_OUTWARD, static_cast<uint32_t>(ticks));
     LOGF_DEBUG("Move to %d: %s.", m_target, pstateStr(state));
     if (state == IPS_OK) FocusAbsPosN[0].value = m_target;
     if (!absolute) {
@@ -154,9 +148,11 @@ bool NkrFocuser::handleMoveNumber(const char* name, double values[], char* names
 bool NkrFocuser::AbortFocuser()
 {
     if (!m_unit.isOpen()) return false;
-    if (!succeeded(NKRStop(m_unit.id()), "Stopping the motor")) return false;
+    // A planned move stops at once, with no further leg; a failed stop is said.
+    nkrhost::Status stopped = m_move ? m_move->interrupt().stop : m_unit.unit().stop();
+    m_move.reset();
+    if (!succeeded(stopped)) return false;
     m_mover = Mover::None;
-    m_moveHold.unlock();
     // Report where it stopped now rather than at the next poll.
     int position = 0;
     if (NKRGetPosition(m_unit.id(), &position) == NKR_SUCCESS) publishPosition(position);
@@ -174,7 +170,7 @@ bool NkrFocuser::SyncFocuser(uint32_t ticks)
 {
     if (!m_unit.isOpen()) return false;
     const int position = static_cast<int>(std::min<uint32_t>(ticks, INT32_MAX));
-    if (!succeeded(NKRResetPostion(m_unit.id(), position), "Setting the position")) return false;
+    if (!succeeded(m_unit.unit().sync(position))) return false;
     m_target = position;
     publishPosition(position);
     return true;
@@ -183,14 +179,8 @@ bool NkrFocuser::SyncFocuser(uint32_t ticks)
 bool NkrFocuser::SetFocuserMaxPosition(uint32_t ticks)
 {
     if (!m_unit.isOpen()) return false;
-    const int maxStep = static_cast<int>(std::min<uint32_t>(ticks, INT32_MAX));
-    if (!succeeded(NKRSetMaxStep(m_unit.id(), maxStep), "Setting the maximum position"))
-        return false;
-    // Positions beyond the new maximum can no longer be asked for.
-    for (INumberVectorProperty* limited : {&FocusAbsPosNP, &FocusRelPosNP, &FocusSyncNP}) {
-        limited->np[0].max = maxStep;
-        IUUpdateMinMax(limited);
-    }
+    // Kept on the unit and in the host settings: every front-end holds moves within it.
+    if (!succeeded(m_unit.unit().setMaximum(static_cast<long long>(ticks)))) return false;
     return INDI::Focuser::SetFocuserMaxPosition(ticks);
 }
 
@@ -218,8 +208,9 @@ void NkrFocuser::publishPosition(int position)
 
 void NkrFocuser::finishMove(IPState state)
 {
+    if (m_mover == Mover::Host && m_tempComp) m_tempComp->userMoveEnded();
     m_mover = Mover::None;
-    m_moveHold.unlock();
+    m_move.reset();
     // A relative move's own property first: the client waits on that one.
     if (FocusRelPosNP.s == IPS_BUSY) {
         FocusRelPosNP.s = state;
@@ -231,6 +222,10 @@ void NkrFocuser::finishMove(IPState state)
 
 void NkrFocuser::pollMotion()
 {
+    if (m_mover == Mover::Host && m_move) {
+        followHostMove();
+        return;
+    }
     const int id = m_unit.id();
     bool moving = false;
     bool handMoving = false;
@@ -278,19 +273,49 @@ void NkrFocuser::pollMotion()
         IDSetNumber(&FocusAbsPosNP, nullptr);
     }
 
-    if (moving) {
-        if (m_mover == Mover::Host && now - m_lastProgress > kStallTimeout) {
-            LOGF_ERROR("The motor has not moved for %d s; stopping it.",
-                       static_cast<int>(kStallTimeout.count()));
-            NKRStop(id);
-            finishMove(IPS_ALERT);
-        }
-        return;
+    if (!moving && m_mover != Mover::None) finishMove(IPS_OK);
+}
+
+void NkrFocuser::followHostMove()
+{
+    // The host's follow loop, one look per tick: one meaning of reached,
+    // stopped short, gone, timed out and stalled for every front-end.
+    const auto now = std::chrono::steady_clock::now();
+    auto end = m_move->poll(now);
+    const nkrhost::MoveProgress p = m_move->progress();
+    if (p.position != m_lastSeenPosition) {
+        const double seconds = std::chrono::duration<double>(now - m_lastProgress).count();
+        const double stepsPerSecond = m_lastSeenPosition >= 0 && seconds > 0
+                                          ? std::abs(p.position - m_lastSeenPosition) / seconds
+                                          : 0;
+        // No progress just before the expected end, which would hold the
+        // final message back (see startMove).
+        const bool nearEnd = stepsPerSecond > 0 && std::abs(m_target - p.position) / stepsPerSecond < kQuietBeforeEnd;
+        m_lastSeenPosition = p.position;
+        m_lastProgress = now;
+        if (!end && !nearEnd && now - m_lastPublished >= kProgressInterval) publishPosition(p.position);
     }
-    if (m_mover == Mover::Host && position != m_target) {
-        LOGF_WARN("The focuser stopped at %d instead of %d.", position, m_target);
-        finishMove(IPS_ALERT);
-    } else if (m_mover != Mover::None) {
+    if (!end) return;
+    m_lastSeenPosition = end->position;
+    switch (end->end) {
+    case nkrhost::MoveEnd::Reached:
+        if (end->position != m_lastPosition) publishPosition(end->position);
+        pollSucceeded();
         finishMove(IPS_OK);
+        break;
+    case nkrhost::MoveEnd::Gone:
+        loseUnit();  // says so once, with the move that failed
+        break;
+    case nkrhost::MoveEnd::StoppedShort:
+        publishPosition(end->position);
+        LOGF_WARN("The focuser stopped at %d instead of %d.", end->position, m_target);
+        finishMove(IPS_ALERT);
+        break;
+    default:  // timed out, stalled, interrupted: the host's sentence, and a failed stop
+        publishPosition(end->position);
+        succeeded(end->status);
+        succeeded(end->stop);
+        finishMove(IPS_ALERT);
+        break;
     }
 }

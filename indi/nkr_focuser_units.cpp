@@ -1,30 +1,25 @@
 // Which unit this instance drives: the list of units found by a scan (for
-// people with a GUI client), the unit-choice texts (for scripts), and this
-// instance's own record of its unit's position.
-#include <cstdlib>
+// people with a GUI client) and the unit-choice texts (for scripts).
 #include <string>
 
 #include "NKR_focuser.h"
-#include "close_note.h"
 #include "nkr_focuser.h"
-#include "unit_identity.h"
 
 namespace {
 
-enum SavedField { kSavedSerial, kSavedPosition };
-
 std::string unitLabel(const nkrindi::FoundUnit& unit)
 {
-    std::string label = unit.model;
-    if (unit.ble) {
-        label = unit.bleName + " " + unit.bleAddress + " (Bluetooth)";
+    const nkrhost::SeenUnit& s = unit.seen;
+    std::string label;
+    if (s.link == nkrhost::Link::Ble) {
+        label = s.bleName + " " + s.bleAddress + " (Bluetooth)";
     } else {
-        label += unit.serial.empty() ? " (no serial)" : " " + unit.serial;
-        if (!unit.alias.empty()) label += " '" + unit.alias + "'";
+        label = (s.model.empty() ? std::string("NKR") : s.model) + (s.serial.empty() ? " (no serial)" : " " + s.serial);
+        if (!s.alias.empty()) label += " '" + s.alias + "'";
         label += " (USB)";
     }
-    if (!unit.holder.empty()) label += ", in use by " + unit.holder;
     if (unit.own) label += ", connected here";
+    else if (!unit.holder.empty()) label += ", in use by " + unit.holder;
     return label;
 }
 
@@ -42,18 +37,12 @@ void NkrFocuser::initUnitProperties()
     m_unitScanSP[0].fill("SCAN", "Refresh", ISS_OFF);
     m_unitScanSP.fill(dev, "NKR_UNITS_SCAN", "Unit list", CONNECTION_TAB, IP_RW, ISR_ATMOST1, 60,
                       IPS_IDLE);
-
-    m_savedTP[kSavedSerial].fill("SERIAL", "Serial number", "");
-    m_savedTP[kSavedPosition].fill("POSITION", "Position", "");
-    m_savedTP.fill(dev, "NKR_SAVED_POSITION", "Saved at disconnect", OPTIONS_TAB, IP_RW, 0,
-                   IPS_IDLE);
 }
 
 void NkrFocuser::defineUnitProperties()
 {
     defineProperty(m_unitSelectTP);
     defineProperty(m_unitScanSP);
-    defineProperty(m_savedTP);
     // Every client asks for the properties; the saved choice is read and the
     // units are listed once. Bluetooth units are listed on a refresh (a scan
     // takes seconds).
@@ -63,47 +52,31 @@ void NkrFocuser::defineUnitProperties()
     }
     m_unitChoiceLoaded = true;
     loadConfig(true, m_unitSelectTP.getName());
-    // Read-only properties are not loaded from the configuration: this one is
-    // writable, but only this load may change it.
-    m_loadingSaved = true;
-    loadConfig(true, m_savedTP.getName());
-    m_loadingSaved = false;
     scanUnits(false);
 }
 
 void NkrFocuser::scanUnits(bool withBluetooth)
 {
     std::string problem;
-    m_found = nkrindi::scanUsbUnits(m_unit.isOpen() && !m_unit.overBle() ? m_unit.id() : -1, problem);
-    if (withBluetooth && problem.empty()) {
-        auto ble = nkrindi::scanBleUnits(problem);
-        m_found.insert(m_found.end(), ble.begin(), ble.end());
-    }
+    // Identifying a unit leaves it open (a close would stop another
+    // instance's motor), so a scan never disturbs a unit in use.
+    m_found = nkrindi::scanUnits(withBluetooth, problem);
     if (m_unit.isOpen()) {
-        // This instance's own unit is not opened again; it leads the list.
-        nkrindi::FoundUnit own;
-        own.own = true;
-        own.ble = m_unit.overBle();
-        own.serial = m_unit.serial();
-        own.alias = m_aliasTP[0].getText() ? m_aliasTP[0].getText() : "";
-        own.model = m_infoTP[kModel].getText() ? m_infoTP[kModel].getText() : "";
-        own.bleName = nkrindi::trimmed(m_unitSelectTP[kBleSelector].getText());
-        if (own.ble) {
-            // Already listed by the Bluetooth scan, when it ran.
-            std::erase_if(m_found, [&](const nkrindi::FoundUnit& u) { return u.ble && u.bleName == own.bleName; });
-        }
-        m_found.insert(m_found.begin(), own);
+        const nkrhost::SeenUnit mine = nkrhost::seenFrom(m_unit.unit().identity());
+        for (nkrindi::FoundUnit& unit : m_found)
+            if (nkrindi::claimKey(unit.seen) == nkrindi::claimKey(mine)) unit.own = true;
     }
 
     deleteProperty(m_unitListSP.getName());
     m_unitListSP.resize(m_found.size());
-    const std::string chosenUsb = nkrindi::trimmed(m_unitSelectTP[kUsbSelector].getText());
-    const std::string chosenBle = nkrindi::trimmed(m_unitSelectTP[kBleSelector].getText());
+    const std::string chosenUsb = nkrhost::trimmed(m_unitSelectTP[kUsbSelector].getText());
+    const std::string chosenBle = nkrhost::trimmed(m_unitSelectTP[kBleSelector].getText());
     for (size_t i = 0; i < m_found.size(); ++i) {
         const nkrindi::FoundUnit& unit = m_found[i];
-        const bool chosen = unit.ble ? !chosenBle.empty() && unit.bleName == chosenBle
-                                     : chosenBle.empty() && !chosenUsb.empty() &&
-                                           nkrindi::usbSelectorMatches(chosenUsb, unit.serial, unit.alias);
+        const bool ble = unit.seen.link == nkrhost::Link::Ble;
+        const std::string& chosenText = ble ? chosenBle : chosenUsb;
+        const bool chosen = (ble || chosenBle.empty()) && !chosenText.empty() &&
+                            nkrhost::resolveUnit(chosenText, {unit.seen}).status.ok();
         const std::string name = "UNIT_" + std::to_string(i);
         m_unitListSP[i].fill(name.c_str(), unitLabel(unit).c_str(), chosen ? ISS_ON : ISS_OFF);
     }
@@ -122,11 +95,6 @@ bool NkrFocuser::handleUnitSwitch(const char* name, ISState* states, char* names
 {
     if (m_unitScanSP.isNameMatch(name)) {
         m_unitScanSP[0].setState(ISS_OFF);
-        if (m_mover != Mover::None) {
-            m_unitScanSP.setState(IPS_ALERT);
-            m_unitScanSP.apply("The unit list is refreshed when the focuser stands still.");
-            return true;
-        }
         m_unitScanSP.setState(IPS_BUSY);
         m_unitScanSP.apply("Scanning for units...");
         scanUnits(true);
@@ -143,11 +111,11 @@ bool NkrFocuser::handleUnitSwitch(const char* name, ISState* states, char* names
     }
     const nkrindi::FoundUnit& unit = m_found[index];
     const std::string before = unitChoice();
-    if (unit.ble) {
+    if (unit.seen.link == nkrhost::Link::Ble) {
         m_unitSelectTP[kUsbSelector].setText("");
-        m_unitSelectTP[kBleSelector].setText(unit.bleName);
+        m_unitSelectTP[kBleSelector].setText(unit.seen.bleName);
     } else {
-        m_unitSelectTP[kUsbSelector].setText(unit.serial.empty() ? unit.alias : unit.serial);
+        m_unitSelectTP[kUsbSelector].setText(unit.seen.serial.empty() ? unit.seen.alias : unit.seen.serial);
         m_unitSelectTP[kBleSelector].setText("");
     }
     m_unitSelectTP.setState(IPS_OK);
@@ -155,51 +123,9 @@ bool NkrFocuser::handleUnitSwitch(const char* name, ISState* states, char* names
     saveConfig(true, m_unitSelectTP.getName());
     m_unitListSP.setState(IPS_OK);
     m_unitListSP.apply();
-    if (!unit.holder.empty())
+    if (!unit.holder.empty() && !unit.own)
         LOGF_WARN("That unit is in use by %s; connecting will be refused while it is.", unit.holder.c_str());
     if (isConnected() && unitChoice() != before)
         LOG_INFO("The new unit choice takes effect at the next connect.");
     return true;
-}
-
-bool NkrFocuser::handleSavedText(const char* name, char* texts[], char* names[], int n)
-{
-    if (!m_savedTP.isNameMatch(name)) return false;
-    if (!m_loadingSaved) {
-        m_savedTP.apply("The saved position is written by the driver at disconnect only.");
-        return true;
-    }
-    m_savedTP.update(texts, names, n);
-    m_savedTP.apply();
-    return true;
-}
-
-void NkrFocuser::restoreOwnPosition()
-{
-    if (m_unit.overBle() || m_unit.serial().empty()) return;
-    int reported = 0;
-    if (NKRGetPosition(m_unit.id(), &reported) != NKR_SUCCESS) return;
-    std::optional<nkrindi::CloseNote> saved;
-    const char* savedPosition = m_savedTP[kSavedPosition].getText();
-    if (savedPosition != nullptr && *savedPosition != '\0')
-        saved = nkrindi::CloseNote{m_savedTP[kSavedSerial].getText(), std::atoi(savedPosition)};
-    const auto restore = nkrindi::positionToRestore(m_unit.serial(), reported, saved, nkrindi::lastClose());
-    if (!restore) return;
-    if (succeeded(NKRResetPostion(m_unit.id(), *restore), "Restoring the position"))
-        LOGF_INFO("Position %d restored from this driver's record (the SDK's shared record gave "
-                  "another unit's %d).",
-                  *restore, reported);
-}
-
-void NkrFocuser::recordOwnPosition()
-{
-    int position = 0;
-    if (m_unit.overBle() || m_unit.serial().empty() ||
-        NKRGetPosition(m_unit.id(), &position) != NKR_SUCCESS)
-        return;
-    m_savedTP[kSavedSerial].setText(m_unit.serial());
-    m_savedTP[kSavedPosition].setText(std::to_string(position));
-    m_savedTP.setState(IPS_OK);
-    m_savedTP.apply();
-    saveConfig(true, m_savedTP.getName());
 }

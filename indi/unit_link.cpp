@@ -1,277 +1,123 @@
 #include "unit_link.h"
 
-#include <unistd.h>
-
-#include <cstring>
-#include <string>
-#include <vector>
-
 #include "NKR_focuser.h"
-#include "close_note.h"
-#include "error_text.h"
-#include "unit_identity.h"
 
 namespace nkrindi {
 
 namespace {
 
-// The helper library reads the scan time-out in milliseconds.
-constexpr int kBleScanMillis = 5000;
-constexpr int kQuickBleScanMillis = 1000;
-constexpr int kMaxScanResults = 16;
-// How long an instance waits for another's scan of the units, or for moves
-// of other instances to end before it scans.
-constexpr auto kProbeWait = std::chrono::milliseconds(3000);
+constexpr const char* kPurpose = "driver";
 
-std::string boundedText(const char* text, size_t capacity)
+std::string inUse(const std::string& what, const std::string& holder)
 {
-    return std::string(text, strnlen(text, capacity));
-}
-
-std::string failure(const std::string& what, int code)
-{
-    return what + ": " + errorText(code) + " (" + std::to_string(code) + ")";
-}
-
-std::string usbUnitLabel(int id, const std::string& serial, const std::string& alias)
-{
-    std::string label = "slot " + std::to_string(id);
-    label += serial.empty() ? " (no serial)" : " serial " + serial;
-    if (!alias.empty()) label += " alias " + alias;
-    return label;
-}
-
-// Who holds a unit's lock ("" when nobody does).
-std::string lockHolder(const std::string& key)
-{
-    const std::string path = unitLockPath(key);
-    FileLock probe;
-    if (path.empty() || probe.lock(path, true, std::chrono::milliseconds(0))) return {};
-    std::string text = FileLock::readText(path);
-    return text.empty() ? std::string("another driver instance") : text;
-}
-
-// Closes a unit this instance only looked at, noting it as the last closed.
-void closeProbed(int id, const std::string& serial)
-{
-    int position = 0;
-    const bool known = NKRGetPosition(id, &position) == NKR_SUCCESS;
-    NKRClose(id);
-    if (known) noteClose(serial, position);
-}
-
-std::string bleKey(const std::string& address)
-{
-    std::string key = "ble-";
-    for (char c : address) key += std::isalnum(static_cast<unsigned char>(c)) ? c : '_';
-    return key;
+    return "The unit " + what + " is in use by " + holder + "; choose another unit";
 }
 
 }  // namespace
 
-std::string readSerial(int id)
+std::string claimKey(const nkrhost::SeenUnit& unit)
 {
-    _NKR_SN sn{};
-    return NKRGetSerialNumber(id, &sn) == NKR_SUCCESS ? serialText(sn.SN) : std::string();
+    if (unit.link == nkrhost::Link::Ble) return "ble-" + unit.bleAddress;
+    if (!unit.serial.empty()) return unit.serial;
+    return "usb-slot-" + std::to_string(unit.slot);
 }
 
-std::string readAlias(int id)
+std::string UnitLink::description() const
 {
-    _NKR_INFO info{};
-    if (NKRGetProperty(id, &info) != NKR_SUCCESS) return {};
-    return aliasFromUnitName(boundedText(info.Name, sizeof info.Name).c_str());
+    if (!m_unit) return {};
+    const nkrhost::Identity& id = m_unit->identity();
+    if (id.link == nkrhost::Link::Ble) return "Bluetooth " + id.bleName + " (slot " + std::to_string(id.slot) + ")";
+    return "USB slot " + std::to_string(id.slot);
 }
 
-std::string readModel(int id)
+std::string UnitLink::take(std::unique_ptr<nkrhost::Unit> unit, const std::string& owner)
 {
-    _NKR_TYPE type{};
-    std::string model;
-    if (NKRGetType(id, &type) == NKR_SUCCESS) model = boundedText(type.Type, sizeof type.Type);
-    return model.empty() ? std::string("NKR") : model;
-}
-
-std::string UnitLink::takeUnitLock(const std::string& key, const std::string& owner)
-{
-    const std::string path = unitLockPath(key);
-    if (path.empty()) return {};  // no lock directory: nothing to coordinate with
-    if (!m_unitLock.lock(path, true, std::chrono::milliseconds(0))) {
-        std::string holder = FileLock::readText(path);
-        return holder.empty() ? std::string("another driver instance") : holder;
+    const std::string key = claimKey(nkrhost::seenFrom(unit->identity()));
+    nkrhost::Status claimed = m_claim.take(kPurpose, key, owner);
+    if (!claimed.ok()) {
+        // Another instance drives it: leave it open, as closing would stop its motor.
+        unit->keepOpen();
+        return inUse(unit->identity().serial.empty() ? unit->label() : "with serial number " + unit->identity().serial,
+                     nkrhost::UnitClaim::holder(kPurpose, key));
     }
-    m_unitLock.write(owner + " (pid " + std::to_string(::getpid()) + ")");
+    m_unit = std::move(unit);
     return {};
 }
 
-std::string UnitLink::openUsb(const std::string& serialOrAlias, const std::string& owner, bool quick)
+std::string UnitLink::openUsb(const std::string& selector, const std::string& owner)
 {
     close();
-    const std::string wanted = trimmed(serialOrAlias);
-    // A serial number that another instance holds is refused before any unit is touched.
-    if (isSerialText(wanted)) {
-        const std::string holder = lockHolder(normalizedSerial(wanted));
-        if (!holder.empty())
-            return "The unit with serial number " + normalizedSerial(wanted) + " is in use by " +
-                   holder + "; choose another unit";
+    const std::string wanted = nkrhost::trimmed(selector);
+    if (!wanted.empty()) {
+        // A serial number that another instance holds is refused before any unit is touched.
+        const std::string serial = nkrhost::normalizedSerial(wanted);
+        if (!serial.empty()) {
+            const std::string holder = nkrhost::UnitClaim::holder(kPurpose, serial);
+            if (!holder.empty()) return inUse("with serial number " + serial, holder);
+        }
+        nkrhost::OpenRequest request;
+        request.name = wanted;
+        std::unique_ptr<nkrhost::Unit> unit;
+        nkrhost::Status opened = nkrhost::Unit::open(request, unit);
+        if (!opened.ok()) return opened.message;
+        return take(std::move(unit), owner);
     }
-    // Opening and closing units stops their motors: not while another instance moves one.
-    FileLock probing;
-    if (!probing.lock(probeLockPath(), true, quick ? std::chrono::milliseconds(0) : kProbeWait) &&
-        !probeLockPath().empty())
-        return "Another driver instance is moving its focuser or scanning; connect again when it is done";
-
-    const int count = NKRGetNum();
-    if (count <= 0) return "No focuser found on USB";
-
+    // No choice made: the first unit that no other instance has.
+    const auto units = nkrhost::identifyUsbUnits();
+    if (units.empty()) return "No focuser found on USB";
     std::string seen;
-    std::string refused;
-    for (int index = 0; index < count; ++index) {
-        int id = -1;
-        if (NKRGetID(index, &id) != NKR_SUCCESS) continue;
-        const int rc = NKROpen(id);
-        if (rc != NKR_SUCCESS) {
-            seen += (seen.empty() ? "" : "; ") + failure("slot " + std::to_string(id), rc);
-            continue;
-        }
-        // Units can only be told apart once open; an unwanted one is closed again.
-        const std::string serial = readSerial(id);
-        const std::string alias = readAlias(id);
-        if (wanted.empty() || usbSelectorMatches(wanted, serial, alias)) {
-            const std::string holder = serial.empty() ? std::string() : takeUnitLock(serial, owner);
-            if (holder.empty()) {
-                m_id = id;
-                m_ble = false;
-                m_serial = serial;
-                m_description = "USB slot " + std::to_string(id);
-                return {};
-            }
-            refused = "The unit with serial number " + serial + " is in use by " + holder;
-        }
-        seen += (seen.empty() ? "" : "; ") + usbUnitLabel(id, serial, alias);
-        closeProbed(id, serial);
-        if (!wanted.empty() && !refused.empty()) return refused + "; choose another unit";
+    for (const nkrhost::Identity& id : units) {
+        const nkrhost::SeenUnit s = nkrhost::seenFrom(id);
+        const std::string holder = nkrhost::UnitClaim::holder(kPurpose, claimKey(s));
+        if (holder.empty()) return take(nkrhost::Unit::adopt(id.slot, nkrhost::Link::Usb), owner);
+        seen += (seen.empty() ? "" : "; ") + s.describe() + " in use by " + holder;
     }
-    if (wanted.empty())
-        return "No free USB focuser could be opened (" + seen + ")";
-    return "No USB focuser has serial number or alias '" + wanted + "' (found: " + seen + ")";
+    return "No free USB focuser (" + seen + ")";
 }
 
-std::string UnitLink::openBle(const std::string& nameOrAddress, const std::string& owner, bool quick)
+std::string UnitLink::openBle(const std::string& selector, const std::string& owner)
 {
     close();
-    const std::string wanted = trimmed(nameOrAddress);
-    std::vector<_BLE_DEVICE_INFO> found(kMaxScanResults);
-    int count = 0;
-    int rc = NKRBLEScan(quick ? kQuickBleScanMillis : kBleScanMillis, found.data(), kMaxScanResults,
-                        &count);
-    if (rc != NKR_SUCCESS) return failure("Bluetooth scan failed", rc);
-
-    std::string seen;
-    for (int i = 0; i < count && i < kMaxScanResults; ++i) {
-        const std::string name = boundedText(found[i].Name, sizeof found[i].Name);
-        const std::string address = boundedText(found[i].Address, sizeof found[i].Address);
-        if (!bleSelectorMatches(wanted, name, address)) {
-            seen += (seen.empty() ? "" : ", ") + name + " at " + address;
-            continue;
-        }
-        // A Bluetooth unit is known by its address before any connection.
-        const std::string holder = takeUnitLock(bleKey(address), owner);
-        if (!holder.empty())
-            return "The Bluetooth unit " + name + " is in use by " + holder + "; choose another unit";
-        int id = -1;
-        rc = NKRBLEConnect(name.c_str(), address.c_str(), &id);
-        if (rc != NKR_SUCCESS) {
-            m_unitLock.unlock();
-            return failure("Connecting to " + name + " failed", rc);
-        }
-        rc = NKRBLEPair(id);
-        if (rc != NKR_SUCCESS) {
-            NKRBLEDisconnect(id);  // pairing drops the link but leaves the slot taken
-            m_unitLock.unlock();
-            return failure("Pairing with " + name + " failed", rc);
-        }
-        m_id = id;
-        m_ble = true;
-        m_serial = readSerial(id);
-        m_description = "Bluetooth " + name + " (slot " + std::to_string(id) + ")";
-        return {};
-    }
-    return "No Bluetooth focuser named or at '" + wanted + "' (found: " +
-           (seen.empty() ? std::string("none") : seen) + ")";
+    std::vector<nkrhost::SeenUnit> found;
+    nkrhost::Status scanned = nkrhost::scanBluetooth(found);
+    if (!scanned.ok()) return scanned.message;
+    nkrhost::Resolution r = nkrhost::resolveUnit(selector, found);
+    if (!r.status.ok()) return r.status.message;
+    const nkrhost::SeenUnit& match = found[static_cast<size_t>(r.index)];
+    // A Bluetooth unit is known by its address before any connection.
+    const std::string holder = nkrhost::UnitClaim::holder(kPurpose, claimKey(match));
+    if (!holder.empty()) return inUse(match.bleName, holder);
+    int slot = -1;
+    nkrhost::Status connected = nkrhost::connectBluetooth(match.bleName, match.bleAddress, slot);
+    if (!connected.ok()) return connected.message;
+    return take(nkrhost::Unit::adoptBluetooth(slot, match.bleName, match.bleAddress), owner);
 }
 
-void UnitLink::lose()
+bool UnitLink::reconnectDue() const
 {
-    if (m_id < 0) return;
-    // The SDK's close of a vanished unit only releases the slot (its sends fail).
-    if (m_ble)
-        NKRBLEDisconnect(m_id);
-    else
-        NKRClose(m_id);
-    m_id = -1;
-    m_description.clear();
+    return m_unit && const_cast<nkrhost::Unit&>(*m_unit).backoff().due(nkrhost::Backoff::Clock::now());
+}
+
+std::string UnitLink::reconnect()
+{
+    if (!m_unit) return "no unit";
+    nkrhost::Status back = m_unit->reconnect();
+    return back.ok() ? std::string() : back.message;
 }
 
 void UnitLink::close()
 {
-    if (m_id < 0) {
-        m_unitLock.unlock();
-        return;
-    }
-    if (m_ble) {
-        NKRBLEDisconnect(m_id);
-    } else {
-        closeProbed(m_id, m_serial);
-    }
-    m_id = -1;
-    m_ble = false;
-    m_serial.clear();
-    m_description.clear();
-    m_unitLock.unlock();
+    m_unit.reset();  // closes (saving the position) or disconnects
+    m_claim.release();
 }
 
-std::vector<FoundUnit> scanUsbUnits(int skipId, std::string& problem)
+std::vector<FoundUnit> scanUnits(bool withBluetooth, std::string& problem)
 {
     std::vector<FoundUnit> units;
-    FileLock probing;
-    if (!probing.lock(probeLockPath(), true, kProbeWait) && !probeLockPath().empty()) {
-        problem = "Another driver instance is moving its focuser; refresh the list when it stops";
-        return units;
-    }
-    const int count = NKRGetNum();
-    for (int index = 0; index < count; ++index) {
-        int id = -1;
-        if (NKRGetID(index, &id) != NKR_SUCCESS || id == skipId) continue;
-        if (NKROpen(id) != NKR_SUCCESS) continue;
-        FoundUnit unit;
-        unit.serial = readSerial(id);
-        unit.alias = readAlias(id);
-        unit.model = readModel(id);
-        if (!unit.serial.empty()) unit.holder = lockHolder(unit.serial);
-        closeProbed(id, unit.serial);
-        units.push_back(unit);
-    }
-    return units;
-}
-
-std::vector<FoundUnit> scanBleUnits(std::string& problem)
-{
-    std::vector<FoundUnit> units;
-    std::vector<_BLE_DEVICE_INFO> found(kMaxScanResults);
-    int count = 0;
-    const int rc = NKRBLEScan(kBleScanMillis, found.data(), kMaxScanResults, &count);
-    if (rc != NKR_SUCCESS) {
-        if (rc != NKR_ERROR_BLE_UNSUPPORTED) problem = failure("Bluetooth scan failed", rc);
-        return units;
-    }
-    for (int i = 0; i < count && i < kMaxScanResults; ++i) {
-        FoundUnit unit;
-        unit.ble = true;
-        unit.bleName = boundedText(found[i].Name, sizeof found[i].Name);
-        unit.bleAddress = boundedText(found[i].Address, sizeof found[i].Address);
-        unit.model = unit.bleName.substr(0, unit.bleName.rfind('_'));
-        unit.holder = lockHolder(bleKey(unit.bleAddress));
-        units.push_back(unit);
-    }
+    nkrhost::Inventory inv = nkrhost::takeInventory(withBluetooth);
+    if (!inv.bluetooth.ok() && inv.bluetooth.code != NKR_ERROR_BLE_UNSUPPORTED) problem = inv.bluetooth.message;
+    for (const nkrhost::SeenUnit& s : inv.units)
+        units.push_back({s, nkrhost::UnitClaim::holder(kPurpose, claimKey(s)), false});
     return units;
 }
 

@@ -1,26 +1,24 @@
-// The driver's hold on one focuser unit: finds and opens it over USB (first
-// free unit, or the one whose serial number or alias was asked for) or over
-// Bluetooth LE (scan, connect, pair), holds the unit's lock so that no other
-// driver instance opens it too, and closes it again.
+// The driver's hold on one focuser unit, through the host layer: finds and
+// opens it over USB (the first unit no other instance has, or the one named
+// by serial number or alias) or over Bluetooth LE, holds the unit's "driver"
+// claim so that no other driver instance drives it too, gets it back when it
+// went away, and closes it again.
 #pragma once
 
+#include <memory>
 #include <string>
 #include <vector>
 
-#include "file_lock.h"
+#include "nkrhost/claim.h"
+#include "nkrhost/unit.h"
 
 namespace nkrindi {
 
 // One unit seen by a scan.
 struct FoundUnit {
-    bool ble = false;
-    std::string serial;   // "" when the firmware cannot report it
-    std::string alias;
-    std::string model;
-    std::string bleName;  // Bluetooth units: advertised name and address
-    std::string bleAddress;
-    std::string holder;   // the driver instance that has it open, if another
-    bool own = false;     // the unit this instance has open
+    nkrhost::SeenUnit seen;
+    std::string holder;  // the driver instance that has it, if another
+    bool own = false;    // the unit this instance has open
 };
 
 class UnitLink {
@@ -30,54 +28,42 @@ public:
     UnitLink& operator=(const UnitLink&) = delete;
     ~UnitLink() { close(); }
 
-    // Each returns "" on success, else a sentence for the log. owner names
-    // this instance to the others (its device name). quick: a look for a unit
-    // that went away, which must not hold up the driver (no waiting for other
-    // instances, a short Bluetooth scan).
-    std::string openUsb(const std::string& serialOrAlias, const std::string& owner,
-                        bool quick = false);
-    std::string openBle(const std::string& nameOrAddress, const std::string& owner,
-                        bool quick = false);
+    // Each returns "" on success, else the sentence for the log. owner names
+    // this instance to the others (its device name).
+    std::string openUsb(const std::string& selector, const std::string& owner);
+    std::string openBle(const std::string& selector, const std::string& owner);
 
     // Closes a USB unit (the SDK then saves its position) or disconnects a
-    // Bluetooth unit, and gives up the unit's lock. Harmless when nothing is open.
+    // Bluetooth unit, and gives up the claim. Harmless when nothing is open.
     void close();
-    // After the unit vanished: forgets the slot without talking to it (the
-    // SDK closes a removed unit's slot at its next scan) but keeps the lock,
-    // so the unit stays this instance's for the reconnect.
-    void lose();
+    // One try to get a unit that went away back (the same serial number or
+    // Bluetooth address); "" when it is back. Tries no more often than the
+    // host's back-off allows (anotherTry tells when).
+    std::string reconnect();
+    bool reconnectDue() const;
 
-    bool isOpen() const { return m_id >= 0; }
-    int id() const { return m_id; }
-    bool overBle() const { return m_ble; }
+    bool isOpen() const { return m_unit != nullptr; }
+    nkrhost::Unit& unit() { return *m_unit; }
+    int id() const { return m_unit ? m_unit->slot() : -1; }
+    bool overBle() const { return m_unit && m_unit->link() == nkrhost::Link::Ble; }
     // Serial number read at open ("" when the unit has none).
-    const std::string& serial() const { return m_serial; }
+    std::string serial() const { return m_unit ? m_unit->identity().serial : std::string(); }
     // "USB slot 0" or "Bluetooth NKR Pro_A1B2 (slot 50)".
-    const std::string& description() const { return m_description; }
+    std::string description() const;
 
 private:
-    std::string takeUnitLock(const std::string& key, const std::string& owner);
+    std::string take(std::unique_ptr<nkrhost::Unit> unit, const std::string& owner);
 
-    int m_id = -1;
-    bool m_ble = false;
-    std::string m_serial;
-    std::string m_description;
-    FileLock m_unitLock;
+    std::unique_ptr<nkrhost::Unit> m_unit;
+    nkrhost::UnitClaim m_claim;
 };
 
-// Every USB unit but the slot skipId (this instance's own): each is opened,
-// identified and closed again. Refused ("" result set, problem filled) while
-// another instance's move runs, since closing a unit stops its motor.
-std::vector<FoundUnit> scanUsbUnits(int skipId, std::string& problem);
-// Bluetooth units in range (no connection is made).
-std::vector<FoundUnit> scanBleUnits(std::string& problem);
+// The key a unit's "driver" claim goes by: its Bluetooth address for a
+// Bluetooth unit (known before any connection), else the host's key.
+std::string claimKey(const nkrhost::SeenUnit& unit);
 
-// Serial number of an open unit as hexadecimal text; "" when the firmware
-// cannot report it.
-std::string readSerial(int id);
-// Alias of an open unit; "" when it has none or cannot report it.
-std::string readAlias(int id);
-// Model text of an open unit ("NKR" for units that report none).
-std::string readModel(int id);
+// Every unit in reach (Bluetooth too when asked: a scan takes seconds), each
+// with the instance that holds it. problem receives what went wrong.
+std::vector<FoundUnit> scanUnits(bool withBluetooth, std::string& problem);
 
 }  // namespace nkrindi

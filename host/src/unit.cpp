@@ -40,6 +40,15 @@ std::unique_ptr<Unit> Unit::adopt(int slot, Link link, const HostSettings& setti
     return std::unique_ptr<Unit>(new Unit(readIdentity(slot, link), settings));
 }
 
+std::unique_ptr<Unit> Unit::adoptBluetooth(int slot, const std::string& name, const std::string& address,
+                                           const HostSettings& settings)
+{
+    Identity id = readIdentity(slot, Link::Ble);
+    id.bleName = name;
+    id.bleAddress = address;
+    return std::unique_ptr<Unit>(new Unit(std::move(id), settings));
+}
+
 Status Unit::open(const OpenRequest& request, std::unique_ptr<Unit>& out, const HostSettings& settings)
 {
     out.reset();
@@ -89,10 +98,7 @@ Status Unit::open(const OpenRequest& request, std::unique_ptr<Unit>& out, const 
     int slot = -1;
     Status connected = connectBluetooth(match.bleName, match.bleAddress, slot);
     if (!connected.ok()) return connected;
-    Identity id = readIdentity(slot, Link::Ble);
-    id.bleName = match.bleName;
-    id.bleAddress = match.bleAddress;
-    out.reset(new Unit(std::move(id), settings));
+    out = adoptBluetooth(slot, match.bleName, match.bleAddress, settings);
     return {};
 }
 

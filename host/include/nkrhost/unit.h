@@ -36,6 +36,10 @@ public:
                        const HostSettings& settings = HostSettings());
     // A slot this program has opened or connected itself.
     static std::unique_ptr<Unit> adopt(int slot, Link link, const HostSettings& settings = HostSettings());
+    // A Bluetooth unit this program connected (connectBluetooth), with the
+    // name and address it was found under (used to reconnect).
+    static std::unique_ptr<Unit> adoptBluetooth(int slot, const std::string& name, const std::string& address,
+                                                const HostSettings& settings = HostSettings());
 
     ~Unit();  // closes the unit unless keepOpen() was called
     Unit(const Unit&) = delete;
