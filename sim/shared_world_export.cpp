@@ -10,17 +10,20 @@
 
 #include "simulator_launch.h"
 
-extern "C" __attribute__((visibility("default"))) int nkr_sim_enter_shared_world(int realHome, char* message,
-                                                                                  size_t size)
+// share: 1 joins the world every simulated program shares (NKR_SIM_STATE),
+// 0 keeps a world of this process's own. realHome: 1 keeps HOME as it is.
+extern "C" __attribute__((visibility("default"))) int nkr_sim_enter_world(int share, int realHome, char* message,
+                                                                           size_t size)
 {
     std::string error;
     try {
         Dl_info self{};
-        if (dladdr(reinterpret_cast<void*>(&nkr_sim_enter_shared_world), &self) == 0 || self.dli_fname == nullptr) {
+        if (dladdr(reinterpret_cast<void*>(&nkr_sim_enter_world), &self) == 0 || self.dli_fname == nullptr) {
             error = "cannot tell where the simulator library is";
         } else {
             nkrsim::launch::Options options;
             options.realHome = realHome != 0;
+            options.shareWorld = share != 0;
             error = nkrsim::launch::prepareEnvironment(options, self.dli_fname);
         }
     } catch (...) {
@@ -32,4 +35,10 @@ extern "C" __attribute__((visibility("default"))) int nkr_sim_enter_shared_world
         message[n] = '\0';
     }
     return error.empty() ? 1 : 0;
+}
+
+extern "C" __attribute__((visibility("default"))) int nkr_sim_enter_shared_world(int realHome, char* message,
+                                                                                  size_t size)
+{
+    return nkr_sim_enter_world(1, realHome, message, size);
 }

@@ -7,13 +7,14 @@ at a fixed interval, until Ctrl-C (or --count readings).
 import argparse
 import csv
 import datetime
-import os
 import sys
 import time
 
 import nkr
 
-parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+# The whole first paragraph, not a line cut mid-sentence.
+parser = argparse.ArgumentParser(description=__doc__.split("\n\n")[0],
+                                 formatter_class=argparse.RawDescriptionHelpFormatter)
 parser.add_argument("--simulate", action="store_true", help="run against simulated units")
 parser.add_argument("--unit", default="0", help="slot id, serial number or alias (default 0)")
 parser.add_argument("--interval", type=float, default=60, help="seconds between readings (60)")
@@ -23,7 +24,9 @@ if args.interval <= 0 or args.count < 0:
     parser.error("--interval must be positive and --count 0 or more")
 
 if args.simulate:
-    nkr.simulate(state_dir=os.path.expanduser("~/.local/state/nkr-sim"))
+    # The simulated units every simulated front-end shares (nkr --simulate
+    # sees the same), with their settings apart from yours.
+    nkr.simulate()
 
 unit = int(args.unit) if args.unit.isdigit() else args.unit
 writer = csv.writer(sys.stdout)
@@ -45,3 +48,5 @@ try:
                 time.sleep(max(0.0, next_reading - time.monotonic()))
 except KeyboardInterrupt:
     pass
+except (nkr.NKRError, nkr.LibraryNotFoundError) as error:
+    sys.exit(f"temperature_logger.py: {error}\n(no focuser connected? add --simulate to try it on simulated units)")

@@ -60,6 +60,14 @@ NKR_HOST_API int nkr_host_error_kind(int code);
 /* "bad argument", "not supported", ... (static text). */
 NKR_HOST_API const char* nkr_host_kind_name(int kind);
 
+/* ---- Names and numbers --------------------------------------------------------- */
+
+/* The 8 serial bytes as 16 upper-case hex digits (out: 17 bytes or more). */
+NKR_HOST_API void nkr_host_serial_text(const unsigned char serial[8], char* out, size_t size);
+/* The alias inside a unit name such as "NKR(scope1)" ("" for "NKR"); reads
+ * at most capacity bytes of name. */
+NKR_HOST_API void nkr_host_alias_of(const char* name, size_t capacity, char* out, size_t size);
+
 /* ---- Units ----------------------------------------------------------------- */
 
 typedef struct nkr_host_unit nkr_host_unit;
@@ -78,14 +86,21 @@ NKR_HOST_API nkr_host_unit* nkr_host_adopt(int slot, int ble);
 /* Frees the unit; close: 1 closes it (USB: saves its position) or
  * disconnects it, 0 leaves it open. */
 NKR_HOST_API void nkr_host_free(nkr_host_unit* unit, int close);
+/* Reads the unit's identity again (after an alias change, a reconnect). */
+NKR_HOST_API void nkr_host_refresh(nkr_host_unit* unit);
+/* One try to get a unit that went away back (the same serial number, or
+ * Bluetooth address); 0 when it is back, with a new slot id. */
+NKR_HOST_API int nkr_host_reconnect(nkr_host_unit* unit, char* message, size_t size);
 /* SDK slot id of the unit (it changes when a gone unit is reconnected). */
 NKR_HOST_API int nkr_host_slot(const nkr_host_unit* unit);
 /* The unit's identity as a JSON object: slot, link ("usb"/"ble"), key,
  * label, display_name, serial, alias, name, model, firmware, step_range,
  * ble_name, ble_address (null where the unit cannot say). */
 NKR_HOST_API int nkr_host_identity_json(nkr_host_unit* unit, char* json, size_t size);
-/* Every unit in reach as a JSON array of {link, slot, serial, alias,
- * model, ble_name, ble_address}; ble_scan_ms > 0 adds a Bluetooth scan. */
+/* Every unit in reach as a JSON array of {link, slot, name, serial, alias,
+ * model, firmware, ble_name, ble_address}: USB units identified (each is
+ * opened, and left open), and with ble_scan_ms > 0 the Bluetooth units a
+ * scan of that long finds. */
 NKR_HOST_API int nkr_host_inventory_json(int ble_scan_ms, char* json, size_t size);
 
 /* ---- The user's limits and motion --------------------------------------------- */

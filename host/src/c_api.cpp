@@ -163,6 +163,36 @@ void nkr_host_free(nkr_host_unit* unit, int close)
     }
 }
 
+void nkr_host_serial_text(const unsigned char serial[8], char* out, size_t size)
+{
+    if (serial == nullptr) return writeText("", out, size);
+    writeText(serialText(serial), out, size);
+}
+
+void nkr_host_alias_of(const char* name, size_t capacity, char* out, size_t size)
+{
+    try {
+        writeText(aliasFromName(name, capacity), out, size);
+    } catch (...) {
+        writeText("", out, size);
+    }
+}
+
+void nkr_host_refresh(nkr_host_unit* unit)
+{
+    if (unit == nullptr) return;
+    try {
+        unit->unit->refreshIdentity();
+    } catch (...) {
+    }
+}
+
+int nkr_host_reconnect(nkr_host_unit* unit, char* message, size_t size)
+{
+    if (unit == nullptr) return nullUnit(message, size);
+    return guarded(message, size, [&] { return answer(unit->unit->reconnect(), message, size); });
+}
+
 int nkr_host_slot(const nkr_host_unit* unit) { return unit != nullptr ? unit->unit->slot() : -1; }
 
 int nkr_host_identity_json(nkr_host_unit* unit, char* out, size_t size)
@@ -192,16 +222,35 @@ int nkr_host_identity_json(nkr_host_unit* unit, char* out, size_t size)
 int nkr_host_inventory_json(int ble_scan_ms, char* out, size_t size)
 {
     try {
-        Inventory inv = takeInventory(ble_scan_ms > 0, ble_scan_ms);
         json list = json::array();
-        for (const SeenUnit& u : inv.units)
-            list.push_back({{"link", u.link == Link::Ble ? "ble" : "usb"},
-                            {"slot", u.slot},
-                            {"serial", orNull(u.serial)},
-                            {"alias", orNull(u.alias)},
-                            {"model", orNull(u.model)},
-                            {"ble_name", orNull(u.bleName)},
-                            {"ble_address", orNull(u.bleAddress)}});
+        for (int slot : scanUsbSlots()) {
+            // A unit that cannot be opened (permissions, just unplugged) is listed all the same.
+            const int rc = NKROpen(slot);
+            if (rc != NKR_SUCCESS) {
+                list.push_back({{"link", "usb"}, {"slot", slot}, {"name", nullptr}, {"serial", nullptr},
+                                {"alias", nullptr}, {"model", nullptr}, {"firmware", nullptr}, {"ble_name", nullptr},
+                                {"ble_address", nullptr}, {"error", formatError(rc)}});
+                continue;
+            }
+            const Identity id = readIdentity(slot, Link::Usb);
+            list.push_back({{"link", "usb"},
+                            {"slot", id.slot},
+                            {"name", orNull(id.name)},
+                            {"serial", orNull(id.serial)},
+                            {"alias", orNull(id.alias)},
+                            {"model", orNull(id.model)},
+                            {"firmware", id.firmware.code == NKR_SUCCESS ? json(id.firmware.text()) : json(nullptr)},
+                            {"ble_name", nullptr},
+                            {"ble_address", nullptr}});
+        }
+        if (ble_scan_ms > 0) {
+            std::vector<SeenUnit> found;
+            if (scanBluetooth(found, ble_scan_ms).ok())
+                for (const SeenUnit& u : found)
+                    list.push_back({{"link", "ble"}, {"slot", nullptr}, {"name", u.bleName}, {"serial", nullptr},
+                                    {"alias", nullptr}, {"model", nullptr}, {"firmware", nullptr},
+                                    {"ble_name", u.bleName}, {"ble_address", u.bleAddress}});
+        }
         return writeJson(list, out, size);
     } catch (...) {
         return -1;
@@ -272,6 +321,7 @@ int nkr_host_follow_poll(nkr_host_follower* f, int* position, int* moving, int* 
         if (moving != nullptr) *moving = p.moving ? 1 : 0;
         if (percent != nullptr) *percent = p.percent;
         if (!result) return 0;
+        if (position != nullptr) *position = result->position;
         if (end != nullptr) *end = static_cast<int>(result->end);
         const Status& why = !result->status.ok() ? result->status : result->stop;
         if (code != nullptr) *code = why.code;

@@ -51,6 +51,7 @@ std::optional<FollowResult> PlannedMove::poll(Clock::time_point now)
 {
     if (!m_follower) return std::nullopt;
     auto end = m_follower->poll(now);
+    m_last = m_follower->progress();
     if (!end) return std::nullopt;
     if (end->end == MoveEnd::Gone) m_unit.noteResult(end->status.code == 0 ? NKR_ERROR_REMOVED : end->status.code);
     if (end->end != MoveEnd::Reached || m_leg + 1 >= m_legs.size()) {
@@ -80,13 +81,14 @@ FollowResult PlannedMove::interrupt()
         return r;
     }
     FollowResult r = m_follower->interrupt();
+    m_last = m_follower->progress();
     m_follower.reset();
     return r;
 }
 
 MoveProgress PlannedMove::progress() const
 {
-    MoveProgress p = m_follower ? m_follower->progress() : MoveProgress{};
+    MoveProgress p = m_follower ? m_follower->progress() : m_last;
     // Progress is reported for the whole move, from its start to its target.
     p.start = m_start;
     p.target = target();

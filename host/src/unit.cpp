@@ -57,11 +57,13 @@ Status Unit::open(const OpenRequest& request, std::unique_ptr<Unit>& out, const 
     // its saved position); they are identified only to say what was seen.
     if (!request.bluetoothOnly && isSlotName(wanted)) {
         const int slot = std::stoi(wanted);
-        for (int s : scanUsbSlots())
-            if (s == slot && NKROpen(slot) == NKR_SUCCESS) {
-                out = adopt(slot, Link::Usb, settings);
-                return {};
-            }
+        for (int s : scanUsbSlots()) {
+            if (s != slot) continue;
+            const int rc = NKROpen(slot);
+            if (rc != NKR_SUCCESS) return Status::fromSdk(rc, "opening USB unit " + wanted);
+            out = adopt(slot, Link::Usb, settings);
+            return {};
+        }
     }
     std::vector<SeenUnit> seen;
     if (!request.bluetoothOnly)

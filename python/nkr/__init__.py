@@ -19,9 +19,10 @@ before the SDK is called.
 from __future__ import annotations
 
 from ctypes import byref, c_int
+from typing import Any
 
-from . import _library, _registry, ble
-from ._types import AllInfo, Battery, BleUnit, Control, FirmwareVersion, UnitInfo
+from . import _host, _library, _registry, ble
+from ._types import AllInfo, Approach, Battery, BleUnit, Control, FirmwareVersion, Fit, TempComp, UnitInfo
 from .errors import *  # noqa: F401,F403  (every error class is part of the package's surface)
 from .errors import __all__ as _error_names
 from .focuser import Focuser
@@ -30,47 +31,73 @@ from .simulation import simulate, simulated
 __version__ = "1.7.7"
 
 __all__ = [
-    "AllInfo", "Battery", "BleUnit", "Control", "FirmwareVersion", "Focuser", "UnitInfo",
-    "ble", "is_focuser", "library_path", "open", "product_id", "sdk_version", "simulate",
-    "simulated", "units", *_error_names,
+    "AllInfo", "Approach", "Battery", "BleUnit", "Control", "FirmwareVersion", "Fit", "Focuser", "TempComp",
+    "UnitInfo", "ble", "fit_temp_coefficient", "is_focuser", "library_path", "open", "product_id",
+    "sdk_version", "simulate", "simulated", "units", *_error_names,
 ]
 
 
 def units(ble_seconds: float | None = None) -> list[UnitInfo]:
     """Lists the units present: id, name, alias, serial, firmware, model, link.
 
-    USB units are scanned, and each one that this process has not open is
-    opened briefly to read its identity and closed again (like every close,
-    that writes the SDK's saved record in ``$HOME/.HTX``). With ble_seconds,
+    USB units are identified (each one is opened to be read, and left open:
+    closing would stop a move another program runs). With ble_seconds,
     Bluetooth units in range are scanned for that long and listed too, with
     id None (connect one with ``nkr.ble.connect(name)``) and their address.
     """
-    listed: list[UnitInfo] = []
-    with _registry._scan_lock:
-        for slot in _registry.scan_usb():
-            listed.append(_registry.describe_usb(slot))
-    if ble_seconds is not None:
-        for found in ble.scan(ble_seconds):
-            listed.append(UnitInfo(id=None, name=found.name, alias="", serial=None, firmware=None,
-                                   model=None, link="ble", address=found.address))
-    return listed
+    return _registry.inventory(ble_seconds)
 
 
 def open(unit: int | str = 0) -> Focuser:  # noqa: A001  (nkr.open reads like the builtin on purpose)
-    """Opens a USB unit and returns it as a Focuser (a context manager).
+    """Opens a unit and returns it as a Focuser (a context manager).
 
     Args:
-        unit: the slot id from ``units()``, or the unit's serial number
-            (16 hex digits; case and separators ignored) or alias.
+        unit: the slot id from ``units()``, the unit's serial number (16 hex
+            digits; case and separators ignored), its alias, or a Bluetooth
+            unit's name, address or the unique beginning of its name (then it
+            is found by a scan, connected and paired). The same naming rule as
+            every front-end.
 
     Raises:
-        InvalidIdError: no unit with that slot id.
+        UnitNotFoundError: no unit answers to the name (the message lists what
+            was seen); UnitAmbiguousError: several do.
         RemovedError: the unit is listed but could not be opened (permissions,
             unplugged).
-        UnitNotFoundError: no unit with that serial number or alias.
         RuntimeError: this process has that unit open already.
     """
     return _registry.open_unit(unit)
+
+
+def fit_temp_coefficient(rows: Any) -> Fit:
+    """Fits the temperature coefficient (steps per degree C) to focus runs,
+    with a fit that wild runs do not drag (they are rejected).
+
+    Args:
+        rows: an iterable of (temperature_c, position) pairs, or of mappings
+            with the keys ``temperature_c`` and ``position`` (the rows of a CSV
+            file written by ``examples/python/temperature_logger.py`` read with
+            ``csv.DictReader``).
+    """
+    import ctypes
+    temperatures: list[float] = []
+    positions: list[float] = []
+    for row in rows:
+        if isinstance(row, dict):
+            temperatures.append(float(row["temperature_c"]))
+            positions.append(float(row["position"]))
+        else:
+            t, p = row
+            temperatures.append(float(t))
+            positions.append(float(p))
+    n = len(temperatures)
+    ts = (ctypes.c_double * max(n, 1))(*temperatures)
+    ps = (ctypes.c_double * max(n, 1))(*positions)
+    kept = (ctypes.c_ubyte * max(n, 1))()
+    coefficient, r2 = ctypes.c_double(), ctypes.c_double()
+    used, rejected = ctypes.c_int(), ctypes.c_int()
+    _host.call("nkr_host_fit_temperature", ts, ps, n, ctypes.byref(coefficient), ctypes.byref(r2),
+               ctypes.byref(used), ctypes.byref(rejected), kept)
+    return Fit(coefficient.value, r2.value, used.value, rejected.value, tuple(bool(k) for k in kept[:n]))
 
 
 def sdk_version() -> str:

@@ -5,9 +5,9 @@ import ctypes
 import time
 from typing import TYPE_CHECKING
 
-from . import _checks, _library, _registry, ble
+from . import _checks, _library
 from ._records import BLE_BLOCK_BYTES, HID_BLOCK_BYTES, NKR_BLE_FILE_BUF, NKR_HID_FILE_BUF
-from ._types import BleUnit, FirmwareVersion
+from ._types import FirmwareVersion
 from .errors import NKRError, check
 
 if TYPE_CHECKING:
@@ -71,28 +71,12 @@ def update(focuser: Focuser, image: bytes | bytearray | memoryview, progress: Pr
 
 
 def _reopen(focuser: Focuser, wait: float) -> None:
-    """Closes the unit and opens it again while it restarts, retrying until wait seconds pass."""
-    focuser.close()
+    """Gets the same unit back while it restarts (the host layer finds it by
+    serial number or Bluetooth address), retrying until wait seconds pass."""
     deadline = time.monotonic() + wait
     while True:
         try:
-            if focuser.link == "ble":
-                assert focuser._ble_name is not None and focuser._ble_address is not None
-                unit_id = ble.connect_unit(BleUnit(focuser._ble_name, focuser._ble_address))
-                focuser._replace_session(unit_id)
-                try:
-                    focuser.pair()
-                except NKRError:
-                    _registry.forget(focuser)
-                    focuser._open = False
-                    library = _library.load()
-                    library.NKRBLEDisconnect(unit_id)
-                    raise
-            else:
-                with _registry._scan_lock:
-                    _registry.scan_usb()
-                    check(_library.load().NKROpen(focuser.id), "NKROpen")
-                    focuser._replace_session(focuser.id)
+            focuser._reconnect()
             return
         except NKRError:
             if time.monotonic() >= deadline:

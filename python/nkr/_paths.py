@@ -4,3 +4,4 @@ from __future__ import annotations
 
 LIBRARY: str | None = None
 SIM_LIBRARY: str | None = None
+HOST_LIBRARY: str | None = None

@@ -78,6 +78,32 @@ class AllInfo:
     battery: Battery
 
 
+class TempComp(NamedTuple):
+    """Temperature compensation settings of a unit (``Focuser.temp_comp``)."""
+
+    enabled: bool
+    coefficient: float  # steps per degree Celsius, signed
+    deadband: float     # degrees Celsius
+
+
+class Approach(NamedTuple):
+    """Final approach of a unit (``Focuser.approach``)."""
+
+    enabled: bool
+    direction: int  # +1: every move ends moving outward; -1: inward
+    overshoot: int  # steps past the target before coming back
+
+
+class Fit(NamedTuple):
+    """The temperature coefficient fitted to focus runs (``nkr.fit_temp_coefficient``)."""
+
+    coefficient: float  # steps per degree Celsius
+    r2: float
+    used: int
+    rejected: int
+    kept: tuple[bool, ...]  # per row: used (True) or rejected
+
+
 @dataclass(frozen=True)
 class BleUnit:
     """A Bluetooth unit found by ``nkr.ble.scan()``."""

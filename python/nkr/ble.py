@@ -13,10 +13,10 @@ from __future__ import annotations
 
 from ctypes import byref, c_int
 
-from . import _checks, _library, _registry
+from . import _checks, _host, _library, _registry
 from ._records import BLE_DEVICE_INFO, text_of
 from ._types import BleUnit
-from .errors import NKRError, UnitNotFoundError, check
+from .errors import UnitNotFoundError, check
 from .focuser import Focuser
 
 # The Bluetooth helper takes the scan time in milliseconds.
@@ -26,7 +26,7 @@ _SCAN_CAPACITY = 32
 __all__ = ["BleUnit", "scan", "connect"]
 
 
-def scan(seconds: float = 3.0) -> list[BleUnit]:
+def scan(seconds: float = 4.0) -> list[BleUnit]:
     """Scans for Bluetooth units for about ``seconds`` (0.001..60).
 
     Raises:
@@ -45,46 +45,38 @@ def scan(seconds: float = 3.0) -> list[BleUnit]:
             for k in range(min(count.value, _SCAN_CAPACITY))]
 
 
-def connect(name: str, *, pair: bool = True, scan_seconds: float = 3.0) -> Focuser:
+def connect(name: str, *, pair: bool = True, scan_seconds: float = 4.0) -> Focuser:
     """Connects a Bluetooth unit and returns it as a Focuser.
 
     Args:
-        name: the unit's advertised name (e.g. "NKR Pro_A1B2") or its address
-            (case ignored), as ``scan()`` lists them.
+        name: the unit's advertised name (e.g. "NKR Pro_A1B2"), the unique
+            beginning of one ("NKR Pro" when only one unit's name starts so),
+            or its address (case ignored): the naming rule of every front-end.
         pair: pair with this computer after connecting (needed on first use).
             When pairing fails the unit is disconnected and BlePairError or
-            BlePairRefusedError raised.
+            BlePairRefusedError raised. Without pairing only an exact name or
+            address is taken.
         scan_seconds: how long to scan for the unit first.
 
     Raises:
-        UnitNotFoundError: no unit of that name or address in range.
+        UnitNotFoundError: no unit of that name or address in range (the
+            message lists what was seen); UnitAmbiguousError: several.
         BleConnectError: the connection could not be made.
     """
     wanted = _checks.ascii_text("name", name, 63, allow_empty=False).decode("ascii")
     pair = _checks.flag("pair", pair)
-    units = scan(scan_seconds)
+    seconds = _checks.seconds("scan_seconds", scan_seconds, allow_none=False)
+    if pair:
+        return _registry.open_named(wanted, 2, seconds)
+    units = scan(seconds or 4.0)
     match = next((u for u in units if u.name == wanted or u.address.lower() == wanted.lower()), None)
     if match is None:
         seen = ", ".join(f"{u.name} [{u.address}]" for u in units) or "none"
-        raise UnitNotFoundError(f"no Bluetooth focuser named {wanted!r} in range (seen: {seen})")
-    unit_id = connect_unit(match)
-    focuser = Focuser(unit_id, "ble", ble_name=match.name, ble_address=match.address)
+        raise UnitNotFoundError("", None, f"no focuser answers to {wanted!r} (seen: {seen})")
+    unit_id = c_int(-1)
+    check(_library.load().NKRBLEConnect(match.name.encode(), match.address.encode(), byref(unit_id)),
+          "NKRBLEConnect")
+    focuser = Focuser(_host.load().nkr_host_adopt(unit_id.value, 1) or 0)
     _registry.remember(focuser)
-    if pair:
-        try:
-            focuser.pair()
-        except NKRError:
-            _registry.forget(focuser)
-            focuser._open = False  # the SDK has disconnected it
-            _library.load().NKRBLEDisconnect(unit_id)  # frees the slot; its result adds nothing
-            raise
     focuser.step_range  # noqa: B018  (cached for the argument checks)
     return focuser
-
-
-def connect_unit(unit: BleUnit) -> int:
-    """NKRBLEConnect for a scanned unit; its new slot id."""
-    unit_id = c_int(-1)
-    check(_library.load().NKRBLEConnect(unit.name.encode(), unit.address.encode(), byref(unit_id)),
-          "NKRBLEConnect")
-    return unit_id.value

@@ -2,23 +2,24 @@
 from __future__ import annotations
 
 import ctypes
+import json
 import threading
 import time
-from ctypes import byref, c_bool, c_float, c_int, c_ubyte
+from ctypes import byref, c_bool, c_float, c_int, c_ubyte, c_void_p
 from types import TracebackType
 from typing import Any, Callable
 
-from . import _checks, _library
+from . import _checks, _host, _library
 from ._records import (ALIAS_BYTES, BLE_NAME_BYTES, BLE_NAME_MAX_CHARS, NKR_ALL_INFO,
                        NKR_BATTERY_INFO, NKR_BLE_NAME, NKR_CONTROL_CAPS, NKR_ERROR_MSG, NKR_ID, NKR_INFO,
                        NKR_SN, NKR_TYPE, text_of)
-from ._types import AllInfo, Battery, Control, FirmwareVersion
-from .errors import MoveTimeoutError, NKRError, check
+from ._types import AllInfo, Approach, Battery, Control, FirmwareVersion, TempComp
+from .errors import MoveTimeoutError, NKRError, NotSupportedError, check, error_for
 
 #: How often wait() asks the unit whether it still moves, in seconds.
 DEFAULT_POLL = 0.05
-# After a timed-out move is stopped: how long to wait for the motor to stand.
-_STOP_SETTLE_SECONDS = 2.0
+# The control list's feature id of the battery block.
+_FEATURE_BATTERY = 4
 
 ProgressCallback = Callable[[int, int], None]
 
@@ -28,11 +29,11 @@ def _call(name: str, *args: Any) -> None:
 
 
 def alias_from_name(name: str) -> str:
-    """The alias inside a property name "NKR(alias)"; "" for a plain "NKR"."""
-    start = name.find("(")
-    if start >= 0 and name.endswith(")"):
-        return name[start + 1:-1]
-    return ""
+    """The alias inside a unit name "NKR(alias)"; "" for a plain "NKR" (the host's reader)."""
+    raw = name.encode("ascii", "replace")
+    out = ctypes.create_string_buffer(64)
+    _host.load().nkr_host_alias_of(raw, len(raw), out, len(out))
+    return out.value.decode("ascii", "replace")
 
 
 def battery_of(record: NKR_BATTERY_INFO) -> Battery:
@@ -59,12 +60,14 @@ class Focuser:
     may be used from several threads).
     """
 
-    def __init__(self, unit_id: int, link: str, ble_name: str | None = None,
-                 ble_address: str | None = None) -> None:
-        self._id = unit_id
-        self._link = link
-        self._ble_name = ble_name
-        self._ble_address = ble_address
+    def __init__(self, handle: int) -> None:
+        # The host layer's hold on the unit: naming, limits, moves, settings.
+        self._handle = c_void_p(handle)
+        identity = json.loads(_host.text("nkr_host_identity_json", self._handle))
+        self._id = int(identity["slot"])
+        self._link = str(identity["link"])
+        self._ble_name = identity.get("ble_name")
+        self._ble_address = identity.get("ble_address")
         self._open = True
         self._close_lock = threading.Lock()
         # Callbacks handed to the SDK must outlive the registration.
@@ -103,10 +106,7 @@ class Focuser:
                 return
             self._open = False
             _registry.forget(self)
-            if self._link == "ble":
-                _call("NKRBLEDisconnect", self._id)
-            else:
-                _call("NKRClose", self._id)
+            _host.load().nkr_host_free(self._handle, 1)
 
     def __enter__(self) -> Focuser:
         return self
@@ -169,7 +169,9 @@ class Focuser:
 
     def move_to(self, position: int, wait: bool = True, timeout: float | None = None,
                 poll: float = DEFAULT_POLL) -> int | None:
-        """Moves to an absolute position (0..step_range).
+        """Moves to an absolute position, within 0..max_step (the user's
+        maximum every front-end keeps), ending from the final-approach side
+        when one is set (see ``approach``).
 
         Args:
             position: target in steps.
@@ -177,51 +179,69 @@ class Focuser:
             timeout: with wait, the longest wait in seconds; when it passes the
                 motor is stopped and MoveTimeoutError raised. None waits as long
                 as the move takes.
-            poll: seconds between the checks whether the motor still moves.
+            poll: seconds between the looks at the motor.
 
         Returns:
             The position reached when waiting, else None.
 
         Raises:
+            BeyondLimitError: the target is outside 0..max_step (never clamped).
             MovingError: a move is already running.
             MoveTimeoutError: the move did not end within timeout.
+            KeyboardInterrupt: Ctrl-C while waiting, after the motor was
+                stopped (if the stop itself fails, the error says so instead).
         """
-        target = self._position_arg("position", position)
+        target = _checks.integer("position", position)
         wait = _checks.flag("wait", wait)
         limit = _checks.seconds("timeout", timeout)
-        interval = _checks.seconds("poll", poll, allow_none=False)
-        _call("NKRMove", self._id, target)
-        if not wait:
-            return None
-        if not self.wait(limit, interval):
-            self.stop()
-            self.wait(_STOP_SETTLE_SECONDS, interval)
+        interval = _checks.seconds("poll", poll, allow_none=False) or DEFAULT_POLL
+        follower = c_void_p()
+        timeout_ms = int(limit * 1000) if limit else 0
+        _host.call("nkr_host_move_planned", self._handle, target, timeout_ms, byref(follower))
+        try:
+            return self._follow(follower, target, interval) if wait else None
+        finally:
+            _host.load().nkr_host_follow_free(follower)
+
+    def _follow(self, follower: c_void_p, target: int, interval: float) -> int:
+        """The host's follow loop, one look at a time, so that Ctrl-C is seen."""
+        host = _host.load()
+        position, moving, percent, end, code = c_int(0), c_int(1), c_int(0), c_int(0), c_int(0)
+        message = ctypes.create_string_buffer(1024)
+        while True:
             try:
-                where: int | None = self.position
-            except NKRError:  # the unit may be gone; the time-out is the news
-                where = None
-            raise MoveTimeoutError(
-                f"the move to {target} did not end within {limit} s; stopped at {where}", where, target)
-        return self.position
+                if host.nkr_host_follow_poll(follower, byref(position), byref(moving), byref(percent), byref(end),
+                                             byref(code), message, len(message)) == 1:
+                    break
+                time.sleep(interval)
+            except KeyboardInterrupt:
+                # The motor is stopped before anything else; a stop that
+                # fails is reported as failed, never passed off as a stop.
+                stopped = host.nkr_host_follow_interrupt(follower, byref(position), message, len(message))
+                if stopped != 0:
+                    raise error_for(stopped, "", message.value.decode("utf-8", "replace") +
+                                    "; the motor may still be moving") from None
+                raise
+        text = message.value.decode("utf-8", "replace")
+        if end.value in (_host.REACHED, _host.STOPPED):
+            return position.value
+        if end.value == _host.TIMED_OUT:
+            raise MoveTimeoutError(text, position.value, target)
+        raise error_for(code.value, "", text or None)
 
     def move_by(self, steps: int, wait: bool = True, timeout: float | None = None,
                 poll: float = DEFAULT_POLL) -> int | None:
         """Moves by a number of steps (negative = inward) from the current
-        position; the result must stay in 0..step_range. Otherwise as move_to."""
+        position; the target must stay in 0..max_step. Otherwise as move_to."""
         delta = _checks.integer("steps", steps)
         _checks.flag("wait", wait)
         _checks.seconds("timeout", timeout)
         _checks.seconds("poll", poll, allow_none=False)
-        here = self.position
-        target = here + delta
-        high = self._range if self._range is not None else self.step_range
-        if not 0 <= target <= high:
-            raise ValueError(f"moving {delta:+d} from {here} leaves the step range 0..{high}")
-        return self.move_to(target, wait=wait, timeout=timeout, poll=poll)
+        return self.move_to(self.position + delta, wait=wait, timeout=timeout, poll=poll)
 
     def stop(self) -> None:
         """Stops the motor."""
-        _call("NKRStop", self._id)
+        _host.call("nkr_host_stop", self._handle)
 
     def wait(self, timeout: float | None = None, poll: float = DEFAULT_POLL) -> bool:
         """Waits until the motor stands.
@@ -244,8 +264,8 @@ class Focuser:
         return True
 
     def sync(self, position: int) -> None:
-        """Declares the current position to be ``position`` without moving."""
-        _call("NKRResetPostion", self._id, self._position_arg("position", position))
+        """Declares the current position to be ``position`` (0..step_range) without moving."""
+        _host.call("nkr_host_sync", self._handle, _checks.integer("position", position))
 
     # ---- motor settings --------------------------------------------------------------------
     @property
@@ -268,12 +288,15 @@ class Focuser:
 
     @property
     def max_step(self) -> int:
-        """The user's maximum position, 0..step_range."""
-        return self._int("NKRGetMaxStep")
+        """The user's maximum position, 0..step_range: every front-end refuses
+        moves beyond it. Kept on the unit and in the host settings."""
+        value = c_int(0)
+        _host.call("nkr_host_maximum", self._handle, byref(value))
+        return value.value
 
     @max_step.setter
     def max_step(self, value: int) -> None:
-        _call("NKRSetMaxStep", self._id, self._position_arg("max_step", value))
+        _host.call("nkr_host_set_maximum", self._handle, _checks.integer("max_step", value))
 
     @property
     def backlash(self) -> int:
@@ -343,7 +366,9 @@ class Focuser:
         """Serial number, 16 upper-case hex digits (NotSupportedError before firmware 3.2.2)."""
         record = NKR_SN()
         _call("NKRGetSerialNumber", self._id, byref(record))
-        return bytes(record.SN).hex().upper()
+        out = ctypes.create_string_buffer(17)
+        _host.load().nkr_host_serial_text(record.SN, out, len(out))
+        return out.value.decode("ascii")
 
     @property
     def model(self) -> str:
@@ -363,13 +388,18 @@ class Focuser:
     @ble_name.setter
     def ble_name(self, value: str) -> None:
         raw = _checks.ascii_text("ble_name", value, BLE_NAME_MAX_CHARS, allow_empty=False)
+        if self._link != "ble":
+            raise NotSupportedError("", None, "the Bluetooth name can be set over Bluetooth only: connect the "
+                                              "unit with nkr.ble.connect(name) (over USB it can only be read)")
         _call("NKRSetBLEName", self._id, NKR_BLE_NAME(raw))
 
     # ---- battery model: status, errors, power ------------------------------------------------
     @property
     def battery(self) -> Battery:
-        """Battery block (battery-powered model); BatteryRangeError when its
-        temperature is out of range."""
+        """Battery block (battery-powered model); NotSupportedError on a unit
+        without a battery, BatteryRangeError when its temperature is out of range."""
+        if not any(c.type == _FEATURE_BATTERY and c.supported for c in self.controls):
+            raise NotSupportedError("", None, "this unit has no battery (its control list offers none)")
         record = NKR_BATTERY_INFO()
         _call("NKRGetBatteryInfo", self._id, byref(record))
         return battery_of(record)
@@ -424,6 +454,9 @@ class Focuser:
     @property
     def all_info(self) -> AllInfo:
         """Status, settings, errors and battery in one request (Bluetooth only)."""
+        if self._link != "ble":
+            raise NotSupportedError("", None, "all_info works over Bluetooth only: connect the unit with "
+                                              "nkr.ble.connect(name); over USB read the properties one by one")
         record = NKR_ALL_INFO()
         _call("NKRBLEgetAllInfo", self._id, byref(record))
         return AllInfo(moving=record.MoveState == 1, backlash=record.Backlash, position=record.Step,
@@ -470,6 +503,69 @@ class Focuser:
         self._callbacks.append(native)
         _call(function, self._id, native)
 
+    # ---- kept by the host programs: the focus model ------------------------------------------
+    def _settings(self) -> dict[str, Any]:
+        return json.loads(_host.text("nkr_host_settings_json", self._handle))
+
+    def _merge(self, patch: dict[str, Any]) -> None:
+        _host.call("nkr_host_settings_merge", self._handle, json.dumps(patch).encode())
+
+    @property
+    def temp_comp(self) -> TempComp:
+        """Temperature compensation of the unit (kept per unit, shared by every
+        front-end): enabled, coefficient (steps per degree C) and dead band
+        (degrees C). While enabled, the one program that holds the unit for it
+        (the Alpaca server, the INDI driver, ``nkr tempcomp --follow``) moves
+        it. Set a TempComp, or a dict of the fields to change."""
+        t = self._settings()["temp_comp"]
+        return TempComp(enabled=bool(t["enabled"]), coefficient=float(t["coefficient"]), deadband=float(t["deadband"]))
+
+    @temp_comp.setter
+    def temp_comp(self, value: TempComp | dict[str, Any]) -> None:
+        fields = value._asdict() if isinstance(value, TempComp) else dict(value)
+        self._merge({"temp_comp": fields})
+
+    @property
+    def step_size(self) -> float | None:
+        """Microns per step, as set for the unit (None until set)."""
+        size = self._settings()["step_size_um"]
+        return None if size is None else float(size)
+
+    @step_size.setter
+    def step_size(self, microns: float | None) -> None:
+        self._merge({"step_size_um": microns})
+
+    @property
+    def approach(self) -> Approach:
+        """Final approach: every move ends coming from one side (direction +1
+        outward, -1 inward), past the target by ``overshoot`` steps and back."""
+        a = self._settings()["approach"]
+        return Approach(enabled=bool(a["enabled"]), direction=int(a["direction"]), overshoot=int(a["overshoot"]))
+
+    @approach.setter
+    def approach(self, value: Approach | dict[str, Any]) -> None:
+        fields = value._asdict() if isinstance(value, Approach) else dict(value)
+        self._merge({"approach": fields})
+
+    @property
+    def positions(self) -> dict[str, int]:
+        """Named positions of the unit, shared with every front-end."""
+        return {str(k): int(v) for k, v in self._settings()["positions"].items()}
+
+    def add_position(self, name: str, position: int | None = None) -> None:
+        """Saves a name for a position (the current one when None), within 0..max_step."""
+        where = self.position if position is None else _checks.integer("position", position)
+        _host.call("nkr_host_save_position", self._handle, str(name).encode(), where)
+
+    def remove_position(self, name: str) -> None:
+        _host.call("nkr_host_remove_position", self._handle, str(name).encode())
+
+    def goto(self, name: str, wait: bool = True, timeout: float | None = None) -> int | None:
+        """Moves to a named position (as move_to)."""
+        where = c_int(0)
+        _host.call("nkr_host_named_position", self._handle, str(name).encode(), byref(where))
+        return self.move_to(where.value, wait=wait, timeout=timeout)
+
     # ---- firmware -------------------------------------------------------------------------------
     def update_firmware(self, image: bytes | bytearray | memoryview,
                         progress: ProgressCallback | None = None, reopen: bool = True,
@@ -495,10 +591,13 @@ class Focuser:
         from . import _firmware
         return _firmware.update(self, image, progress, reopen, restart_timeout)
 
-    def _replace_session(self, unit_id: int) -> None:
-        """After a reopen: the same unit under a (possibly) new id."""
+    def _reconnect(self) -> None:
+        """One try to get the same unit back (after it restarted or went away);
+        raises while it is not back. The slot id may change."""
         from . import _registry
-        self._id = unit_id
+        _host.call("nkr_host_reconnect", self._handle)
+        _registry.forget(self)
+        self._id = _host.load().nkr_host_slot(self._handle)
         self._open = True
         self._range = None
         _registry.remember(self)

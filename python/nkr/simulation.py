@@ -62,7 +62,30 @@ def check_units(units: str) -> None:
                 "(link usb, ble or both; fw three digits, e.g. 'usb:382:E:NKRN')")
 
 
-def simulate(units: str | None = None, *, state_dir: str | os.PathLike[str] | None = None,
+# What the simulator sets for a shared world, mirrored into os.environ.
+_SHARED_VARIABLES = ("NKR_BLE_HELPER", "NKR_SIM_STATE", "NKR_SIM_HOME", "HOME", "XDG_CONFIG_HOME")
+
+
+def _enter_world(loaded: ctypes.CDLL, shared: bool, real_home: bool) -> None:
+    enter = getattr(loaded, "nkr_sim_enter_world", None)
+    if enter is None:
+        raise SimulationError("this simulator library cannot share its world (too old); rebuild it")
+    enter.argtypes = [ctypes.c_int, ctypes.c_int, ctypes.c_char_p, ctypes.c_size_t]
+    enter.restype = ctypes.c_int
+    message = ctypes.create_string_buffer(512)
+    if enter(1 if shared else 0, 1 if real_home else 0, message, len(message)) != 1:
+        raise SimulationError(message.value.decode("utf-8", "replace"))
+    libc = ctypes.CDLL(None)
+    libc.getenv.restype = ctypes.c_char_p
+    libc.getenv.argtypes = [ctypes.c_char_p]
+    for name in _SHARED_VARIABLES:
+        value = libc.getenv(name.encode())
+        if value is not None:
+            os.environ[name] = value.decode("utf-8", "surrogateescape")
+
+
+def simulate(units: str | None = None, *, real_home: bool = False, shared: bool = True,
+             state_dir: str | os.PathLike[str] | None = None,
              library: str | os.PathLike[str] | None = None) -> str:
     """Runs this process against simulated focusers instead of hardware.
 
@@ -76,12 +99,15 @@ def simulate(units: str | None = None, *, state_dir: str | os.PathLike[str] | No
             ``"usb:335,ble:382:E:NKR Pro"``. None keeps ``NKR_SIM_UNITS`` or the
             simulator's default set (two USB units and the Bluetooth unit
             ``NKR Pro_A1B2``).
-        state_dir: the SDK saves the last position and settings of every unit
-            in ``$HOME/.HTX/NKRconfig.xml``, one record shared by all units of
-            the account, real or simulated. Give a folder here to keep the
-            simulated units' record apart from your real one: it becomes HOME
-            for this whole process (created when missing). None leaves HOME as
-            it is.
+        real_home: keep your HOME and settings folders, so the simulated units
+            use your own settings files. By default HOME and XDG_CONFIG_HOME
+            become the simulator's private folder (``$XDG_STATE_HOME/nkr-sim``),
+            as with ``nkr --simulate``.
+        shared: join the one simulated world every simulated front-end shares
+            (``nkr --simulate``, ``nkr-alpaca --simulate``, the INDI driver with
+            NKR_SIMULATE=1): a move started by one is seen by the others. False
+            gives this process a world of its own (as tests want).
+        state_dir: the private folder to use instead of ``$XDG_STATE_HOME/nkr-sim``.
         library: path of the simulator library; by default NKR_SIM_LIBRARY,
             the installed simulator or the one beside the SDK library.
 
@@ -138,7 +164,8 @@ def simulate(units: str | None = None, *, state_dir: str | os.PathLike[str] | No
         if state_dir is not None:
             home = Path(state_dir).expanduser()
             home.mkdir(parents=True, exist_ok=True)
-            os.environ["HOME"] = str(home.resolve())
+            os.environ["NKR_SIM_HOME"] = str(home.resolve())
+        _enter_world(loaded, shared, real_home)
         _simulator = loaded
         _simulator_path = path
         _units = units if units is not None else os.environ.get("NKR_SIM_UNITS")
@@ -151,6 +178,6 @@ def simulated() -> bool:
 
 
 def simulate_from_environment() -> None:
-    """NKR_SIMULATE=1 in the environment: simulate() at import, with NKR_SIM_UNITS."""
-    if os.environ.get("NKR_SIMULATE") == "1" and not simulated():
+    """NKR_SIMULATE=1 (or true, yes) in the environment: simulate() at import, with NKR_SIM_UNITS."""
+    if os.environ.get("NKR_SIMULATE", "").lower() in ("1", "true", "yes") and not simulated():
         simulate()

@@ -17,8 +17,9 @@ from pathlib import Path
 _home = tempfile.mkdtemp(prefix="nkr-pytest-home-")
 atexit.register(shutil.rmtree, _home, ignore_errors=True)
 os.environ["HOME"] = _home
-for _xdg in ("XDG_CONFIG_HOME", "XDG_DATA_HOME", "XDG_STATE_HOME", "XDG_CACHE_HOME"):
+for _xdg in ("XDG_CONFIG_HOME", "XDG_DATA_HOME", "XDG_STATE_HOME", "XDG_CACHE_HOME", "XDG_RUNTIME_DIR"):
     os.environ[_xdg] = os.path.join(_home, _xdg.lower())
+os.makedirs(os.environ["XDG_RUNTIME_DIR"], mode=0o700)
 os.environ.pop("NKR_SIMULATE", None)
 
 sys.path.insert(0, str(Path(__file__).resolve().parents[1]))
@@ -34,12 +35,14 @@ SIM_UNITS = "usb:335,usb:382:E:NKRN,usb:382:E:NKRN,usb:382:E:NKRN,ble:382:E:NKR 
 OLD_UNIT, UNIT, OTHER_UNIT, UPDATE_UNIT = 0, 1, 2, 3
 BLE_NAME = "NKR Pro_A1B2"
 
-nkr.simulate(units=SIM_UNITS)
+# A world of this test process's own; HOME becomes the simulator's private
+# folder inside the temporary one.
+nkr.simulate(units=SIM_UNITS, shared=False)
 
 
 @pytest.fixture
 def home() -> Path:
-    return Path(_home)
+    return Path(os.environ["HOME"])
 
 
 @pytest.fixture
@@ -50,11 +53,11 @@ def focuser():
         yield unit
 
 
-def saved_record(home: Path) -> dict[str, int]:
-    """The SDK's saved record ($HOME/.HTX/NKRconfig.xml): value name -> number."""
+def saved_record(home: Path, serial: str) -> dict[str, int]:
+    """A unit's saved record in $HOME/.HTX/NKRconfig.xml (one per unit): value name -> number."""
     import xml.etree.ElementTree as ElementTree
     root = ElementTree.parse(home / ".HTX" / "NKRconfig.xml").getroot()
-    record = root.find("HTX_Drevomat")
+    record = root.find(f"HTX_Drevomat_units/SN{serial}")
     assert record is not None
     return {child.tag: int.from_bytes(bytes.fromhex(child.text or ""), "little", signed=True)
             for child in record}

@@ -68,7 +68,7 @@ def test_events_arrive_through_the_callbacks(pro):
     control("ble_drop_connection")(SIM_BLE_UNIT)
     control("ble_flush_callbacks")()
     assert dropped.wait(10) and links == [False]
-    with pytest.raises(nkr.CommunicationError):
+    with pytest.raises(nkr.UnitUnavailableError):  # the link is down
         pro.position
 
 

@@ -27,16 +27,12 @@ def run_example(name: str, *args: str) -> subprocess.CompletedProcess[str]:
     return done
 
 
-@pytest.fixture
-def sim_state(home: Path) -> Path:
-    return home / ".local" / "state" / "nkr-sim"
-
-
-def test_minimal_move_goes_out_and_back(sim_state):
+def test_minimal_move_goes_out_and_back(home):
     lines = run_example("minimal_move.py").stdout.splitlines()
     start = int(lines[0].split(" at ")[1].split(",")[0])
     assert lines[1] == f"moved to {start + 500}" and lines[2] == f"back at {start}"
-    assert saved_record(sim_state)["Position"] == start  # --simulate kept the record apart
+    # --simulate keeps the record in the simulator's own folder, the unit's own record.
+    assert saved_record(home, "123456789ABCDEF0")["Position"] == start
 
 
 def test_focus_sweep_writes_csv_and_returns_to_start(tmp_path):
@@ -79,3 +75,4 @@ def test_readme_python_example_runs_as_written(tmp_path):
     lines = done.stdout.splitlines()
     assert lines[0].startswith("0 NKR") and lines[0].endswith(" usb") and len(lines) == 3
     assert lines[-1].startswith("at ") and lines[-1].endswith(" steps, 25.0 °C")
+

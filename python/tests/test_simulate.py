@@ -37,7 +37,7 @@ def test_state_dir_keeps_the_saved_record_apart(tmp_path):
                "with nkr.open(0) as f:\n"
                "    f.move_to(30100, timeout=30)\n")
     assert done.returncode == 0, done.stderr
-    assert saved_record(state)["Position"] == 30100
+    assert saved_record(state, "123456789ABCDEF0")["Position"] == 30100
 
 
 def test_simulate_after_the_sdk_is_loaded_is_refused():

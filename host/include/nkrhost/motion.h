@@ -48,6 +48,7 @@ private:
     std::size_t m_leg = 0;
     int m_start = 0;
     std::unique_ptr<MoveFollower> m_follower;
+    MoveProgress m_last;  // the latest look, kept once the move has ended
 };
 
 }  // namespace nkrhost
