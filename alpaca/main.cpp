@@ -12,7 +12,8 @@
 #include "src/discovery.h"
 #include "src/focuser_members.h"
 #include "src/log.h"
-#include "simulator_launch.h"
+#include "nkrhost/settings.h"
+#include "nkrhost/simulation.h"
 
 int main(int argc, char** argv)
 {
@@ -37,23 +38,18 @@ int main(int argc, char** argv)
     }, "print the version");
     CLI11_PARSE(app, argc, argv);
 
-    if (simulate || nkrsim::launch::requestedByEnvironment()) {
-        if (!nkrsim::launch::active()) {
-            // The simulated units' device numbers stay apart from the real
-            // ones unless the user chose a config folder.
-            const char* home = std::getenv("HOME");
-            if (std::getenv("XDG_CONFIG_HOME") == nullptr && home != nullptr)
-                setenv("XDG_CONFIG_HOME", (std::string(home) + "/.config/nkr-alpaca-sim").c_str(), 1);
-            std::string error = nkrsim::launch::restart({}, argv);
-            std::fprintf(stderr, "nkr-alpaca: %s\n", error.c_str());
-            return 1;
+    {
+        // With --simulate the server starts itself again in the one simulated
+        // world every front-end shares (settings and device numbers apart
+        // from the real ones).
+        const nkrhost::Status entered =
+            nkrhost::enterSimulation({simulate || nkrhost::simulationRequestedByEnvironment(), false}, argv);
+        if (!entered.ok()) {
+            std::fprintf(stderr, "nkr-alpaca: %s\n", entered.message.c_str());
+            return nkrhost::simulationActive() ? 2 : 1;
         }
-        std::string bad = nkrsim::launch::checkEnvironment();
-        if (!bad.empty()) {
-            std::fprintf(stderr, "nkr-alpaca: %s\n", bad.c_str());
-            return 2;
-        }
-        alpaca::logInfo("serving simulated units");
+        if (nkrhost::simulationActive()) alpaca::logInfo("serving simulated units");
+        nkrhost::chooseSavedRecord(nkrhost::HostSettings());
     }
 
     // Signals are taken by sigwait below, not by handlers on random threads.
@@ -77,6 +73,7 @@ int main(int argc, char** argv)
     }
     alpaca::logInfo(std::to_string(registry.all().size()) + " focuser(s); device numbers kept in " + statePath);
 
+    registry.startSupervisor();
     alpaca::AlpacaServer server(registry, limits);
     if (server.start(bind, port) < 0) {
         alpaca::logWarn("cannot listen on " + bind + ":" + std::to_string(port));

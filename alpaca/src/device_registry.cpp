@@ -4,10 +4,7 @@
 
 #include <strings.h>
 
-#include <cctype>
-#include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
@@ -19,77 +16,13 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// Printable serials read as text; anything else as hex.
-std::string serialText(const _NKR_SN& sn)
+constexpr const char* kDriverClaim = "driver";
+// Temperature compensation looks at a unit this often.
+constexpr auto kTempCompPeriod = std::chrono::seconds(2);
+
+std::string notConnected(const Unit& unit, const std::string& why = {})
 {
-    bool printable = true;
-    size_t len = 0;
-    for (unsigned char c : sn.SN) {
-        if (c == 0) break;
-        if (!std::isprint(c)) printable = false;
-        ++len;
-    }
-    if (printable && len > 0) return std::string(reinterpret_cast<const char*>(sn.SN), len);
-    char hex[17];
-    for (int i = 0; i < 8; ++i) std::snprintf(hex + 2 * i, 3, "%02X", sn.SN[i]);
-    return hex;
-}
-
-std::string readSerial(int slot)
-{
-    _NKR_SN sn{};
-    if (NKRGetSerialNumber(slot, &sn) == NKR_SUCCESS) return serialText(sn);
-    return {};
-}
-
-// Codes that mean the unit's link is gone, rather than one failed request.
-// A Bluetooth link that dropped refuses every send until it is made again.
-bool isGone(const Unit& unit, int code)
-{
-    if (code == NKR_ERROR_BLE_NOT_OPEN || code == NKR_ERROR_INVALID_ID) return true;
-    if (unit.bleName.empty()) return code == NKR_ERROR_REMOVED || code == NKR_ERROR_CLOSED;
-    return code == NKR_ERROR_BLE_SEND;
-}
-
-// How long a Bluetooth scan for an attach lasts, in the SDK's milliseconds.
-constexpr int kBleScanMs = 5000;
-constexpr int kMaxScanned = 16;
-// A dropped Bluetooth unit is tried again at most this often, so that
-// clients polling it are not held up by a connect attempt on every request.
-constexpr auto kBleRetryPeriod = std::chrono::seconds(5);
-
-struct SeenUnit {
-    std::string name;
-    std::string address;
-};
-
-std::string fieldText(const char* text, size_t size) { return std::string(text, strnlen(text, size)); }
-
-bool sameText(const std::string& a, const std::string& b)
-{
-    return !a.empty() && a.size() == b.size() && strcasecmp(a.c_str(), b.c_str()) == 0;
-}
-
-// The unit a person meant: its exact name or address, else the only unit
-// whose name begins with what they typed ("NKR Pro" for "NKR Pro_A1B2").
-const SeenUnit* pickUnit(const std::vector<SeenUnit>& seen, const std::string& wanted, std::string& why)
-{
-    for (const SeenUnit& unit : seen)
-        if (unit.name == wanted || sameText(unit.address, wanted)) return &unit;
-    std::vector<const SeenUnit*> starts;
-    for (const SeenUnit& unit : seen)
-        if (unit.name.compare(0, wanted.size(), wanted) == 0) starts.push_back(&unit);
-    if (starts.size() == 1) return starts.front();
-    std::string list;
-    for (const SeenUnit* unit : starts) list += (list.empty() ? "" : ", ") + unit->name;
-    if (!starts.empty()) {
-        why = "'" + wanted + "' is the beginning of several names (" + list + "); give the whole name";
-        return nullptr;
-    }
-    for (const SeenUnit& unit : seen) list += (list.empty() ? "" : ", ") + unit.name + " [" + unit.address + "]";
-    why = "no Bluetooth unit named '" + wanted + "' was found (seen: " + (list.empty() ? "none" : list) +
-          "); check that it is on and near";
-    return nullptr;
+    return unit.label() + " is not connected" + (why.empty() ? "" : ": " + why);
 }
 
 }  // namespace
@@ -98,16 +31,17 @@ DeviceRegistry::DeviceRegistry(std::string statePath) : statePath_(std::move(sta
 
 DeviceRegistry::~DeviceRegistry()
 {
-    // Close what we opened so positions are saved.
+    stopSupervisor();
+    // Close what we opened so positions are saved; a move keeps its current leg.
     for (auto& unit : all()) {
         std::lock_guard lock(unit->io);
-        if (unit->open && unit->slot >= 0) {
-            if (unit->bleName.empty())
-                NKRClose(unit->slot);
-            else
-                NKRBLEDisconnect(unit->slot);
-        }
-        unit->open = false;
+        unit->tempComp.reset();
+        unit->move.reset();
+        unit->host.reset();
+        unit->claim.release();
+        unit->connected = false;
+        // The scan left the units it identified open.
+        if (unit->bleName.empty() && unit->slot >= 0) NKRClose(unit->slot);
     }
 }
 
@@ -161,7 +95,8 @@ void DeviceRegistry::save() const
     if (ec) logWarn("cannot write device map " + statePath_ + ": " + ec.message());
 }
 
-std::shared_ptr<Unit> DeviceRegistry::adopt(const std::string& reported, int slot, const std::string& bleName)
+std::shared_ptr<Unit> DeviceRegistry::adopt(const std::string& reported, int slot, const std::string& bleName,
+                                            const std::string& bleAddress)
 {
     std::lock_guard lock(listMutex_);
     // Units that report the same serial (factory default) are told apart by
@@ -194,83 +129,59 @@ std::shared_ptr<Unit> DeviceRegistry::adopt(const std::string& reported, int slo
     unit->serial = serial;
     unit->uniqueId = "nkr-focuser-" + serial;
     unit->bleName = bleName;
+    unit->bleAddress = bleAddress;
     unit->slot = slot;
     units_.push_back(unit);
     std::sort(units_.begin(), units_.end(), [](auto& a, auto& b) { return a->number < b->number; });
-    logInfo("focuser " + std::to_string(number) + " is unit " + serial +
-            (bleName.empty() ? " (USB)" : " (Bluetooth " + bleName + ")"));
+    logInfo(unit->label() + " is unit " + serial + (bleName.empty() ? " (USB)" : " (Bluetooth " + bleName + ")"));
     return unit;
 }
 
 void DeviceRegistry::rescan()
 {
     std::lock_guard scan(scanMutex_);
-    int count = NKRGetNum();
-    for (int i = 0; i < count; ++i) {
-        int slot = -1;
-        if (NKRGetID(i, &slot) != NKR_SUCCESS) continue;
+    for (const nkrhost::Identity& id : nkrhost::identifyUsbUnits()) {
         bool held = false;
         for (auto& unit : all())
-            if (unit->slot == slot && unit->bleName.empty()) held = true;
-        if (held) continue;
-        if (NKROpen(slot) != NKR_SUCCESS) continue;
-        std::string serial = readSerial(slot);
-        NKRClose(slot);
-        if (serial.empty()) serial = "usb-slot-" + std::to_string(slot);
-        adopt(serial, slot, "");
+            if (unit->slot == id.slot && unit->bleName.empty()) held = true;
+        if (!held) adopt(id.key(), id.slot, "", "");
     }
 }
 
 AttachResult DeviceRegistry::attachBle(const std::string& wanted)
 {
-    if (wanted.empty()) return {NKR_ERROR_INVALID_VALUE, "give the Bluetooth name or address of the unit"};
+    if (nkrhost::trimmed(wanted).empty())
+        return {nkrhost::Status::failure(NKR_ERROR_INVALID_VALUE, "give the Bluetooth name or address of the unit"),
+                "give the Bluetooth name or address of the unit"};
 
-    // A unit attached before keeps its number; if its link is still held it
+    // A unit attached before keeps its number; if its link is still up it
     // only needs to be wanted again.
     for (auto& unit : all()) {
-        if (unit->bleName.empty() || (unit->bleName != wanted && !sameText(unit->bleAddress, wanted))) continue;
+        if (unit->bleName.empty() || (unit->bleName != wanted && strcasecmp(unit->bleAddress.c_str(), wanted.c_str()) != 0))
+            continue;
         std::lock_guard lock(unit->io);
-        if (unit->slot >= 0) {
+        if (unit->host && !unit->host->gone()) {
             unit->wanted = true;
-            unit->open = true;
-            return {NKR_SUCCESS, "focuser " + std::to_string(unit->number) + " is already attached"};
+            unit->connected = true;
+            return {{}, unit->label() + " is already attached"};
         }
     }
 
-    std::vector<SeenUnit> seen;
+    int slot = -1;
+    nkrhost::SeenUnit which;
+    nkrhost::Status attached;
     {
         std::lock_guard scan(scanMutex_);
-        _BLE_DEVICE_INFO found[kMaxScanned]{};
-        int count = 0;
-        const int rc = NKRBLEScan(kBleScanMs, found, kMaxScanned, &count);
-        if (rc != NKR_SUCCESS) return {rc, "Bluetooth scan failed: " + sdkErrorText(rc)};
-        for (int i = 0; i < count && i < kMaxScanned; ++i)
-            seen.push_back({fieldText(found[i].Name, sizeof found[i].Name),
-                            fieldText(found[i].Address, sizeof found[i].Address)});
+        attached = nkrhost::attachBluetooth(wanted, slot, which);
     }
-    std::string why;
-    const SeenUnit* match = pickUnit(seen, wanted, why);
-    if (match == nullptr) return {NKR_ERROR_BLE_CONNECT, why};
-
-    int slot = -1;
-    int rc = NKRBLEConnect(match->name.c_str(), match->address.c_str(), &slot);
-    if (rc != NKR_SUCCESS)
-        return {rc, "cannot connect to " + match->name + " [" + match->address + "]: " + sdkErrorText(rc)};
-    rc = NKRBLEPair(slot);
-    if (rc != NKR_SUCCESS) {
-        NKRBLEDisconnect(slot);
-        return {rc, "pairing with " + match->name + " failed: " + sdkErrorText(rc) +
-                        " (accept the pairing on the unit, then try again)"};
-    }
-    std::string serial = readSerial(slot);
-    if (serial.empty()) serial = "ble-" + match->name;
-    auto unit = adopt(serial, slot, match->name);
+    if (!attached.ok()) return {attached, attached.message};
+    auto host = nkrhost::Unit::adoptBluetooth(slot, which.bleName, which.bleAddress);
+    auto unit = adopt(host->key(), slot, which.bleName, which.bleAddress);
     std::lock_guard lock(unit->io);
-    unit->bleAddress = match->address;
-    unit->open = true;
+    unit->host = std::move(host);
     unit->wanted = true;
-    return {NKR_SUCCESS, "focuser " + std::to_string(unit->number) + " is Bluetooth unit " + match->name + " [" +
-                             match->address + "]"};
+    unit->connected = true;
+    return {{}, unit->label() + " is Bluetooth unit " + which.bleName + " [" + which.bleAddress + "]"};
 }
 
 std::shared_ptr<Unit> DeviceRegistry::find(int number) const
@@ -287,108 +198,232 @@ std::vector<std::shared_ptr<Unit>> DeviceRegistry::all() const
     return units_;
 }
 
-void DeviceRegistry::markGone(Unit& unit)
+nkrhost::Status DeviceRegistry::open(Unit& unit)
 {
-    if (unit.slot < 0) return;
-    logWarn("focuser " + std::to_string(unit.number) + " (" + unit.serial + ") is gone");
-    // A Bluetooth id is given up so that the unit can be connected again.
-    if (unit.bleName.empty())
-        NKRClose(unit.slot);
-    else
-        NKRBLEDisconnect(unit.slot);
-    unit.open = false;
-    unit.slot = -1;
-}
-
-void DeviceRegistry::reattach(Unit& unit)
-{
-    if (!unit.bleName.empty()) return reconnectBle(unit);
-    if (unit.slot < 0) rescan();
-    if (unit.slot < 0 || unit.open || !unit.wanted) return;
     std::lock_guard scan(scanMutex_);
-    if (NKROpen(unit.slot) == NKR_SUCCESS) {
-        unit.open = true;
-        logInfo("focuser " + std::to_string(unit.number) + " is back");
-    }
+    nkrhost::OpenRequest request;
+    // The serial names the unit wherever it is plugged in now.
+    request.name = unit.serial.rfind("usb-slot-", 0) == 0 ? unit.serial.substr(9) : unit.serial;
+    std::unique_ptr<nkrhost::Unit> host;
+    nkrhost::Status opened = nkrhost::Unit::open(request, host);
+    if (!opened.ok()) return opened;
+    unit.slot = host->slot();
+    unit.host = std::move(host);
+    return {};
 }
 
-void DeviceRegistry::reconnectBle(Unit& unit)
+// With io held: whether the unit can be used now. A unit that went away is
+// looked for again when its back-off says so.
+bool DeviceRegistry::reachable(Unit& unit)
 {
-    if (unit.slot >= 0) {
-        unit.open = true;  // the link was kept while the client was away
-        return;
+    if (!unit.wanted) return false;
+    if (unit.host && !unit.host->gone()) return true;
+    if (unit.host) {
+        if (!unit.host->backoff().due(Clock::now())) return false;
+        nkrhost::Status back;
+        {
+            std::lock_guard scan(scanMutex_);
+            back = unit.host->reconnect();
+        }
+        if (!back.ok()) return false;
+        unit.slot = unit.host->slot();
+        logInfo(unit.label() + " is back");
+    } else if (!open(unit).ok()) {
+        return false;
     }
-    const auto now = std::chrono::steady_clock::now();
-    if (unit.lastBleRetry && now - *unit.lastBleRetry < kBleRetryPeriod) return;
-    unit.lastBleRetry = now;
-    int slot = -1;
-    if (NKRBLEConnect(unit.bleName.c_str(), unit.bleAddress.c_str(), &slot) != NKR_SUCCESS) return;
-    if (NKRBLEPair(slot) != NKR_SUCCESS) {
-        NKRBLEDisconnect(slot);
-        return;
-    }
-    unit.slot = slot;
-    unit.open = true;
-    unit.lastBleRetry.reset();  // a later drop is tried again at once
-    logInfo("focuser " + std::to_string(unit.number) + " is back (Bluetooth " + unit.bleName + ")");
+    unit.connected = true;
+    return true;
 }
 
-bool DeviceRegistry::connected(Unit& unit)
+void DeviceRegistry::noteGone(Unit& unit, int code)
 {
-    std::lock_guard lock(unit.io);
-    if (!unit.open && unit.wanted) reattach(unit);
-    return unit.open;
+    logWarn(unit.label() + " (" + unit.serial + ") is gone: " + nkrhost::describeError(code).text);
+    unit.move.reset();
+    unit.connected = false;
+    if (unit.bleName.empty()) unit.slot = -1;
 }
 
 DeviceError DeviceRegistry::call(Unit& unit, const std::function<int(int)>& fn)
 {
     std::lock_guard lock(unit.io);
-    if (!unit.open && unit.wanted) reattach(unit);
-    if (!unit.open) return {kNotConnected, "focuser " + std::to_string(unit.number) + " is not connected"};
-    int rc = fn(unit.slot);
-    if (rc != NKR_SUCCESS && isGone(unit, rc)) {
-        markGone(unit);
-        return {kNotConnected, "focuser " + std::to_string(unit.number) + " is not connected: " + sdkErrorText(rc)};
+    if (!reachable(unit)) return {kNotConnected, notConnected(unit)};
+    const int rc = fn(unit.host->slot());
+    if (rc != NKR_SUCCESS && unit.host->noteResult(rc)) {
+        noteGone(unit, rc);
+        return {kNotConnected, notConnected(unit, nkrhost::describeError(rc).text)};
     }
     return fromSdk(rc);
+}
+
+DeviceError DeviceRegistry::withHost(Unit& unit, const std::function<nkrhost::Status(nkrhost::Unit&)>& fn)
+{
+    std::lock_guard lock(unit.io);
+    if (!reachable(unit)) return {kNotConnected, notConnected(unit)};
+    const nkrhost::Status status = fn(*unit.host);
+    if (!status.ok() && unit.host->noteResult(status.code)) {
+        noteGone(unit, status.code);
+        return {kNotConnected, notConnected(unit, status.message)};
+    }
+    return fromStatus(status);
+}
+
+bool DeviceRegistry::connected(Unit& unit)
+{
+    std::lock_guard lock(unit.io);
+    return reachable(unit);
 }
 
 DeviceError DeviceRegistry::connect(Unit& unit)
 {
     std::lock_guard lock(unit.io);
+    if (!unit.claim.held()) {
+        nkrhost::Status claimed = unit.claim.take(kDriverClaim, unit.serial, "nkr-alpaca (" + unit.label() + ")");
+        if (!claimed.ok()) return fromStatus(claimed);
+    }
     unit.wanted = true;
-    if (unit.open) return {};
-    if (!unit.bleName.empty()) {
-        unit.lastBleRetry.reset();  // a client asking now is tried at once
-        reconnectBle(unit);
-        return unit.open ? DeviceError{}
-                         : DeviceError{kNotConnected, "Bluetooth unit " + unit.bleName + " is out of reach"};
+    if (unit.host) unit.host->backoff().reset();  // a client asking now is tried at once
+    if (!reachable(unit)) {
+        unit.wanted = false;
+        unit.claim.release();
+        if (!unit.bleName.empty()) return {kNotConnected, "Bluetooth unit " + unit.bleName + " is out of reach"};
+        return {kNotConnected, "cannot open " + unit.label() + " (" + unit.serial + "); is it plugged in?"};
     }
-    if (unit.slot < 0) rescan();
-    if (unit.slot < 0) return {kNotConnected, "focuser " + std::to_string(unit.number) + " is not plugged in"};
-    int rc;
-    {
-        std::lock_guard scan(scanMutex_);
-        rc = NKROpen(unit.slot);
-    }
-    if (rc != NKR_SUCCESS) {
-        if (isGone(unit, rc)) unit.slot = -1;
-        return {kNotConnected, "cannot open focuser " + std::to_string(unit.number) + ": " + sdkErrorText(rc)};
-    }
-    unit.open = true;
-    logInfo("focuser " + std::to_string(unit.number) + " connected");
+    if (!unit.tempComp) unit.tempComp = std::make_unique<nkrhost::TempCompRunner>(*unit.host, "nkr-alpaca (" + unit.label() + ")");
+    logInfo(unit.label() + " connected");
     return {};
 }
 
 DeviceError DeviceRegistry::disconnect(Unit& unit)
 {
     std::lock_guard lock(unit.io);
+    const bool was = unit.wanted;
     unit.wanted = false;
-    if (!unit.open) return {};
-    if (unit.bleName.empty()) NKRClose(unit.slot);  // saves position and settings
-    unit.open = false;
-    logInfo("focuser " + std::to_string(unit.number) + " disconnected");
+    unit.connected = false;
+    unit.tempComp.reset();  // gives compensation up for another program
+    unit.move.reset();      // the current leg runs to its end
+    unit.claim.release();
+    // A USB unit is closed, which saves its position and settings; a
+    // Bluetooth link is kept so that the next connect is quick.
+    if (unit.bleName.empty()) unit.host.reset();
+    if (was) logInfo(unit.label() + " disconnected");
     return {};
+}
+
+void DeviceRegistry::endMove(Unit& unit, const nkrhost::FollowResult& result)
+{
+    unit.move.reset();
+    if (unit.tempComp) unit.tempComp->userMoveEnded();
+    if (!result.ok()) {
+        const std::string why = !result.status.ok() ? result.status.message : result.stop.message;
+        logWarn(unit.label() + ": move " + nkrhost::moveEndName(result.end) + " at " + std::to_string(result.position) +
+                (why.empty() ? "" : ": " + why));
+    }
+    if (result.end == nkrhost::MoveEnd::Gone && unit.host) {
+        unit.host->noteResult(NKR_ERROR_REMOVED);
+        noteGone(unit, result.status.code ? result.status.code : NKR_ERROR_REMOVED);
+    }
+}
+
+void DeviceRegistry::pollMove(Unit& unit, Clock::time_point now)
+{
+    if (!unit.move) return;
+    if (auto result = unit.move->poll(now)) endMove(unit, *result);
+}
+
+DeviceError DeviceRegistry::move(Unit& unit, long long target)
+{
+    std::lock_guard lock(unit.io);
+    if (!reachable(unit)) return {kNotConnected, notConnected(unit)};
+    nkrhost::Status status = unit.host->checkNotInUpdateMode();
+    std::unique_ptr<nkrhost::PlannedMove> planned;
+    int from = 0;
+    if (status.ok()) status = unit.host->position(from);
+    if (status.ok()) {
+        nkrhost::FollowOptions options;
+        options.start = from;
+        status = unit.host->planMove(target, options, planned);
+    }
+    if (status.ok()) status = planned->start(Clock::now());
+    if (!status.ok()) {
+        if (unit.host->noteResult(status.code)) {
+            noteGone(unit, status.code);
+            return {kNotConnected, notConnected(unit, status.message)};
+        }
+        return fromStatus(status);
+    }
+    unit.move = std::move(planned);
+    return {};
+}
+
+DeviceError DeviceRegistry::halt(Unit& unit)
+{
+    std::lock_guard lock(unit.io);
+    if (!reachable(unit)) return {kNotConnected, notConnected(unit)};
+    if (unit.move) {
+        const nkrhost::FollowResult result = unit.move->interrupt();
+        unit.move.reset();
+        if (unit.tempComp) unit.tempComp->userMoveEnded();
+        return fromStatus(result.stop);
+    }
+    return fromStatus(unit.host->stop());
+}
+
+DeviceError DeviceRegistry::isMoving(Unit& unit, bool& moving)
+{
+    std::lock_guard lock(unit.io);
+    if (!reachable(unit)) return {kNotConnected, notConnected(unit)};
+    pollMove(unit, Clock::now());
+    if (unit.move) {
+        moving = true;  // between legs the motor may stand for a moment
+        return {};
+    }
+    if (!unit.connected) return {kNotConnected, notConnected(unit)};
+    const int rc = NKRIsMoving(unit.host->slot(), &moving, nullptr);
+    if (rc != NKR_SUCCESS && unit.host->noteResult(rc)) {
+        noteGone(unit, rc);
+        return {kNotConnected, notConnected(unit, nkrhost::describeError(rc).text)};
+    }
+    return fromSdk(rc);
+}
+
+void DeviceRegistry::tick(Clock::time_point now)
+{
+    for (auto& unit : all()) {
+        std::unique_lock lock(unit->io, std::try_to_lock);
+        if (!lock.owns_lock() || !unit->host || !unit->wanted || unit->host->gone()) continue;
+        if (unit->move) {
+            pollMove(*unit, now);
+            continue;
+        }
+        if (!unit->tempComp || now < unit->nextTempTick) continue;
+        unit->nextTempTick = now + kTempCompPeriod;
+        std::vector<std::string> lines;
+        unit->tempComp->tick(lines);
+        for (const std::string& line : lines) logInfo(unit->label() + ": " + line);
+    }
+}
+
+void DeviceRegistry::startSupervisor(std::chrono::milliseconds period)
+{
+    if (supervisor_.joinable()) return;
+    supervisor_ = std::thread([this, period] {
+        std::unique_lock lock(supervisorMutex_);
+        while (!supervisorWake_.wait_for(lock, period, [this] { return supervisorStop_; })) {
+            lock.unlock();
+            tick(Clock::now());
+            lock.lock();
+        }
+    });
+}
+
+void DeviceRegistry::stopSupervisor()
+{
+    {
+        std::lock_guard lock(supervisorMutex_);
+        supervisorStop_ = true;
+    }
+    supervisorWake_.notify_all();
+    if (supervisor_.joinable()) supervisor_.join();
 }
 
 }  // namespace alpaca

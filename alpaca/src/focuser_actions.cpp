@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cctype>
 #include <cstring>
+#include <map>
 
 namespace alpaca {
 namespace {
@@ -63,16 +64,6 @@ Answer boolSetting(DeviceRegistry& registry, Unit& unit, const std::string& para
     return finish(error, value ? "true" : "false");
 }
 
-// The alias is the text inside "NKR(alias)" of the unit's name.
-std::string aliasOf(const char* name)
-{
-    std::string text(name);
-    auto open = text.find('(');
-    auto close = text.rfind(')');
-    if (open == std::string::npos || close == std::string::npos || close < open) return {};
-    return text.substr(open + 1, close - open - 1);
-}
-
 Answer alias(DeviceRegistry& registry, Unit& unit, const std::string& parameters)
 {
     if (!parameters.empty()) {
@@ -82,17 +73,91 @@ Answer alias(DeviceRegistry& registry, Unit& unit, const std::string& parameters
         DeviceError error = registry.call(unit, [&](int slot) { return NKRSetID(slot, id); });
         if (error.number != kOk) return {std::nullopt, error};
     }
-    _NKR_INFO info{};
-    DeviceError error = registry.call(unit, [&](int slot) { return NKRGetProperty(slot, &info); });
-    info.Name[sizeof info.Name - 1] = '\0';
-    return finish(error, aliasOf(info.Name));
+    std::string value;
+    DeviceError error = registry.withHost(unit, [&](nkrhost::Unit& host) {
+        host.refreshIdentity();
+        value = host.identity().alias;
+        return nkrhost::Status::fromSdk(host.identity().propertyCode, "reading the alias");
+    });
+    return finish(error, value);
+}
+
+// A number kept in the host settings (the same ones every host program
+// uses), at a path such as {"temp_comp", "coefficient"}; the settings check it.
+Answer hostNumber(DeviceRegistry& registry, Unit& unit, const std::string& parameters,
+                  const std::vector<std::string>& path,
+                  std::optional<double> (*current)(const nkrhost::UnitSettings&))
+{
+    nlohmann::json number;
+    if (!parameters.empty()) {
+        number = nlohmann::json::parse(parameters, nullptr, false);
+        if (!number.is_number()) return invalid("not a number: '" + parameters + "'");
+    }
+    std::string value;
+    DeviceError error = registry.withHost(unit, [&](nkrhost::Unit& host) {
+        if (!parameters.empty()) {
+            nlohmann::json patch = number;
+            for (auto it = path.rbegin(); it != path.rend(); ++it) patch = nlohmann::json{{*it, patch}};
+            nkrhost::Status merged = host.hostSettings().mergeJson(host.key(), patch.dump());
+            if (!merged.ok()) return merged;
+        }
+        nkrhost::UnitSettings settings;
+        nkrhost::Status read = host.settings(settings);
+        if (auto v = current(settings)) value = nlohmann::json(*v).dump();
+        return read;
+    });
+    return finish(error, value);
+}
+
+// Named positions: "" lists them as JSON, "NAME" or "NAME=POSITION" saves
+// (the current position when none is given), "-NAME" removes.
+Answer positions(DeviceRegistry& registry, Unit& unit, const std::string& parameters)
+{
+    std::string listed;
+    DeviceError error = registry.withHost(unit, [&](nkrhost::Unit& host) {
+        nkrhost::Status status;
+        if (!parameters.empty() && parameters[0] == '-') {
+            status = host.removePosition(parameters.substr(1));
+        } else if (!parameters.empty()) {
+            const auto eq = parameters.find('=');
+            long long position = 0;
+            if (eq == std::string::npos) {
+                int now = 0;
+                status = host.position(now);
+                position = now;
+            } else {
+                auto parsed = parseInt32(parameters.substr(eq + 1));
+                if (!parsed)
+                    return nkrhost::Status::failure(NKR_ERROR_INVALID_VALUE,
+                                                    "not a position: '" + parameters.substr(eq + 1) + "'");
+                position = *parsed;
+            }
+            if (status.ok()) status = host.savePosition(parameters.substr(0, eq), position);
+        }
+        if (!status.ok()) return status;
+        std::map<std::string, int> all;
+        status = host.namedPositions(all);
+        listed = nlohmann::json(all).dump();
+        return status;
+    });
+    return finish(error, listed);
+}
+
+Answer gotoPosition(DeviceRegistry& registry, Unit& unit, const std::string& name)
+{
+    int target = 0;
+    DeviceError error = registry.withHost(unit, [&](nkrhost::Unit& host) { return host.namedPosition(name, target); });
+    if (error.number == kOk) error = registry.move(unit, target);
+    return finish(error, std::to_string(target));
 }
 
 }  // namespace
 
 const std::vector<std::string>& actionNames()
 {
-    static const std::vector<std::string> names{"Backlash", "Reverse", "Beep", "MaxForce", "Led", "Alias", "Speed"};
+    static const std::vector<std::string> names{"Backlash",       "Reverse",         "Beep",      "MaxForce",
+                                                "Led",            "Alias",           "Speed",     "Positions",
+                                                "GotoPosition",   "TempCoefficient", "TempDeadband", "StepSize"};
     return names;
 }
 
@@ -106,6 +171,14 @@ Answer runAction(DeviceRegistry& registry, Unit& unit, const std::string& name, 
     if (action == "beep") return boolSetting(registry, unit, parameters, NKRGetBeep, NKRSetBeep);
     if (action == "led") return boolSetting(registry, unit, parameters, NKRGetLedState, NKRSetLedState);
     if (action == "alias") return alias(registry, unit, parameters);
+    if (action == "positions") return positions(registry, unit, parameters);
+    if (action == "gotoposition") return gotoPosition(registry, unit, parameters);
+    if (action == "tempcoefficient") return hostNumber(registry, unit, parameters, {"temp_comp", "coefficient"},
+                                                         [](const nkrhost::UnitSettings& s) -> std::optional<double> { return s.tempComp.coefficient; });
+    if (action == "tempdeadband") return hostNumber(registry, unit, parameters, {"temp_comp", "deadband"},
+                                                      [](const nkrhost::UnitSettings& s) -> std::optional<double> { return s.tempComp.deadband; });
+    if (action == "stepsize") return hostNumber(registry, unit, parameters, {"step_size_um"},
+                                                  [](const nkrhost::UnitSettings& s) { return s.stepSizeMicrons; });
     return {std::nullopt, {kActionNotImplemented, "action '" + name + "' is not implemented"}};
 }
 

@@ -35,8 +35,23 @@ Answer readInt(DeviceRegistry& registry, Unit& unit, int (*fn)(int, int*))
 Answer readMoving(DeviceRegistry& registry, Unit& unit)
 {
     bool moving = false;
-    DeviceError error = registry.call(unit, [&](int slot) { return NKRIsMoving(slot, &moving, nullptr); });
+    DeviceError error = registry.isMoving(unit, moving);
     return error.number == kOk ? ok(moving) : failed(error);
+}
+
+// The user's maximum as every host program enforces it.
+Answer readMaximum(DeviceRegistry& registry, Unit& unit)
+{
+    int maximum = 0;
+    DeviceError error = registry.withHost(unit, [&](nkrhost::Unit& host) { return host.maximum(maximum); });
+    return error.number == kOk ? ok(maximum) : failed(error);
+}
+
+nkrhost::UnitSettings settingsOf(DeviceRegistry& registry, Unit& unit, DeviceError& error)
+{
+    nkrhost::UnitSettings settings;
+    error = registry.withHost(unit, [&](nkrhost::Unit& host) { return host.settings(settings); });
+    return settings;
 }
 
 Answer readTemperature(DeviceRegistry& registry, Unit& unit)
@@ -61,12 +76,14 @@ std::string isoNow()
 
 std::string unitName(DeviceRegistry& registry, Unit& unit)
 {
-    _NKR_INFO info{};
-    if (registry.call(unit, [&](int slot) { return NKRGetProperty(slot, &info); }).number == kOk) {
-        info.Name[sizeof info.Name - 1] = '\0';
-        return std::string(info.Name) + " " + unit.serial;
-    }
-    return "NKR " + unit.serial;
+    std::string name = "NKR";
+    registry.withHost(unit, [&](nkrhost::Unit& host) {
+        nkrhost::UnitSettings settings;
+        host.settings(settings);
+        name = nkrhost::displayName(settings.name, host.identity().alias, host.identity().modelOrDefault());
+        return nkrhost::Status::success();
+    });
+    return name + " " + unit.serial;
 }
 
 // Members that need no unit answer at once; the others go through registry.call,
@@ -154,45 +171,55 @@ const std::map<std::string, Member>& table()
           nullptr}},
         {"absolute", {[](DeviceRegistry&, Unit&, const AlpacaRequest&) { return ok(true); }, nullptr}},
         {"ismoving", {[](DeviceRegistry& r, Unit& u, const AlpacaRequest&) { return readMoving(r, u); }, nullptr}},
-        {"maxincrement",
-         {[](DeviceRegistry& r, Unit& u, const AlpacaRequest&) { return readInt(r, u, NKRGetMaxStep); }, nullptr}},
-        {"maxstep",
-         {[](DeviceRegistry& r, Unit& u, const AlpacaRequest&) { return readInt(r, u, NKRGetMaxStep); }, nullptr}},
+        {"maxincrement", {[](DeviceRegistry& r, Unit& u, const AlpacaRequest&) { return readMaximum(r, u); }, nullptr}},
+        {"maxstep", {[](DeviceRegistry& r, Unit& u, const AlpacaRequest&) { return readMaximum(r, u); }, nullptr}},
         {"position",
          {[](DeviceRegistry& r, Unit& u, const AlpacaRequest&) { return readInt(r, u, NKRGetPosition); }, nullptr}},
         {"stepsize",
-         {[](DeviceRegistry&, Unit&, const AlpacaRequest&) { return notImplemented("StepSize (the step size in microns is not known)"); },
+         {[](DeviceRegistry& r, Unit& u, const AlpacaRequest&) {
+              DeviceError error;
+              const nkrhost::UnitSettings settings = settingsOf(r, u, error);
+              if (error.number != kOk) return failed(error);
+              if (!settings.stepSizeMicrons)
+                  return notImplemented("StepSize (no step size is set for this focuser: set it on the control page, "
+                                        "or with nkr set ID step-size=MICRONS)");
+              return ok(*settings.stepSizeMicrons);
+          },
           nullptr}},
         {"tempcomp",
-         {[](DeviceRegistry&, Unit&, const AlpacaRequest&) { return ok(false); },
-          [](DeviceRegistry&, Unit&, const AlpacaRequest& q) {
-              if (q.boolean("TempComp")) return notImplemented("temperature compensation");
-              return done();
+         // Kept in the host settings by serial, so it reads without a connection.
+         {[](DeviceRegistry&, Unit& u, const AlpacaRequest&) {
+              nkrhost::UnitSettings settings;
+              DeviceError error = fromStatus(nkrhost::HostSettings().read(u.serial, settings));
+              return error.number == kOk ? ok(settings.tempComp.enabled) : failed(error);
+          },
+          [](DeviceRegistry& r, Unit& u, const AlpacaRequest& q) {
+              const bool on = q.boolean("TempComp");
+              DeviceError error = r.withHost(u, [&](nkrhost::Unit& host) {
+                  return host.hostSettings().update(host.key(), [&](nkrhost::UnitSettings& s) {
+                      s.tempComp.enabled = on;
+                      return nkrhost::Status::success();
+                  });
+              });
+              return error.number == kOk ? done() : failed(error);
           }}},
-        {"tempcompavailable", {[](DeviceRegistry&, Unit&, const AlpacaRequest&) { return ok(false); }, nullptr}},
+        {"tempcompavailable", {[](DeviceRegistry&, Unit&, const AlpacaRequest&) { return ok(true); }, nullptr}},
         {"temperature",
          {[](DeviceRegistry& r, Unit& u, const AlpacaRequest&) { return readTemperature(r, u); }, nullptr}},
         {"halt",
          {nullptr,
           [](DeviceRegistry& r, Unit& u, const AlpacaRequest&) {
-              DeviceError error = r.call(u, [](int slot) { return NKRStop(slot); });
+              DeviceError error = r.halt(u);
               return error.number == kOk ? done() : failed(error);
           }}},
         {"move",
          {nullptr,
+          // Out of 0..MaxStep is refused, never clamped: a client asking for a
+          // place the focuser cannot reach has made a mistake it should see.
+          // With temperature compensation on the move is made, and the
+          // compensation takes its reference again where it ends.
           [](DeviceRegistry& r, Unit& u, const AlpacaRequest& q) {
-              int target = q.integer("Position");
-              // Out of 0..MaxStep is refused, never clamped: a client asking for a
-              // place the focuser cannot reach has made a mistake it should see.
-              int maxStep = 0;
-              DeviceError error = r.call(u, [&](int slot) {
-                  int rc = NKRGetMaxStep(slot, &maxStep);
-                  if (rc != NKR_SUCCESS) return rc;
-                  if (target < 0 || target > maxStep) return static_cast<int>(NKR_ERROR_INVALID_VALUE);
-                  return NKRMove(slot, target);
-              });
-              if (error.number == kInvalidValue)
-                  error.message = "position " + std::to_string(target) + " is outside 0.." + std::to_string(maxStep);
+              DeviceError error = r.move(u, q.integer("Position"));
               return error.number == kOk ? done() : failed(error);
           }}},
     };

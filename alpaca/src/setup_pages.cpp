@@ -54,7 +54,9 @@ Snapshot snapshot(DeviceRegistry& registry, Unit& unit)
         if (registry.call(unit, [&](int slot) { return fn(slot, &value); }).number == kOk) out = std::to_string(value);
     };
     readInt(NKRGetPosition, s.position);
-    readInt(NKRGetMaxStep, s.maxStep);
+    int maximum = 0;
+    if (registry.withHost(unit, [&](nkrhost::Unit& host) { return host.maximum(maximum); }).ok())
+        s.maxStep = std::to_string(maximum);
     readInt(NKRGetBacklash, s.backlash);
     readInt(NKRGetSpeed, s.speed);
     float temp = 0;
@@ -160,7 +162,7 @@ std::vector<std::pair<bool, std::string>> apply(DeviceRegistry& registry, Unit& 
     }
     if (auto max = get("maxstep")) {
         auto value = parseInt32(*max);
-        DeviceError error = value ? registry.call(unit, [&](int slot) { return NKRSetMaxStep(slot, *value); })
+        DeviceError error = value ? registry.withHost(unit, [&](nkrhost::Unit& host) { return host.setMaximum(*value); })
                                   : DeviceError{kInvalidValue, "not a number"};
         notes.emplace_back(error.number == kOk,
                            error.number == kOk ? "Maximum step saved." : "Maximum step: " + error.message);

@@ -52,7 +52,9 @@ TEST_F(AlpacaTest, UnpluggedUnitAnswersNotConnectedAndComesBackWhenReplugged)
     json devices = get("/management/v1/configureddevices")["Value"];
     EXPECT_EQ(devices.size(), 2u);  // it keeps its number while away
 
+    // Back on the bus: looked for again with back-off, at once when a client connects.
     nkrsim::replug(unitA_);
+    connect(0);
     json back = get(device(0, "position"));
     EXPECT_EQ(back["ErrorNumber"], 0) << back.dump();
     EXPECT_EQ(get(device(0, "connected"))["Value"], true);
