@@ -76,12 +76,20 @@ int main(int argc, char** argv)
     registry.startSupervisor();
     alpaca::AlpacaServer server(registry, limits);
     if (server.start(bind, port) < 0) {
-        alpaca::logWarn("cannot listen on " + bind + ":" + std::to_string(port));
+        std::fprintf(stderr, "nkr-alpaca: %s\n", server.startError().c_str());
         return 1;
     }
-    alpaca::logInfo("Alpaca API on http://" + bind + ":" + std::to_string(port) + "/ (setup pages at /setup)");
+    alpaca::logInfo("Alpaca API on http://" + alpaca::urlHost(bind) + ":" + std::to_string(port) +
+                    "/ (setup pages at /setup)");
     alpaca::DiscoveryResponder discovery(port, discoveryPort, bind);
-    if (!noDiscovery) discovery.start();
+    if (noDiscovery) {
+        alpaca::logInfo("discovery is off (--no-discovery): clients must be given host and port by hand");
+    } else if (discovery.start()) {
+        const bool loopback = bind == "127.0.0.1" || bind == "::1" || bind == "localhost";
+        if (loopback)
+            alpaca::logInfo("bound to " + bind + ": only programs on this computer find and reach the server "
+                            "(--bind 0.0.0.0 serves the network)");
+    }
 
     int signal = 0;
     sigwait(&stopSignals, &signal);

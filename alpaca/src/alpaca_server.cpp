@@ -3,7 +3,13 @@
 #include <NKR_focuser.h>
 #include <httplib.h>
 
+#include <netdb.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <nlohmann/json.hpp>
 
 #include "alpaca_request.h"
@@ -79,10 +85,54 @@ AlpacaServer::~AlpacaServer() { stop(); }
 
 int AlpacaServer::start(const std::string& host, int port)
 {
+    // The HTTP library's default options include SO_REUSEPORT, with which a
+    // second server on the same port starts too and the kernel splits the
+    // requests between two processes: only SO_REUSEADDR here, so the second
+    // bind fails.
+    int listening = -1;
+    http_->set_socket_options([&listening](socket_t fd) {
+        int yes = 1;
+        setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+        listening = fd;
+    });
     port_ = port == 0 ? http_->bind_to_any_port(host) : (http_->bind_to_port(host, port) ? port : -1);
-    if (port_ < 0) return -1;
+    if (port_ < 0) {
+        startError_ = bindProblem(host, port);
+        return -1;
+    }
+    // The library listens with a backlog of 5: a burst of reconnecting
+    // clients overflows it and a dropped SYN is retried only after a second.
+    if (listening >= 0) ::listen(listening, limits_.listenBacklog);
     thread_ = std::thread([this] { http_->listen_after_bind(); });
     return port_;
+}
+
+std::string AlpacaServer::bindProblem(const std::string& host, int port)
+{
+    // Asked again without the library, to tell "in use" from "no such address".
+    addrinfo hints{};
+    hints.ai_socktype = SOCK_STREAM;
+    hints.ai_flags = AI_NUMERICSERV | AI_PASSIVE;
+    addrinfo* found = nullptr;
+    if (getaddrinfo(host.c_str(), std::to_string(port).c_str(), &hints, &found) != 0 || found == nullptr)
+        return "cannot listen on " + host + ": not an address of this computer";
+    const int fd = socket(found->ai_family, found->ai_socktype | SOCK_CLOEXEC, found->ai_protocol);
+    int yes = 1;
+    if (fd >= 0) setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+    const int rc = fd >= 0 ? bind(fd, found->ai_addr, found->ai_addrlen) : -1;
+    const int error = errno;
+    if (fd >= 0) close(fd);
+    freeaddrinfo(found);
+    if (rc != 0 && error == EADDRINUSE)
+        return "port " + std::to_string(port) + " is in use (is another nkr-alpaca running?)";
+    if (rc != 0 && error == EADDRNOTAVAIL) return "cannot listen on " + host + ": not an address of this computer";
+    if (rc != 0 && error == EACCES) return "port " + std::to_string(port) + " needs privileges; use a port above 1023";
+    return "cannot listen on " + urlHost(host) + ":" + std::to_string(port) + (rc != 0 ? std::string(": ") + std::strerror(error) : "");
+}
+
+std::string urlHost(const std::string& host)
+{
+    return host.find(':') != std::string::npos && host.front() != '[' ? "[" + host + "]" : host;
 }
 
 void AlpacaServer::stop()
@@ -92,39 +142,80 @@ void AlpacaServer::stop()
     thread_.join();
 }
 
+void AlpacaServer::answerDevice(const httplib::Request& req, httplib::Response& res, const std::string& type,
+                                const std::string& numberText, const std::string& memberName)
+{
+    try {
+        AlpacaRequest request(req);
+        if (type != "focuser") return sendBadRequest(res, "unknown device type '" + type + "'");
+        auto number = deviceNumber(numberText);
+        std::shared_ptr<Unit> unit = number ? registry_.find(*number) : nullptr;
+        if (!unit) return sendBadRequest(res, "no focuser with device number '" + numberText + "'");
+        const Member* member = findMember(memberName);
+        if (member == nullptr) return sendBadRequest(res, "unknown member '" + memberName + "'");
+        const MemberHandler& run = request.isPut() ? member->put : member->get;
+        if (!run)
+            return sendBadRequest(res, request.isPut() ? "'" + memberName + "' is read-only"
+                                                       : "'" + memberName + "' must be sent with PUT");
+        Answer answer = run(registry_, *unit, request);
+        json body = envelope(*this, request);
+        if (answer.error.number != kOk) {
+            body["ErrorNumber"] = answer.error.number;
+            body["ErrorMessage"] = answer.error.message;
+        } else if (answer.value) {
+            body["Value"] = *answer.value;
+        }
+        sendJson(res, body);
+    } catch (const BadRequest& e) {
+        sendBadRequest(res, e.what());
+    }
+}
+
 void AlpacaServer::routeDeviceApi()
 {
-    auto handler = [this](const httplib::Request& req, httplib::Response& res) {
-        try {
-            AlpacaRequest request(req);
-            std::string type = req.matches[1];
-            if (type != "focuser") return sendBadRequest(res, "unknown device type '" + type + "'");
-            auto number = deviceNumber(req.matches[2]);
-            std::shared_ptr<Unit> unit = number ? registry_.find(*number) : nullptr;
-            if (!unit) return sendBadRequest(res, "no focuser with device number '" + std::string(req.matches[2]) + "'");
-            std::string memberName = req.matches[3];
-            const Member* member = findMember(memberName);
-            if (member == nullptr) return sendBadRequest(res, "unknown member '" + memberName + "'");
-            const MemberHandler& run = request.isPut() ? member->put : member->get;
-            if (!run)
-                return sendBadRequest(res, request.isPut() ? "'" + memberName + "' is read-only"
-                                                           : "'" + memberName + "' must be sent with PUT");
-            Answer answer = run(registry_, *unit, request);
-            json body = envelope(*this, request);
-            if (answer.error.number != kOk) {
-                body["ErrorNumber"] = answer.error.number;
-                body["ErrorMessage"] = answer.error.message;
-            } else if (answer.value) {
-                body["Value"] = *answer.value;
-            }
-            sendJson(res, body);
-        } catch (const BadRequest& e) {
-            sendBadRequest(res, e.what());
+    // The device API is most of the traffic: its paths are split by hand
+    // before the router's regular expressions run. A GET, and a PUT without
+    // a body (curl -X PUT .../halt: no Content-Length, which the HTTP
+    // library would refuse with an empty 400), are answered here; a PUT with
+    // a form body goes on to the route below, once its body is read.
+    http_->set_pre_routing_handler([this](const httplib::Request& req, httplib::Response& res) {
+        static const std::string prefix = "/api/v1/";
+        if (req.path.compare(0, prefix.size(), prefix) != 0) return httplib::Server::HandlerResponse::Unhandled;
+        const bool bodiless = req.method == "PUT" && !req.has_header("Content-Length") &&
+                              !req.has_header("Transfer-Encoding");
+        if (req.method != "GET" && !bodiless) return httplib::Server::HandlerResponse::Unhandled;
+        std::string parts[3];
+        std::size_t from = prefix.size();
+        for (int i = 0; i < 3; ++i) {
+            const std::size_t slash = req.path.find('/', from);
+            if ((i < 2) == (slash == std::string::npos)) return httplib::Server::HandlerResponse::Unhandled;
+            parts[i] = req.path.substr(from, slash == std::string::npos ? std::string::npos : slash - from);
+            from = slash + 1;
         }
-    };
+        if (parts[0].empty() || parts[1].empty() || parts[2].empty()) return httplib::Server::HandlerResponse::Unhandled;
+        answerDevice(req, res, parts[0], parts[1], parts[2]);
+        return httplib::Server::HandlerResponse::Handled;
+    });
     const char* pattern = R"(/api/v1/([^/]+)/([^/]+)/([^/]+))";
+    auto handler = [this](const httplib::Request& req, httplib::Response& res) {
+        answerDevice(req, res, req.matches[1], req.matches[2], req.matches[3]);
+    };
     http_->Get(pattern, handler);
     http_->Put(pattern, handler);
+    // Whatever the library refuses on its own (an unreadable request, a body
+    // too large, a path nobody serves) still says why.
+    http_->set_error_handler(httplib::Server::HandlerWithResponse([](const httplib::Request& req, httplib::Response& res) {
+        if (!res.body.empty()) return httplib::Server::HandlerResponse::Unhandled;
+        std::string reason;
+        switch (res.status) {
+        case 400: reason = "the request could not be read (a PUT carries its parameters as a form body)"; break;
+        case 404: reason = "nothing is served at " + req.path + " (the Alpaca API is under /api/v1/, the control page at /)"; break;
+        case 413: reason = "the request body is too large"; break;
+        default: reason = "HTTP " + std::to_string(res.status); break;
+        }
+        res.set_content(reason, "text/plain");
+        return httplib::Server::HandlerResponse::Handled;
+    }));
 }
 
 void AlpacaServer::routeManagement()

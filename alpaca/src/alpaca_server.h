@@ -12,6 +12,8 @@
 
 namespace httplib {
 class Server;
+struct Request;
+struct Response;
 }
 
 namespace alpaca {
@@ -28,6 +30,7 @@ struct ServerLimits {
     // so that a waiting connection gets a turn.
     size_t keepAliveMaxRequests = 100;
     int threads = 16;                 // connections served at once
+    int listenBacklog = 512;          // connections waiting to be accepted
 };
 
 class AlpacaServer {
@@ -41,6 +44,8 @@ public:
     // Stops serving and joins the thread.
     void stop();
     int port() const { return port_; }
+    // Why start() failed, in one sentence.
+    const std::string& startError() const { return startError_; }
 
     // Counts up from 1 for every device and management answer.
     uint32_t nextServerTransactionId() { return ++serverTransactionId_; }
@@ -48,6 +53,9 @@ public:
 
 private:
     void routeDeviceApi();
+    void answerDevice(const httplib::Request& req, httplib::Response& res, const std::string& type,
+                      const std::string& number, const std::string& member);
+    static std::string bindProblem(const std::string& host, int port);
     void routeManagement();
 
     DeviceRegistry& registry_;
@@ -56,7 +64,11 @@ private:
     std::thread thread_;
     std::atomic<uint32_t> serverTransactionId_{0};
     int port_ = -1;
+    std::string startError_;
 };
+
+// A host as it goes into a URL: an IPv6 literal in brackets.
+std::string urlHost(const std::string& host);
 
 // Registers /setup and /setup/v1/focuser/{n}/setup on the server.
 void routeSetupPages(httplib::Server& http, AlpacaServer& server);

@@ -116,7 +116,8 @@ bool DiscoveryResponder::start()
     std::string host6 = bindHost_.empty() || bindHost_ == "0.0.0.0" ? "" : bindHost_ == "127.0.0.1" ? "::1" : bindHost_;
     if (v6Only || host6.empty() || host6 == "::1") socket6_ = openSocket6(host6, port);
     if (socket4_ < 0 && socket6_ < 0) {
-        logWarn("discovery: cannot bind UDP port " + std::to_string(discoveryPort_) + ": " + std::strerror(errno));
+        logWarn("discovery: cannot bind UDP port " + std::to_string(discoveryPort_) + " (" + std::strerror(errno) +
+                "); discovery is off: clients must be given host and port by hand");
         return false;
     }
     boundPort_ = socket4_ >= 0 ? port : localPort(socket6_);
