@@ -47,15 +47,7 @@ DeviceRegistry::~DeviceRegistry()
 
 std::string DeviceRegistry::defaultStatePath()
 {
-    const char* xdg = std::getenv("XDG_CONFIG_HOME");
-    fs::path base;
-    if (xdg != nullptr && xdg[0] == '/') {
-        base = xdg;
-    } else {
-        const char* home = std::getenv("HOME");
-        base = fs::path(home != nullptr && home[0] != '\0' ? home : "/tmp") / ".config";
-    }
-    return (base / "nkr-alpaca" / "devices.json").string();
+    return (fs::path(nkrhost::configHome()) / "nkr-alpaca" / "devices.json").string();
 }
 
 void DeviceRegistry::load()

@@ -265,18 +265,15 @@ Status mergeKey(UnitSettings& s, const std::string& key, const json& v)
 
 }  // namespace
 
-std::string HostSettings::defaultPath()
+std::string configHome()
 {
     const char* xdg = std::getenv("XDG_CONFIG_HOME");
-    fs::path base;
-    if (xdg != nullptr && xdg[0] == '/') {
-        base = xdg;
-    } else {
-        const char* home = std::getenv("HOME");
-        base = fs::path(home != nullptr && home[0] != '\0' ? home : "/tmp") / ".config";
-    }
-    return (base / "nkr" / "units.json").string();
+    if (xdg != nullptr && xdg[0] == '/') return xdg;
+    const char* home = std::getenv("HOME");
+    return (fs::path(home != nullptr && home[0] != '\0' ? home : "/tmp") / ".config").string();
 }
+
+std::string HostSettings::defaultPath() { return (fs::path(configHome()) / "nkr" / "units.json").string(); }
 
 HostSettings::HostSettings(std::string path) : m_path(std::move(path)) {}
 

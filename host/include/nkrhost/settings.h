@@ -44,6 +44,9 @@ struct UnitSettings {
     std::optional<PendingUpdate> pendingUpdate;
 };
 
+// $XDG_CONFIG_HOME, or ~/.config: where the host programs keep their files.
+std::string configHome();
+
 class HostSettings {
 public:
     // $XDG_CONFIG_HOME/nkr/units.json, or ~/.config/nkr/units.json.
