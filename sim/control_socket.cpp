@@ -278,6 +278,8 @@ std::string runControlCommand(const std::string& line)
         nkrsim::unplug(unit);
     } else if (command == "replug") {
         nkrsim::replug(unit);
+    } else if (command == "ble-drop") {
+        nkrsim::bleDropConnection(unit);
     } else if (command == "hand-move") {
         if (!readInt(in, value)) return "error usage: hand-move <unit> <target>";
         nkrsim::handMove(unit, value);

@@ -21,6 +21,10 @@ void AlpacaTest::SetUp()
     setenv("HOME", dir_.c_str(), 1);
     setenv("XDG_CONFIG_HOME", (dir_ / "config").c_str(), 1);
     setenv("XDG_STATE_HOME", (dir_ / "state").c_str(), 1);
+    // Unit claims live here: parallel tests must not see each other's.
+    std::filesystem::create_directories(dir_ / "run");
+    std::filesystem::permissions(dir_ / "run", std::filesystem::perms::owner_all);
+    setenv("XDG_RUNTIME_DIR", (dir_ / "run").c_str(), 1);
     statePath_ = (dir_ / "config" / "nkr-alpaca" / "devices.json").string();
     setLogQuiet(true);
 
