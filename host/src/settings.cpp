@@ -293,23 +293,37 @@ Status HostSettings::read(const std::string& unitKey, UnitSettings& out) const
     }
 }
 
-Status HostSettings::update(const std::string& unitKey, const std::function<Status(UnitSettings&)>& change)
+namespace {
+
+// Reads, changes and writes the whole document under the exclusive lock, so
+// that two processes never lose each other's change.
+Status modifyDocument(const std::string& path, const std::function<Status(json&)>& change)
 {
     try {
-        FileGuard guard(m_path, true);
-        if (!guard.held()) return fileError("cannot lock the host settings file " + m_path + ".lock");
+        FileGuard guard(path, true);
+        if (!guard.held()) return fileError("cannot lock the host settings file " + path + ".lock");
         json doc;
-        Status loaded = load(m_path, doc);
+        Status loaded = load(path, doc);
         if (!loaded.ok()) return loaded;
-        json& node = unitNode(doc, unitKey);
-        UnitSettings s = fromJson(node);
-        Status changed = change(s);
+        Status changed = change(doc);
         if (!changed.ok()) return changed;
-        intoJson(s, node);
-        return store(m_path, doc);
+        return store(path, doc);
     } catch (const std::exception& e) {
         return fileError(std::string("writing the host settings failed: ") + e.what());
     }
+}
+
+}  // namespace
+
+Status HostSettings::update(const std::string& unitKey, const std::function<Status(UnitSettings&)>& change)
+{
+    return modifyDocument(m_path, [&](json& doc) {
+        json& node = unitNode(doc, unitKey);
+        UnitSettings s = fromJson(node);
+        Status changed = change(s);
+        if (changed.ok()) intoJson(s, node);
+        return changed;
+    });
 }
 
 bool HostSettings::sharedRecord() const
@@ -326,17 +340,10 @@ bool HostSettings::sharedRecord() const
 
 Status HostSettings::setSharedRecord(bool shared)
 {
-    try {
-        FileGuard guard(m_path, true);
-        if (!guard.held()) return fileError("cannot lock the host settings file " + m_path + ".lock");
-        json doc;
-        Status loaded = load(m_path, doc);
-        if (!loaded.ok()) return loaded;
+    return modifyDocument(m_path, [&](json& doc) {
         doc["shared_record"] = shared;
-        return store(m_path, doc);
-    } catch (const std::exception& e) {
-        return fileError(std::string("writing the host settings failed: ") + e.what());
-    }
+        return Status{};
+    });
 }
 
 Status HostSettings::readJson(const std::string& unitKey, std::string& text) const
