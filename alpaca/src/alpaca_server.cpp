@@ -135,6 +135,18 @@ std::string urlHost(const std::string& host)
     return host.find(':') != std::string::npos && host.front() != '[' ? "[" + host + "]" : host;
 }
 
+bool isLoopback(const std::string& host)
+{
+    return host == "localhost" || host == "::1" || host == "[::1]" || host.rfind("127.", 0) == 0;
+}
+
+std::string hostName()
+{
+    char name[256] = {};
+    if (gethostname(name, sizeof name - 1) != 0 || name[0] == '\0') return "localhost";
+    return name;
+}
+
 void AlpacaServer::stop()
 {
     if (!thread_.joinable()) return;

@@ -69,6 +69,10 @@ private:
 
 // A host as it goes into a URL: an IPv6 literal in brackets.
 std::string urlHost(const std::string& host);
+// True for an address only this computer reaches (127.x.x.x, ::1, localhost).
+bool isLoopback(const std::string& host);
+// This computer's host name ("localhost" when it has none).
+std::string hostName();
 
 // Registers /setup and /setup/v1/focuser/{n}/setup on the server.
 void routeSetupPages(httplib::Server& http, AlpacaServer& server);
