@@ -31,6 +31,8 @@ int main(int argc, char** argv)
     app.add_option("--ble", bleNames, "attach the Bluetooth unit with this name (repeatable)");
     app.add_flag("--no-discovery", noDiscovery, "do not answer Alpaca discovery on UDP");
     app.add_option("--discovery-port", discoveryPort, "UDP port of Alpaca discovery")->check(CLI::Range(1, 65535));
+    app.add_option("--allow-host", limits.allowedHosts,
+                   "a further name (a DNS name of this computer) by which browsers may reach the control page (repeatable)");
     app.add_option("--threads", limits.threads, "connections served at once")->check(CLI::Range(1, 256));
     app.add_flag_callback("--version", [] {
         std::printf("nkr-alpaca %s\n", alpaca::driverVersion().c_str());

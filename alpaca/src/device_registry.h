@@ -91,6 +91,10 @@ public:
     // True while the motor runs or a move has legs to go.
     DeviceError isMoving(Unit& unit, bool& moving);
 
+    // One line on the unit's temperature compensation for a display ("" while
+    // no client holds the unit).
+    std::string tempCompSummary(Unit& unit);
+
     // One round of the background work: the next leg of planned moves and
     // the temperature compensation of connected units. The supervisor thread
     // calls it; tests may call it directly.
