@@ -1,64 +1,97 @@
-// The setup pages in a real browser: headless Chromium submits a settings
-// form, the result is read from the DOM it rendered, and a screenshot of
-// /setup is kept under the build dir. Skipped where Chromium is absent.
-#include <cstdio>
-#include <fstream>
+// The control page in a real browser: headless Chromium connects a unit and
+// moves it with clicks, sees the position change without a reload, shows a
+// bad setting's message, and leaves screenshots at two widths in the
+// artefact folder. Skipped where Chromium is absent.
+#include <cmath>
+#include <thread>
 
 #include "alpaca_fixture.h"
+#include "chromium_driver.h"
 
 namespace alpaca::test {
 namespace {
 
-#ifdef NKR_CHROMIUM
-// Runs Chromium with the flags of a sealed, quiet headless run; returns stdout.
-std::string chromium(const std::filesystem::path& profile, const std::string& args)
+// Waits (bounded) until the simulated unit satisfies `done`.
+template <typename Done>
+bool simulatorReaches(nkrsim::UnitId unit, Done done)
 {
-    std::string command = std::string("timeout 50 ") + NKR_CHROMIUM +
-                          " --headless --no-sandbox --disable-gpu --disable-quic --no-first-run"
-                          " --disable-background-networking --disable-component-update --disable-sync"
-                          " --user-data-dir=" + profile.string() + " " + args + " 2>/dev/null";
-    std::string out;
-    if (FILE* pipe = popen(command.c_str(), "r")) {
-        char buffer[4096];
-        size_t n;
-        while ((n = fread(buffer, 1, sizeof buffer, pipe)) > 0) out.append(buffer, n);
-        pclose(pipe);
+    for (int i = 0; i < 200; ++i) {
+        if (done(nkrsim::state(unit))) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }
-    return out;
+    return false;
 }
-#endif
 
-TEST_F(AlpacaTest, BrowserSubmitsTheSettingsFormAndSeesTheResult)
+std::string text(const std::string& selector)
+{
+    return "(document.querySelector('" + selector + "')?.textContent ?? '')";
+}
+
+TEST_F(AlpacaTest, ControlPageMovesTheUnitAndShowsLiveValues)
 {
 #ifndef NKR_CHROMIUM
     GTEST_SKIP() << "chromium is not installed";
 #else
     if (!std::filesystem::exists(NKR_CHROMIUM)) GTEST_SKIP() << "chromium is not installed";
-    connect(0);
-    std::string base = "http://127.0.0.1:" + std::to_string(port_);
+    Chromium browser;
+    ASSERT_TRUE(browser.start(NKR_CHROMIUM, dir_ / "profile"));
+    ASSERT_TRUE(browser.open("http://127.0.0.1:" + std::to_string(port_) + "/", 1000, 1400));
+    EXPECT_EQ(browser.eval("location.pathname"), "/control") << "/ leads to the control page";
 
-    // The overview lists both units with their position.
-    std::string overview = chromium(dir_ / "profile1", "--dump-dom " + base + "/setup");
-    EXPECT_NE(overview.find("414C504143413031"), std::string::npos) << overview;
-    EXPECT_NE(overview.find("414C504143413032"), std::string::npos);
-    EXPECT_NE(overview.find("30000"), std::string::npos);
+    // Both units listed; nothing read from a unit that is not connected.
+    const std::string unit0 = "#focuser-0 ";
+    ASSERT_TRUE(browser.waitFor(text(unit0 + "[data-f=state]") + " === 'not connected'"));
+    EXPECT_EQ(browser.eval(text("#focuser-1 [data-f=serial]")), "serial 414C504143413032");
+    EXPECT_EQ(browser.eval(text(unit0 + "[data-f=position]")), "—");
+    browser.eval("window.samePage = true");
 
-    // A page of the test's own submits the server's form as a person would.
-    std::filesystem::path submit = dir_ / "submit.html";
-    std::ofstream(submit) << "<!DOCTYPE html><form method=\"post\" action=\"" << base
-                          << "/setup/v1/focuser/0/setup\"><input name=\"backlash\" value=\"77\">"
-                             "<input name=\"maxstep\" value=\"abc\"></form>"
-                             "<script>document.forms[0].submit()</script>";
-    std::string result = chromium(dir_ / "profile2", "--virtual-time-budget=10000 --dump-dom file://" + submit.string());
-    EXPECT_NE(result.find("Backlash saved."), std::string::npos) << result;
-    EXPECT_NE(result.find("Maximum step:"), std::string::npos) << result;  // the SDK's refusal is shown
-    EXPECT_EQ(nkrsim::state(unitA_).backlash, 77);
+    // Connect, then a move by click: the unit moves, the page follows by itself.
+    browser.eval("document.querySelector('" + unit0 + "[data-a=connect]').click()");
+    ASSERT_TRUE(browser.waitFor(text(unit0 + "[data-f=position]") + " === '30000 steps'"));
+    browser.eval("{ const f = document.querySelector('" + unit0 + "[data-form=moveto]');"
+                 "f.elements.namedItem('position').value = '31000'; f.querySelector('button').click(); }");
+    ASSERT_TRUE(simulatorReaches(unitA_, [](const nkrsim::UnitState& s) { return s.target == 31000; }));
+    ASSERT_TRUE(runUntilStopped(0));
+    EXPECT_EQ(nkrsim::state(unitA_).position, 31000);
+    EXPECT_TRUE(browser.waitFor(text(unit0 + "[data-f=position]") + " === '31000 steps'"))
+        << browser.eval(text(unit0 + "[data-f=position]"));
+    EXPECT_TRUE(browser.waitFor(text(unit0 + "[data-f=motion]") + " === 'stopped'"));
+    EXPECT_EQ(browser.eval("window.samePage === true"), true) << "the page was not reloaded";
+
+    // A nudge button moves by steps.
+    browser.eval("document.querySelector('" + unit0 + "[data-nudge=\"-100\"]').click()");
+    ASSERT_TRUE(simulatorReaches(unitA_, [](const nkrsim::UnitState& s) { return s.target == 30900; }));
+    ASSERT_TRUE(runUntilStopped(0));
+
+    // A bad maximum is explained beside its field and nothing is changed.
+    ASSERT_TRUE(browser.waitFor("document.querySelector('" + unit0 + "[name=maxstep]').value === '60000'"));
+    browser.eval("{ const s = document.querySelector('" + unit0 + "details.settings'); s.open = true;"
+                 "const g = s.querySelector('form'); g.elements.namedItem('maxstep').value = '-5';"
+                 "g.elements.namedItem('backlash').value = '77'; g.querySelector('button[type=submit]').click(); }");
+    EXPECT_TRUE(browser.waitFor(text(unit0 + "[data-error=maxstep]") + ".startsWith('Maximum step must be a whole number from 1 to 600000 steps')"))
+        << browser.eval(text(unit0 + "[data-error=maxstep]"));
+    EXPECT_TRUE(browser.waitFor(text(unit0 + "[data-role=settings-message]") + ".startsWith('Nothing was changed')"));
+    EXPECT_EQ(nkrsim::state(unitA_).backlash, 0);
+    EXPECT_EQ(get(device(0, "maxstep"))["Value"], 60000);
+
+    // An hour of samples for the plot: the tube cools, the focus follows.
+    const auto now = std::chrono::system_clock::now();
+    for (int i = 0; i <= 720; i += 2) {
+        const double t = i / 720.0;
+        nkrsim::setTemperature(unitA_, 14.0 - 5.5 * t + 0.3 * std::sin(i / 40.0));
+        nkrsim::update(unitA_, [t](nkrsim::UnitState& s) { s.position = 30900 + static_cast<int>(880 * t) / 20 * 20; });
+        server_->recordSamples(now - std::chrono::seconds(3600 - i * 5));
+    }
+    browser.eval("pollHistory()");
+    EXPECT_TRUE(browser.waitFor("document.querySelectorAll('" + unit0 + "path.line').length === 2"));
+    EXPECT_TRUE(browser.waitFor(text(unit0 + "[data-f=position]") + " === '31780 steps'"));
 
 #ifdef NKR_ARTEFACT_DIR
     std::filesystem::create_directories(NKR_ARTEFACT_DIR);
-    std::string shot = std::string(NKR_ARTEFACT_DIR) + "/alpaca-setup.png";
-    chromium(dir_ / "profile3", "--window-size=1000,600 --screenshot=" + shot + " " + base + "/setup");
-    EXPECT_TRUE(std::filesystem::exists(shot));
+    EXPECT_TRUE(browser.screenshot(std::string(NKR_ARTEFACT_DIR) + "/alpaca-control-1000.png"));
+    ASSERT_TRUE(browser.resize(420, 2000));
+    EXPECT_TRUE(browser.waitFor("document.querySelector('" + unit0 + "svg').viewBox.baseVal.width <= 420"));
+    EXPECT_TRUE(browser.screenshot(std::string(NKR_ARTEFACT_DIR) + "/alpaca-control-420.png"));
 #endif
 #endif
 }
