@@ -1,4 +1,4 @@
-// The HTTP side: device API, management API and setup pages on one
+// The HTTP side: device API, management API and control page on one
 // httplib server with bounded bodies, timeouts and a fixed thread pool.
 #pragma once
 

@@ -50,7 +50,7 @@ struct Unit {
 // The outcome of attaching a Bluetooth unit.
 struct AttachResult {
     nkrhost::Status status;
-    std::string message;  // a sentence for the log or the setup page
+    std::string message;  // a sentence for the log or the control page
     bool ok() const { return status.ok(); }
 };
 
