@@ -307,7 +307,9 @@ void applySettings(DeviceRegistry& registry, Unit& unit, const json& values, htt
         if (has("stepsize"))
             saved.push_back(values["stepsize"].is_null() ? "step size cleared"
                                                          : "step size " + number(values["stepsize"]) + " µm");
-        if (patch.contains("temp_comp")) saved.push_back("temperature compensation");
+        if (has("tempcomp")) saved.push_back(std::string("temperature compensation ") + (values["tempcomp"] ? "on" : "off"));
+        if (has("tempcoefficient")) saved.push_back("coefficient " + number(values["tempcoefficient"]) + " steps per °C");
+        if (has("tempdeadband")) saved.push_back("dead band " + number(values["tempdeadband"]) + " °C");
     }
     std::string message = saved.empty() ? "Nothing to save." : "Saved:";
     for (const std::string& s : saved) message += " " + s + (&s == &saved.back() ? "." : ",");

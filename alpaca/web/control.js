@@ -4,7 +4,7 @@
 'use strict';
 
 const POLL_MS = 1000;
-const RESCAN_EVERY = 15;    // polls between scans for newly plugged units
+const RESCAN_EVERY = 30;    // polls between scans for newly plugged units
 const HOUR_MS = 3600 * 1000;
 const SVG = 'http://www.w3.org/2000/svg';
 
