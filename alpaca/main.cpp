@@ -31,6 +31,8 @@ int main(int argc, char** argv)
     app.add_option("--ble", bleNames, "attach the Bluetooth unit with this name (repeatable)");
     app.add_flag("--no-discovery", noDiscovery, "do not answer Alpaca discovery on UDP");
     app.add_option("--discovery-port", discoveryPort, "UDP port of Alpaca discovery")->check(CLI::Range(1, 65535));
+    app.add_option("--allow-host", limits.allowedHosts,
+                   "a further name (a DNS name of this computer) by which browsers may reach the control page (repeatable)");
     app.add_option("--threads", limits.threads, "connections served at once")->check(CLI::Range(1, 256));
     app.add_flag_callback("--version", [] {
         std::printf("nkr-alpaca %s\n", alpaca::driverVersion().c_str());
@@ -79,17 +81,25 @@ int main(int argc, char** argv)
         std::fprintf(stderr, "nkr-alpaca: %s\n", server.startError().c_str());
         return 1;
     }
-    alpaca::logInfo("Alpaca API on http://" + alpaca::urlHost(bind) + ":" + std::to_string(port) +
-                    "/ (setup pages at /setup)");
+    const bool everywhere = bind.empty() || bind == "0.0.0.0" || bind == "::";
+    const std::string portText = std::to_string(port);
+    if (everywhere)
+        alpaca::logInfo("Alpaca API on port " + portText + " of every interface; control page at http://" +
+                        alpaca::hostName() + ":" + portText + "/ (http://localhost:" + portText + "/ on this computer)");
+    else
+        alpaca::logInfo("Alpaca API and control page on http://" + alpaca::urlHost(bind) + ":" + portText + "/");
+    const bool loopback = alpaca::isLoopback(bind);
+    if (loopback)
+        alpaca::logInfo("bound to " + bind + ": only programs on this computer reach the server" +
+                        (noDiscovery ? std::string()
+                                     : ", and discovery answers only probes sent to " + bind +
+                                           " (a broadcast probe or another computer gets no answer)") +
+                        "; --bind 0.0.0.0 serves the network");
     alpaca::DiscoveryResponder discovery(port, discoveryPort, bind);
-    if (noDiscovery) {
+    if (noDiscovery)
         alpaca::logInfo("discovery is off (--no-discovery): clients must be given host and port by hand");
-    } else if (discovery.start()) {
-        const bool loopback = bind == "127.0.0.1" || bind == "::1" || bind == "localhost";
-        if (loopback)
-            alpaca::logInfo("bound to " + bind + ": only programs on this computer find and reach the server "
-                            "(--bind 0.0.0.0 serves the network)");
-    }
+    else
+        discovery.start();  // logs what it answers, or that it is off and why
 
     int signal = 0;
     sigwait(&stopSignals, &signal);

@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cmath>
 #include <cstring>
 #include <nlohmann/json.hpp>
 
@@ -51,7 +52,8 @@ std::optional<int> deviceNumber(const std::string& text)
 }  // namespace
 
 AlpacaServer::AlpacaServer(DeviceRegistry& registry, ServerLimits limits)
-    : registry_(registry), limits_(limits), http_(std::make_unique<httplib::Server>())
+    : registry_(registry), limits_(limits), http_(std::make_unique<httplib::Server>()),
+      history_(limits.historySpan, limits.samplePeriod), guard_(limits.allowedHosts)
 {
     int threads = std::max(1, limits_.threads);
     http_->new_task_queue = [threads] { return new httplib::ThreadPool(static_cast<size_t>(threads)); };
@@ -78,7 +80,7 @@ AlpacaServer::AlpacaServer(DeviceRegistry& registry, ServerLimits limits)
     });
     routeDeviceApi();
     routeManagement();
-    routeSetupPages(*http_, *this);
+    routeControlPage(*http_, *this);
 }
 
 AlpacaServer::~AlpacaServer() { stop(); }
@@ -104,7 +106,36 @@ int AlpacaServer::start(const std::string& host, int port)
     // clients overflows it and a dropped SYN is retried only after a second.
     if (listening >= 0) ::listen(listening, limits_.listenBacklog);
     thread_ = std::thread([this] { http_->listen_after_bind(); });
+    if (limits_.samplingThread) sampler_ = std::thread([this] { sampleLoop(); });
     return port_;
+}
+
+void AlpacaServer::sampleLoop()
+{
+    std::unique_lock lock(samplerMutex_);
+    while (!samplerWake_.wait_for(lock, limits_.samplePeriod, [this] { return samplerStop_; })) {
+        lock.unlock();
+        recordSamples(std::chrono::system_clock::now());
+        lock.lock();
+    }
+}
+
+void AlpacaServer::recordSamples(std::chrono::system_clock::time_point at)
+{
+    const int64_t millis = std::chrono::duration_cast<std::chrono::milliseconds>(at.time_since_epoch()).count();
+    for (auto& unit : registry_.all()) {
+        // Only units a client holds: a sample never opens or reconnects one.
+        if (!unit->connected) continue;
+        Sample sample;
+        sample.millis = millis;
+        int position = 0;
+        if (registry_.call(*unit, [&](int slot) { return NKRGetPosition(slot, &position); }).ok())
+            sample.position = position;
+        float celsius = 0;
+        if (registry_.call(*unit, [&](int slot) { return NKRGetTemp(slot, &celsius); }).ok())
+            sample.temperature = std::round(static_cast<double>(celsius) * 10.0) / 10.0;
+        if (sample.position || sample.temperature) history_.add(unit->number, sample);
+    }
 }
 
 std::string AlpacaServer::bindProblem(const std::string& host, int port)
@@ -135,8 +166,26 @@ std::string urlHost(const std::string& host)
     return host.find(':') != std::string::npos && host.front() != '[' ? "[" + host + "]" : host;
 }
 
+bool isLoopback(const std::string& host)
+{
+    return host == "localhost" || host == "::1" || host == "[::1]" || host.rfind("127.", 0) == 0;
+}
+
+std::string hostName()
+{
+    char name[256] = {};
+    if (gethostname(name, sizeof name - 1) != 0 || name[0] == '\0') return "localhost";
+    return name;
+}
+
 void AlpacaServer::stop()
 {
+    {
+        std::lock_guard lock(samplerMutex_);
+        samplerStop_ = true;
+    }
+    samplerWake_.notify_all();
+    if (sampler_.joinable()) sampler_.join();
     if (!thread_.joinable()) return;
     http_->stop();
     thread_.join();
@@ -179,6 +228,18 @@ void AlpacaServer::routeDeviceApi()
     // library would refuse with an empty 400), are answered here; a PUT with
     // a form body goes on to the route below, once its body is read.
     http_->set_pre_routing_handler([this](const httplib::Request& req, httplib::Response& res) {
+        // Another site's page, or a name pointed at this computer, changes nothing.
+        const bool control = req.path == "/control" || req.path.rfind("/control/", 0) == 0;
+        const bool changes = req.method != "GET" && req.method != "HEAD" && req.method != "OPTIONS";
+        const std::optional<std::string> origin =
+            req.has_header("Origin") ? std::optional<std::string>(req.get_header_value("Origin")) : std::nullopt;
+        if (auto refused = guard_.refusal(req.get_header_value("Host"), origin, port_, control, changes)) {
+            res.status = 403;
+            res.set_content(*refused, "text/plain");
+            // Answered before any body is read: the connection cannot go on.
+            res.set_header("Connection", "close");
+            return httplib::Server::HandlerResponse::Handled;
+        }
         static const std::string prefix = "/api/v1/";
         if (req.path.compare(0, prefix.size(), prefix) != 0) return httplib::Server::HandlerResponse::Unhandled;
         const bool bodiless = req.method == "PUT" && !req.has_header("Content-Length") &&

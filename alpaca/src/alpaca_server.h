@@ -1,14 +1,19 @@
-// The HTTP side: device API, management API and setup pages on one
+// The HTTP side: device API, management API and control page on one
 // httplib server with bounded bodies, timeouts and a fixed thread pool.
 #pragma once
 
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <memory>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "device_registry.h"
+#include "history.h"
+#include "request_guard.h"
 
 namespace httplib {
 class Server;
@@ -31,6 +36,15 @@ struct ServerLimits {
     size_t keepAliveMaxRequests = 100;
     int threads = 16;                 // connections served at once
     int listenBacklog = 512;          // connections waiting to be accepted
+    // The control page's plot: one sample of each connected unit this often,
+    // kept this long. Without the sampling thread samples come only from
+    // recordSamples (tests choose their times).
+    std::chrono::seconds samplePeriod{5};
+    std::chrono::seconds historySpan{3600};
+    bool samplingThread = true;
+    // Names besides IP addresses, localhost and this computer's own name by
+    // which browsers may reach the control page (a DNS name of this host).
+    std::vector<std::string> allowedHosts;
 };
 
 class AlpacaServer {
@@ -47,6 +61,11 @@ public:
     // Why start() failed, in one sentence.
     const std::string& startError() const { return startError_; }
 
+    // Takes one sample of every connected unit for the plot, stamped `at`.
+    void recordSamples(std::chrono::system_clock::time_point at);
+    const History& history() const { return history_; }
+    const RequestGuard& guard() const { return guard_; }
+
     // Counts up from 1 for every device and management answer.
     uint32_t nextServerTransactionId() { return ++serverTransactionId_; }
     DeviceRegistry& registry() { return registry_; }
@@ -57,6 +76,7 @@ private:
                       const std::string& number, const std::string& member);
     static std::string bindProblem(const std::string& host, int port);
     void routeManagement();
+    void sampleLoop();
 
     DeviceRegistry& registry_;
     ServerLimits limits_;
@@ -65,12 +85,23 @@ private:
     std::atomic<uint32_t> serverTransactionId_{0};
     int port_ = -1;
     std::string startError_;
+    History history_;
+    RequestGuard guard_;
+    std::thread sampler_;
+    std::mutex samplerMutex_;
+    std::condition_variable samplerWake_;
+    bool samplerStop_ = false;
 };
 
 // A host as it goes into a URL: an IPv6 literal in brackets.
 std::string urlHost(const std::string& host);
+// True for an address only this computer reaches (127.x.x.x, ::1, localhost).
+bool isLoopback(const std::string& host);
+// This computer's host name ("localhost" when it has none).
+std::string hostName();
 
-// Registers /setup and /setup/v1/focuser/{n}/setup on the server.
-void routeSetupPages(httplib::Server& http, AlpacaServer& server);
+// Registers the control page (/, /control and its JSON API) and the ASCOM
+// setup URLs (/setup, /setup/v1/focuser/{n}/setup), which lead to it.
+void routeControlPage(httplib::Server& http, AlpacaServer& server);
 
 }  // namespace alpaca

@@ -378,6 +378,12 @@ DeviceError DeviceRegistry::isMoving(Unit& unit, bool& moving)
     return fromSdk(rc);
 }
 
+std::string DeviceRegistry::tempCompSummary(Unit& unit)
+{
+    std::lock_guard lock(unit.io);
+    return unit.tempComp ? unit.tempComp->describe() : std::string();
+}
+
 void DeviceRegistry::tick(Clock::time_point now)
 {
     for (auto& unit : all()) {

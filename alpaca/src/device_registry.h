@@ -50,7 +50,7 @@ struct Unit {
 // The outcome of attaching a Bluetooth unit.
 struct AttachResult {
     nkrhost::Status status;
-    std::string message;  // a sentence for the log or the setup page
+    std::string message;  // a sentence for the log or the control page
     bool ok() const { return status.ok(); }
 };
 
@@ -90,6 +90,10 @@ public:
     DeviceError halt(Unit& unit);
     // True while the motor runs or a move has legs to go.
     DeviceError isMoving(Unit& unit, bool& moving);
+
+    // One line on the unit's temperature compensation for a display ("" while
+    // no client holds the unit).
+    std::string tempCompSummary(Unit& unit);
 
     // One round of the background work: the next leg of planned moves and
     // the temperature compensation of connected units. The supervisor thread

@@ -7,6 +7,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
 #include <nlohmann/json.hpp>
 
@@ -17,6 +18,15 @@ namespace {
 
 constexpr char kProbe[] = "alpacadiscovery1";
 constexpr char kGroup6[] = "ff12::a1:9aca";
+
+// Closes fd and returns -1 with errno as the failed call left it.
+int fail(int fd)
+{
+    const int error = errno;
+    close(fd);
+    errno = error;
+    return -1;
+}
 
 int openSocket4(const std::string& host, int port)
 {
@@ -31,12 +41,10 @@ int openSocket4(const std::string& host, int port)
     addr.sin_addr.s_addr = htonl(INADDR_ANY);
     if (!host.empty() && host != "0.0.0.0" && inet_pton(AF_INET, host.c_str(), &addr.sin_addr) != 1) {
         close(fd);
+        errno = EADDRNOTAVAIL;
         return -1;
     }
-    if (bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
-        close(fd);
-        return -1;
-    }
+    if (bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) return fail(fd);
     return fd;
 }
 
@@ -54,12 +62,10 @@ int openSocket6(const std::string& host, int port)
     bool any = host.empty() || host == "0.0.0.0" || host == "::";
     if (!any && inet_pton(AF_INET6, host.c_str(), &addr.sin6_addr) != 1) {
         close(fd);
+        errno = EADDRNOTAVAIL;
         return -1;
     }
-    if (bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
-        close(fd);
-        return -1;
-    }
+    if (bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) return fail(fd);
     if (any) {
         // Join the group on every interface that has multicast; the default
         // interface (0) alone misses the others on a multi-homed host.
@@ -110,16 +116,33 @@ DiscoveryResponder::~DiscoveryResponder() { stop(); }
 
 bool DiscoveryResponder::start()
 {
-    bool v6Only = bindHost_.find(':') != std::string::npos;
-    if (!v6Only) socket4_ = openSocket4(bindHost_, discoveryPort_);
-    int port = socket4_ >= 0 ? localPort(socket4_) : discoveryPort_;
-    std::string host6 = bindHost_.empty() || bindHost_ == "0.0.0.0" ? "" : bindHost_ == "127.0.0.1" ? "::1" : bindHost_;
-    if (v6Only || host6.empty() || host6 == "::1") socket6_ = openSocket6(host6, port);
+    const bool v6Only = bindHost_.find(':') != std::string::npos;
+    std::string problem4, problem6;
+    if (!v6Only) {
+        socket4_ = openSocket4(bindHost_, discoveryPort_);
+        if (socket4_ < 0) problem4 = std::strerror(errno);
+    }
+    const int port = socket4_ >= 0 ? localPort(socket4_) : discoveryPort_;
+    const std::string host6 =
+        bindHost_.empty() || bindHost_ == "0.0.0.0" ? "" : bindHost_ == "127.0.0.1" ? "::1" : bindHost_;
+    const bool want6 = v6Only || host6.empty() || host6 == "::1";
+    if (want6) {
+        socket6_ = openSocket6(host6, port);
+        if (socket6_ < 0) problem6 = std::strerror(errno);
+    }
+    const std::string where = "UDP port " + std::to_string(discoveryPort_);
     if (socket4_ < 0 && socket6_ < 0) {
-        logWarn("discovery: cannot bind UDP port " + std::to_string(discoveryPort_) + " (" + std::strerror(errno) +
-                "); discovery is off: clients must be given host and port by hand");
+        logWarn("discovery is OFF: cannot bind " + where + " (" + (problem4.empty() ? problem6 : problem4) +
+                "; another program holds it without sharing it?). Clients must be given this server's host and "
+                "port by hand, or run with --discovery-port to answer on another port");
         return false;
     }
+    // One family missing leaves discovery half on: say which clients miss out.
+    if (!v6Only && socket4_ < 0)
+        logWarn("discovery over IPv4 is off: cannot bind " + where + " (" + problem4 +
+                "); IPv4 clients (the usual broadcast probe) will not find this server, IPv6 clients still do");
+    if (want6 && socket6_ < 0 && socket4_ >= 0 && host6.empty())
+        logInfo("discovery over IPv6 is off (" + problem6 + "); IPv4 clients still find this server");
     boundPort_ = socket4_ >= 0 ? port : localPort(socket6_);
     logInfo("discovery answers on UDP port " + std::to_string(boundPort_) + (socket4_ >= 0 ? " (IPv4)" : "") +
             (socket6_ >= 0 ? " (IPv6 ff12::a1:9aca)" : ""));

@@ -53,7 +53,9 @@ void AlpacaTest::startServer()
 {
     registry_ = std::make_unique<DeviceRegistry>(statePath_);
     registry_->rescan();
-    server_ = std::make_unique<AlpacaServer>(*registry_);
+    ServerLimits limits;
+    limits.samplingThread = false;  // the plot's samples are taken when a test says
+    server_ = std::make_unique<AlpacaServer>(*registry_, limits);
     port_ = server_->start("127.0.0.1", 0);
     ASSERT_GT(port_, 0);
     client_ = std::make_unique<httplib::Client>("127.0.0.1", port_);

@@ -103,19 +103,19 @@ TEST_F(AlpacaBluetoothTest, DroppedLinkAnswersNotConnectedThenComesBack)
     EXPECT_EQ(nkrsim::bleConnections(dome_), 1);
 }
 
-TEST_F(AlpacaBluetoothTest, SetupPageAttachesAndExplainsAFailure)
+TEST_F(AlpacaBluetoothTest, ControlPageAttachesAndExplainsAFailure)
 {
     httplib::Client browser("127.0.0.1", port_);
-    auto attached = browser.Post("/setup/ble", "name=NKR+Guide", "application/x-www-form-urlencoded");
+    auto attached = browser.Post("/control/v1/bluetooth", "name=NKR+Guide", "application/x-www-form-urlencoded");
     ASSERT_TRUE(attached);
-    EXPECT_NE(attached->body.find("class=\"ok\">Attached: focuser 2 is Bluetooth unit NKR Guide_A1B3"),
-              std::string::npos)
+    json answer = json::parse(attached->body, nullptr, false);
+    EXPECT_EQ(answer["ok"], true) << attached->body;
+    EXPECT_EQ(answer.value("message", "").rfind("Attached: focuser 2 is Bluetooth unit NKR Guide_A1B3 [", 0), 0u)
         << attached->body;
-    auto failed = browser.Post("/setup/ble", "name=Telescope", "application/x-www-form-urlencoded");
+    auto failed = browser.Post("/control/v1/bluetooth", "name=Telescope", "application/x-www-form-urlencoded");
     ASSERT_TRUE(failed);
-    EXPECT_NE(failed->body.find("class=\"error\">Cannot attach Telescope: no focuser answers to"),
-              std::string::npos)
-        << failed->body;
+    EXPECT_EQ(failed->status, 409);
+    EXPECT_NE(failed->body.find("Cannot attach Telescope: no focuser answers to"), std::string::npos) << failed->body;
 }
 
 }  // namespace

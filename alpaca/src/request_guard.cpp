@@ -1,0 +1,66 @@
+#include "request_guard.h"
+
+#include <arpa/inet.h>
+
+#include <algorithm>
+#include <cctype>
+
+#include "alpaca_request.h"
+#include "alpaca_server.h"
+
+namespace alpaca {
+namespace {
+
+std::string lower(std::string s)
+{
+    std::transform(s.begin(), s.end(), s.begin(), [](unsigned char c) { return std::tolower(c); });
+    return s;
+}
+
+bool ipLiteral(const std::string& name)
+{
+    unsigned char buffer[16];
+    if (inet_pton(AF_INET, name.c_str(), buffer) == 1) return true;
+    return name.size() > 2 && name.front() == '[' && name.back() == ']' &&
+           inet_pton(AF_INET6, name.substr(1, name.size() - 2).c_str(), buffer) == 1;
+}
+
+}  // namespace
+
+RequestGuard::RequestGuard(std::vector<std::string> extraHosts)
+{
+    const std::string own = lower(hostName());
+    names_ = {"localhost", own, own + ".local", own.substr(0, own.find('.'))};
+    for (std::string& name : extraHosts) names_.push_back(lower(name));
+}
+
+bool RequestGuard::hostAllowed(const std::string& header, int port) const
+{
+    // "name:port", "[v6]:port", or a bare name for port 80.
+    std::string name = lower(header);
+    std::string portText = "80";
+    const std::size_t colon = name.rfind(':');
+    if (colon != std::string::npos && name.find(']', colon) == std::string::npos) {
+        portText = name.substr(colon + 1);
+        name.resize(colon);
+    }
+    if (!name.empty() && name.back() == '.') name.pop_back();
+    const auto given = parseUint32(portText);
+    if (!given || static_cast<int>(*given) != port || name.empty()) return false;
+    return ipLiteral(name) || std::find(names_.begin(), names_.end(), name) != names_.end();
+}
+
+std::optional<std::string> RequestGuard::refusal(const std::string& host, const std::optional<std::string>& origin,
+                                                 int port, bool control, bool changes) const
+{
+    // A request with an Origin comes from a browser: it gets the control
+    // page's checks wherever it goes.
+    if ((control || (origin && changes)) && !hostAllowed(host, port))
+        return "refused: this server is not known by the name '" + host +
+               "' (use its IP address, localhost or this computer's name, or start nkr-alpaca with --allow-host NAME)";
+    if (changes && origin && lower(*origin) != "http://" + lower(host))
+        return "refused: a page of another site (" + *origin + ") may not change anything here";
+    return std::nullopt;
+}
+
+}  // namespace alpaca

@@ -1,0 +1,158 @@
+// The control page over plain HTTP: where the old URLs lead, which browser
+// requests are refused, how the settings form is checked, and the plot's ring.
+#include "alpaca_fixture.h"
+#include "focuser_members.h"
+
+namespace alpaca::test {
+namespace {
+
+TEST_F(AlpacaTest, RootAndSetupUrlsLeadToTheControlPage)
+{
+    const struct {
+        const char* path;
+        const char* location;
+    } cases[] = {{"/", "/control"}, {"/setup", "/control"}, {"/setup/v1/focuser/1/setup", "/control#focuser-1"}};
+    for (const auto& c : cases) {
+        auto res = client_->Get(c.path);
+        ASSERT_TRUE(res) << c.path;
+        EXPECT_EQ(res->status, 302) << c.path;
+        EXPECT_EQ(res->get_header_value("Location"), c.location) << c.path;
+    }
+    for (const char* asset : {"/control", "/control/control.css", "/control/control.js"}) {
+        auto res = client_->Get(asset);
+        ASSERT_TRUE(res) << asset;
+        EXPECT_EQ(res->status, 200) << asset;
+        EXPECT_GT(res->body.size(), 1000u) << asset;
+    }
+    json state = get("/control/v1/state");
+    EXPECT_EQ(state["server"]["version"], driverVersion());
+    ASSERT_EQ(state["units"].size(), 2u);
+    EXPECT_EQ(state["units"][0]["connected"], false);
+    EXPECT_TRUE(state["units"][0]["position"].is_null());
+}
+
+TEST_F(AlpacaTest, BrowserRequestsFromOtherSitesAreRefusedAndAlpacaClientsAreNot)
+{
+    const std::string port = std::to_string(port_);
+    const std::string here = "127.0.0.1:" + port;
+    const struct {
+        std::string host, origin;  // "" origin: none sent
+        int status;
+    } cases[] = {
+        {here, "", 200},                                          // curl, scripts
+        {here, "http://" + here, 200},                            // the page itself
+        {"localhost:" + port, "http://localhost:" + port, 200},
+        {"[::1]:" + port, "http://[::1]:" + port, 200},
+        {hostName() + ":" + port, "http://" + hostName() + ":" + port, 200},
+        {here, "http://evil.example", 403},                       // a form on another site
+        {here, "null", 403},                                      // a sandboxed or file: page
+        {here, "http://127.0.0.1:1", 403},                        // another port is another site
+        {"evil.example:" + port, "http://evil.example:" + port, 403},  // DNS rebinding
+        {"evil.example:" + port, "", 403},
+        {"127.0.0.1:1", "", 403},
+    };
+    for (const auto& c : cases) {
+        httplib::Headers headers{{"Host", c.host}};
+        if (!c.origin.empty()) headers.emplace("Origin", c.origin);
+        auto res = client_->Post("/control/v1/focuser/0/connect", headers, "", "application/x-www-form-urlencoded");
+        ASSERT_TRUE(res) << c.host << " " << c.origin;
+        EXPECT_EQ(res->status, c.status) << c.host << " " << c.origin << ": " << res->body;
+        EXPECT_EQ(get(device(0, "connected"))["Value"], c.status == 200) << c.host << " " << c.origin;
+        put(device(0, "connected"), "Connected=false");
+    }
+    // Reading the page's state is refused under a foreign name too.
+    auto state = client_->Get("/control/v1/state", {{"Host", "evil.example:" + port}});
+    ASSERT_TRUE(state);
+    EXPECT_EQ(state->status, 403);
+
+    // An Alpaca client sends no Origin, under whatever name it knows the host by.
+    auto alpaca = client_->Put(device(0, "connected"), {{"Host", "observatory.lan:" + port}}, "Connected=true",
+                               "application/x-www-form-urlencoded");
+    ASSERT_TRUE(alpaca);
+    EXPECT_EQ(alpaca->status, 200);
+    EXPECT_EQ(get(device(0, "connected"))["Value"], true);
+    // A browser's PUT from another site gets the page's checks.
+    auto fromPage = client_->Put(device(0, "connected"), {{"Origin", "http://evil.example"}}, "Connected=false",
+                                 "application/x-www-form-urlencoded");
+    ASSERT_TRUE(fromPage);
+    EXPECT_EQ(fromPage->status, 403);
+    EXPECT_EQ(get(device(0, "connected"))["Value"], true);
+}
+
+TEST_F(AlpacaTest, SettingsAreAllCheckedBeforeAnyIsApplied)
+{
+    connect(0);
+    auto post = [&](const std::string& path, const std::string& form) {
+        auto res = client_->Post(path, form, "application/x-www-form-urlencoded");
+        lastStatus_ = res ? res->status : -1;
+        return res ? json::parse(res->body, nullptr, false) : json();
+    };
+    const std::string settings = "/control/v1/focuser/0/settings";
+    const std::string move = "/control/v1/focuser/0/move";
+    // Each bad form names its bad field, and none of its good fields is applied.
+    const struct {
+        std::string path, form, badField;
+    } refused[] = {
+        {settings, "maxstep=-5&backlash=77", "maxstep"},
+        {settings, "maxstep=99999999&reverse=true", "maxstep"},
+        {settings, "maxstep=0", "maxstep"},
+        {settings, "backlash=256", "backlash"},
+        {settings, "backlash=77&alias=TOOLONGALIAS", "alias"},
+        {settings, "speed=fast", "speed"},
+        {settings, "reverse=maybe", "reverse"},
+        {settings, "stepsize=0&backlash=77", "stepsize"},
+        {settings, "tempdeadband=-1", "tempdeadband"},
+        {settings, "colour=red&backlash=77", "colour"},
+        {move, "position=99999", "position"},
+        {move, "steps=abc", "steps"},
+    };
+    for (const auto& c : refused) {
+        json answer = post(c.path, c.form);
+        EXPECT_EQ(lastStatus_, 400) << c.form;
+        EXPECT_EQ(answer["ok"], false) << c.form;
+        EXPECT_TRUE(answer["errors"][c.badField].is_string()) << c.form << ": " << answer.dump();
+    }
+    EXPECT_EQ(nkrsim::state(unitA_).backlash, 0);
+    EXPECT_EQ(nkrsim::state(unitA_).reverse, false);
+    EXPECT_EQ(get(device(0, "ismoving"))["Value"], false);
+    EXPECT_EQ(get(device(0, "maxstep"))["Value"], 60000);
+    EXPECT_EQ(get(device(0, "stepsize"))["ErrorNumber"], kNotImplemented);
+
+    json saved = post(settings, "maxstep=50000&backlash=77&reverse=true&alias=Main&stepsize=2.5");
+    EXPECT_EQ(lastStatus_, 200) << saved.dump();
+    EXPECT_EQ(nkrsim::state(unitA_).backlash, 77);
+    EXPECT_EQ(nkrsim::state(unitA_).reverse, true);
+    EXPECT_EQ(get(device(0, "maxstep"))["Value"], 50000);
+    EXPECT_EQ(get(device(0, "stepsize"))["Value"], 2.5);
+    const std::string readAlias = "Action=Alias&Parameters=";
+    EXPECT_EQ(put(device(0, "action"), readAlias)["Value"], "Main");
+    // An empty alias clears it, and says so.
+    json cleared = post(settings, "alias=");
+    EXPECT_NE(cleared["message"].get<std::string>().find("alias cleared"), std::string::npos) << cleared.dump();
+    EXPECT_EQ(put(device(0, "action"), readAlias)["Value"], "");
+    EXPECT_EQ(post("/control/v1/focuser/0/settings", "")["message"], "Nothing to save.");
+}
+
+TEST_F(AlpacaTest, PlotHistoryKeepsTheLastHourOfConnectedUnits)
+{
+    connect(0);
+    const auto start = std::chrono::system_clock::now() - std::chrono::hours(2);
+    const int taken = 900;  // two hours at one sample per 8 s: more than the ring holds
+    for (int i = 0; i < taken; ++i) {
+        nkrsim::update(unitA_, [i](nkrsim::UnitState& s) { s.position = 20000 + i; });
+        server_->recordSamples(start + std::chrono::seconds(8 * i));
+    }
+    json history = get("/control/v1/history");
+    EXPECT_FALSE(history["units"].contains("1")) << "a unit nobody connected is not sampled";
+    const json& rows = history["units"]["0"];
+    ASSERT_FALSE(rows.empty());
+    EXPECT_LE(rows.size(), server_->history().capacity());
+    const int64_t newest = rows.back()[0], oldest = rows.front()[0];
+    EXPECT_LE(newest - oldest, 3600 * 1000);
+    EXPECT_GE(newest - oldest, 3590 * 1000);
+    EXPECT_EQ(rows.back()[1], 20000 + taken - 1);
+    EXPECT_TRUE(rows.back()[2].is_number());
+}
+
+}  // namespace
+}  // namespace alpaca::test
