@@ -1,17 +1,24 @@
 // Diagnostic log files shared by many processes in one directory: pruning
-// spares the files of processes still running, and processes started in the
-// same second never write into one file. The other process is a real child.
+// spares the files of processes still running, processes started in one
+// second write one file named after that second, and its writers never tear
+// each other's lines, also across rotations. The other processes are real
+// children.
 #include <gtest/gtest.h>
+#include <spdlog/spdlog.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <map>
 #include <regex>
+#include <sstream>
 #include <string>
+#include <vector>
 
 #include "log/Log.h"
 #include "store_test_support.h"
@@ -27,6 +34,16 @@ void touch(const std::string& path, time_t mtime)
 }
 
 std::string nameOf(const std::string& path) { return path.substr(path.rfind('/') + 1); }
+
+// The library's name for a start time, written out independently.
+std::string nameFor(time_t when)
+{
+    char stamp[64];
+    struct tm local {};
+    localtime_r(&when, &local);
+    strftime(stamp, sizeof stamp, "log_%Y-%m-%d_%H-%M-%S.txt", &local);
+    return stamp;
+}
 
 // A child process that has claimed the log file of startTime in dir and holds
 // it until release() (as a running program holds its log).
@@ -113,42 +130,104 @@ TEST(LogClaim, PruningSparesTheFilesOfARunningProcess)
     EXPECT_EQ(left.size(), 20u);
 }
 
-TEST(LogClaim, ProcessesStartedInTheSameSecondGetFilesOfTheirOwn)
+TEST(LogClaim, ProcessesStartedInOneSecondShareTheFileOfThatSecond)
 {
     const std::string dir = freshDir("same-second");
     const time_t start = 1700000000;
     RunningProcess first(dir, start);
-    ASSERT_FALSE(first.path().empty());
+    EXPECT_EQ(nameOf(first.path()), nameFor(start));
 
+    // Beside a running process, and after it ended: the name stays that of
+    // the start second, never a later one.
     int fd = -1;
-    const std::string second = nkrlog::claimLogFile(dir, start, &fd);
-    ASSERT_FALSE(second.empty());
-    EXPECT_NE(second, first.path());
-    EXPECT_GE(fd, 0);
-    // Still a name of the library's form, one second on.
-    const std::regex form(R"(log_\d{4}-\d\d-\d\d_\d\d-\d\d-\d\d\.txt)");
-    EXPECT_TRUE(std::regex_match(nameOf(first.path()), form)) << first.path();
-    EXPECT_TRUE(std::regex_match(nameOf(second), form)) << second;
-    EXPECT_GT(nameOf(second), nameOf(first.path()));
-
-    // A file a finished process left behind is not taken over either.
+    EXPECT_EQ(nameOf(nkrlog::claimLogFile(dir, start, &fd)), nameFor(start));
     first.release();
     int again = -1;
-    const std::string third = nkrlog::claimLogFile(dir, start, &again);
-    EXPECT_NE(third, first.path());
-    EXPECT_NE(third, second);
-    EXPECT_EQ(listDir(dir).size(), 3u);
+    EXPECT_EQ(nameOf(nkrlog::claimLogFile(dir, start, &again)), nameFor(start));
+    int later = -1;
+    EXPECT_EQ(nameOf(nkrlog::claimLogFile(dir, start + 1, &later)), nameFor(start + 1));
+    EXPECT_EQ(listDir(dir), (std::set<std::string>{nameFor(start), nameFor(start + 1)}));
 
-    // The locks of this process protect its files from a pruning.
-    for (const std::string& file : {first.path(), second, third}) touch(file, start);
+    // The shared file stays in use while one of its writers runs.
+    for (const std::string& file : listDir(dir)) touch(dir + file, start);
     for (int i = 0; i < 30; ++i) touch(dir + "new_" + std::to_string(i) + ".txt", start + 60 + i);
+    close(again);
+    close(later);
     nkrlog::removeOldLogFiles(dir, 20);
     auto left = listDir(dir);
-    EXPECT_EQ(left.count(nameOf(second)), 1u);
-    EXPECT_EQ(left.count(nameOf(third)), 1u);
-    EXPECT_EQ(left.count(nameOf(first.path())), 0u);
+    EXPECT_EQ(left.count(nameFor(start)), 1u);
+    EXPECT_EQ(left.count(nameFor(start + 1)), 0u);
     close(fd);
-    close(again);
+    nkrlog::removeOldLogFiles(dir, 20);
+    EXPECT_EQ(listDir(dir).count(nameFor(start)), 0u);
+}
+
+// Processes started in one second log into their shared file at once,
+// lines of many lengths, through several rotations.
+TEST(LogClaim, WritersOfOneFileNeverTearLinesAndRotateItTogether)
+{
+    const std::string dir = freshDir("two-writers");
+    const time_t start = 1700000000;
+    constexpr size_t kMaxSize = 4096, kMaxFiles = 200, kLongest = 600;
+    constexpr int kWriters = 3, kLines = 400;
+    // Line i of writer w: its own letter, a length that varies from line to line.
+    auto payload = [](int w, int i) {
+        return std::string(1 + (i * 37 + w * 101) % kLongest, static_cast<char>('a' + w));
+    };
+    int go[2];
+    ASSERT_EQ(pipe(go), 0);
+    std::vector<pid_t> writers;
+    for (int w = 0; w < kWriters; ++w) {
+        pid_t pid = fork();
+        if (pid == 0) {
+            close(go[1]);
+            auto logger = nkrlog::openLogger(dir, start, kMaxSize, kMaxFiles);
+            char c;
+            if (!logger || read(go[0], &c, 1) != 0) _exit(1);  // all start together
+            for (int i = 0; i < kLines; ++i)
+                logger->info("w{} {} {}", w, i, payload(w, i));
+            _exit(0);
+        }
+        writers.push_back(pid);
+    }
+    close(go[0]);
+    close(go[1]);
+    for (pid_t pid : writers) {
+        int status = -1;
+        waitpid(pid, &status, 0);
+        ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    }
+
+    // Oldest first: log_X.N.txt ... log_X.1.txt, log_X.txt.
+    const std::string base = nameFor(start);
+    const std::string stem = base.substr(0, base.size() - 4);
+    std::vector<std::string> files;
+    for (size_t n = kMaxFiles; n > 0; --n)
+        if (storetest::exists(dir + stem + "." + std::to_string(n) + ".txt"))
+            files.push_back(stem + "." + std::to_string(n) + ".txt");
+    files.push_back(base);
+    EXPECT_EQ(listDir(dir).size(), files.size()) << "only the file and its numbered rotations";
+    EXPECT_GT(files.size(), 10u);
+
+    const std::regex whole(R"(^\[\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3}\] \[info\] w(\d) (\d+) ([a-z]+)$)");
+    std::map<int, int> next;  // per writer: the line it must write next
+    for (const std::string& file : files) {
+        const std::string text = storetest::readFile(dir + file);
+        // Each writer may add one line past the limit; never a whole second share.
+        EXPECT_LE(text.size(), kMaxSize + kWriters * (kLongest + 64)) << file;
+        // Rotated once, when full: not again by the other writer, which finds it rotated.
+        if (file != base) EXPECT_GE(text.size() + kLongest + 64, kMaxSize) << file;
+        std::istringstream in(text);
+        for (std::string line; std::getline(in, line);) {
+            std::smatch m;
+            ASSERT_TRUE(std::regex_match(line, m, whole)) << file << ": " << line;
+            const int w = std::stoi(m[1]), i = std::stoi(m[2]);
+            EXPECT_EQ(m[3].str(), payload(w, i)) << line;
+            EXPECT_EQ(i, next[w]) << "writer " << w << " in " << file;  // none lost, none out of order
+            next[w] = i + 1;
+        }
+    }
+    for (int w = 0; w < kWriters; ++w) EXPECT_EQ(next[w], kLines) << "writer " << w;
 }
 
 }  // namespace

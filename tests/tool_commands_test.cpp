@@ -1,11 +1,15 @@
 // The nkr tool as a new user meets it: messages, the commands scripts need
 // (get, wait, units by serial or alias), set and sync rules, the settings
 // file left alone by commands that only look, ASCII output and the log.
+#include <unistd.h>
+
 #include <cctype>
 #include <cstdlib>
+#include <ctime>
 #include <fstream>
 #include <iterator>
 
+#include "log/Log.h"
 #include "tool_support.h"
 
 namespace nkrtest {
@@ -254,8 +258,19 @@ TEST_F(ToolTest, ToolShowsWhereTheDiagnosticLogIsAndItsLinesLive)
     EXPECT_EQ(where.status, 0);
     EXPECT_EQ(where.out.rfind("/tmp/htx/log/nkr_sdk/\n", 0), 0u) << where.out;
 
+    // Lines of earlier processes in the file of this second (and the next
+    // ones), which the tool's run will share.
+    const std::string earlier = "earlier-process-" + std::to_string(getpid());
+    for (time_t t = time(nullptr), end = t + 3; t < end; ++t) {
+        int fd = -1;
+        if (nkrlog::claimLogFile(nkrlog::kLogDir, t, &fd).empty()) continue;
+        const std::string line = "[2026-01-01 00:00:00.000] [info] [t:1 f] " + earlier + "\n";
+        EXPECT_EQ(write(fd, line.data(), line.size()), static_cast<ssize_t>(line.size()));
+        close(fd);
+    }
     ToolRun verbose = run("-v get 0 position");
     EXPECT_EQ(verbose.status, 0) << verbose.err;
+    EXPECT_EQ(verbose.err.find(earlier), std::string::npos) << "only this run's lines: " << verbose.err;
     EXPECT_EQ(verbose.out, "30000\n");
     EXPECT_NE(verbose.err.find("nkr: log: "), std::string::npos) << verbose.err;
     EXPECT_EQ(verbose.err.find("0x5"), std::string::npos) << "addresses stay in the log file: " << verbose.err;

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <thread>
 
 namespace nkrtool {
@@ -14,6 +15,9 @@ namespace fs = std::filesystem;
 
 std::atomic<bool> g_stop{false};
 std::thread g_tail;
+// The size of every log file when the tail began: processes started in the
+// same second share a file, and what they wrote before this run is theirs.
+std::map<std::string, std::uintmax_t> g_sizesAtStart;
 
 // The log file this process has open, if the library has opened one yet.
 std::string ownLogFile()
@@ -73,7 +77,11 @@ void follow()
         last = g_stop.load();
         if (path.empty()) {
             path = ownLogFile();
-            if (!path.empty()) in.open(path, std::ios::binary);
+            if (!path.empty()) {
+                in.open(path, std::ios::binary);
+                auto before = g_sizesAtStart.find(path);
+                if (before != g_sizesAtStart.end()) in.seekg(static_cast<std::streamoff>(before->second));
+            }
         }
         if (in.is_open()) copyNewLines(in, partial);
         if (!last) std::this_thread::sleep_for(std::chrono::milliseconds(100));
@@ -106,6 +114,12 @@ std::string newestLogFile()
 void startLogTail()
 {
     if (g_tail.joinable()) return;
+    std::error_code ec;
+    for (const auto& entry : fs::directory_iterator(logDirectory(), ec)) {
+        std::error_code e;
+        const std::uintmax_t size = entry.file_size(e);
+        if (!e) g_sizesAtStart[entry.path().string()] = size;
+    }
     g_tail = std::thread(follow);
 }
 

@@ -12,8 +12,9 @@ const char* logDirectory();
 std::string newestLogFile();
 
 // -v: follows the log file this process writes (found through its open
-// descriptors, so another process's log is never shown) and copies each
-// new line to stderr. stopLogTail() prints what is left and ends it.
+// descriptors) from where it ended when the tail began, so the lines of
+// earlier processes that started in the same second are not shown, and
+// copies each new line to stderr. stopLogTail() prints what is left and ends it.
 void startLogTail();
 void stopLogTail();
 

@@ -30,9 +30,10 @@ if args.simulate:
 
 unit = int(args.unit) if args.unit.isdigit() else args.unit
 writer = csv.writer(sys.stdout)
-writer.writerow(["time_utc", "position", "temperature_c"])
 try:
     with nkr.open(unit) as focuser:
+        # The header only once there is a unit to read: no half a CSV on failure.
+        writer.writerow(["time_utc", "position", "temperature_c"])
         taken = 0
         next_reading = time.monotonic()
         while args.count == 0 or taken < args.count:

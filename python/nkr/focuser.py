@@ -188,7 +188,8 @@ class Focuser:
             BeyondLimitError: the target is outside 0..max_step (never clamped).
             MovingError: a move is already running.
             MoveTimeoutError: the move did not end within timeout.
-            KeyboardInterrupt: Ctrl-C while waiting, after the motor was
+            KeyboardInterrupt: Ctrl-C once the move has started (while
+                waiting, or before the first look at it), after the motor was
                 stopped (if the stop itself fails, the error says so instead).
         """
         target = _checks.integer("position", position)
@@ -197,31 +198,36 @@ class Focuser:
         interval = _checks.seconds("poll", poll, allow_none=False) or DEFAULT_POLL
         follower = c_void_p()
         timeout_ms = int(limit * 1000) if limit else 0
-        _host.call("nkr_host_move_planned", self._handle, target, timeout_ms, byref(follower))
         try:
+            _host.call("nkr_host_move_planned", self._handle, target, timeout_ms, byref(follower))
             return self._follow(follower, target, interval) if wait else None
+        except KeyboardInterrupt:
+            # Ctrl-C may land anywhere once the host started the move, even
+            # before the follow loop runs: the motor is stopped before
+            # anything else. A stop that fails is reported as failed, never
+            # passed off as a stop.
+            if follower.value:
+                self._interrupt(follower)
+            raise
         finally:
             _host.load().nkr_host_follow_free(follower)
+
+    def _interrupt(self, follower: c_void_p) -> None:
+        position = c_int(0)
+        message = ctypes.create_string_buffer(1024)
+        stopped = _host.load().nkr_host_follow_interrupt(follower, byref(position), message, len(message))
+        if stopped != 0:
+            raise error_for(stopped, "", message.value.decode("utf-8", "replace") +
+                            "; the motor may still be moving") from None
 
     def _follow(self, follower: c_void_p, target: int, interval: float) -> int:
         """The host's follow loop, one look at a time, so that Ctrl-C is seen."""
         host = _host.load()
         position, moving, percent, end, code = c_int(0), c_int(1), c_int(0), c_int(0), c_int(0)
         message = ctypes.create_string_buffer(1024)
-        while True:
-            try:
-                if host.nkr_host_follow_poll(follower, byref(position), byref(moving), byref(percent), byref(end),
-                                             byref(code), message, len(message)) == 1:
-                    break
-                time.sleep(interval)
-            except KeyboardInterrupt:
-                # The motor is stopped before anything else; a stop that
-                # fails is reported as failed, never passed off as a stop.
-                stopped = host.nkr_host_follow_interrupt(follower, byref(position), message, len(message))
-                if stopped != 0:
-                    raise error_for(stopped, "", message.value.decode("utf-8", "replace") +
-                                    "; the motor may still be moving") from None
-                raise
+        while host.nkr_host_follow_poll(follower, byref(position), byref(moving), byref(percent), byref(end),
+                                        byref(code), message, len(message)) != 1:
+            time.sleep(interval)
         text = message.value.decode("utf-8", "replace")
         if end.value in (_host.REACHED, _host.STOPPED):
             return position.value

@@ -5,6 +5,8 @@ from __future__ import annotations
 import csv
 import io
 import os
+import select
+import signal
 import subprocess
 import sys
 from pathlib import Path
@@ -47,6 +49,36 @@ def test_focus_sweep_writes_csv_and_returns_to_start(tmp_path):
     assert f"back at {positions[2]}" in done.stderr
 
 
+def test_focus_sweep_returns_to_the_start_after_ctrl_c():
+    environment = dict(os.environ, PYTHONPATH=PACKAGE_DIR, PYTHONDONTWRITEBYTECODE="1")
+    environment.pop("NKR_SIMULATE", None)
+    environment.pop("NKR_SIM_UNITS", None)
+    # Python turns SIGINT into KeyboardInterrupt only if it starts with the default action.
+    sweep = subprocess.Popen([sys.executable, str(EXAMPLES / "focus_sweep.py"), "--simulate", "--unit", "1",
+                              "--half-width", "2000", "--step", "2000"], env=environment,
+                             stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                             preexec_fn=lambda: signal.signal(signal.SIGINT, signal.SIG_DFL))
+    try:
+        # The first row is out: the second move (back through the start) runs now.
+        seen = b""
+        while seen.count(b"\n") < 2 and select.select([sweep.stdout], [], [], 60)[0]:
+            chunk = os.read(sweep.stdout.fileno(), 4096)
+            if not chunk:
+                break
+            seen += chunk
+        rows = seen.decode().splitlines()
+        assert len(rows) >= 2 and rows[0].startswith("position,"), (seen, sweep.poll())
+        start = int(rows[1].split(",")[0]) + 2000
+        sweep.send_signal(signal.SIGINT)
+        _, errors = sweep.communicate(timeout=60)
+    finally:
+        sweep.kill()
+        sweep.wait()
+    text = errors.decode()
+    assert sweep.returncode == 130 and "Traceback" not in text, text
+    assert text.strip().endswith(f"interrupted; back at {start}"), text
+
+
 def test_temperature_logger_takes_the_readings_asked_for():
     done = run_example("temperature_logger.py", "--interval", "0.05", "--count", "3")
     rows = list(csv.DictReader(io.StringIO(done.stdout)))
@@ -60,6 +92,21 @@ def test_examples_reject_bad_options():
     done = subprocess.run([sys.executable, str(EXAMPLES / "focus_sweep.py"), "--step", "0"], env=environment,
                           capture_output=True, text=True, timeout=60)
     assert done.returncode == 2 and "--step must be positive" in done.stderr
+
+
+@pytest.mark.parametrize("name", ["minimal_move.py", "focus_sweep.py", "temperature_logger.py"])
+def test_examples_explain_themselves_and_hint_at_simulate_without_units(name):
+    environment = dict(os.environ, PYTHONPATH=PACKAGE_DIR, PYTHONDONTWRITEBYTECODE="1")
+    helped = subprocess.run([sys.executable, str(EXAMPLES / name), "--help"], env=environment,
+                            capture_output=True, text=True, timeout=60)
+    description = helped.stdout.split("\n\n")[1]
+    assert helped.returncode == 0 and description.endswith("."), helped.stdout  # never cut mid-sentence
+    # No units at all, as on a computer without a focuser.
+    environment.update(NKR_SIMULATE="1", NKR_SIM_UNITS="")
+    done = subprocess.run([sys.executable, str(EXAMPLES / name)], env=environment, capture_output=True, text=True,
+                          timeout=60)
+    assert done.returncode == 1 and "Traceback" not in done.stderr, done.stderr
+    assert "add --simulate" in done.stderr and done.stdout == ""
 
 
 def test_readme_python_example_runs_as_written(tmp_path):

@@ -108,6 +108,37 @@ def test_move_with_timeout_stops_the_motor(focuser):
     focuser.move_to(start, timeout=60)
 
 
+def _ctrl_c_after_the_move_starts(monkeypatch):
+    """Ctrl-C landing the moment the host has started the move, before any look at it."""
+    real_call = nkr._host.call
+
+    def call(function, *args):
+        real_call(function, *args)
+        if function == "nkr_host_move_planned":
+            raise KeyboardInterrupt
+
+    monkeypatch.setattr(nkr._host, "call", call)
+
+
+def _ctrl_c_while_following(monkeypatch):
+    def sleep(_seconds):
+        raise KeyboardInterrupt
+
+    monkeypatch.setattr(nkr.focuser.time, "sleep", sleep)
+
+
+@pytest.mark.parametrize("interrupt", [_ctrl_c_after_the_move_starts, _ctrl_c_while_following])
+def test_ctrl_c_during_move_to_stops_the_motor_first(focuser, monkeypatch, interrupt):
+    start = focuser.position
+    with monkeypatch.context() as patched:
+        interrupt(patched)
+        with pytest.raises(KeyboardInterrupt):
+            focuser.move_to(start + 20000, timeout=30)
+    assert not focuser.moving
+    assert start <= focuser.position < start + 20000
+    assert focuser.move_to(start, timeout=30) == start  # not refused as still moving
+
+
 def test_sync_declares_the_position(focuser):
     here = focuser.position
     focuser.sync(here + 1234)

@@ -3,8 +3,13 @@
 #pragma once
 #include <cstdio>
 #include <ctime>
+#include <memory>
 #include <string>
 #include <string_view>
+
+namespace spdlog {
+class logger;
+}
 
 // Sets up the log directory, prunes old files and creates the logger (once).
 void InitLogger();
@@ -17,16 +22,21 @@ namespace nkrlog {
 // Directory of the log files (with the trailing slash).
 inline constexpr const char* kLogDir = "/tmp/htx/log/nkr_sdk/";
 // Deletes the oldest ".txt" files of dir so that at most keep remain, but
-// never a file of a process that is still running: a file whose name shares
-// its part before the first '.' with a file locked by claimLogFile (its
-// rotated files) is left alone, so more than keep may remain.
+// never a file a running process writes: a file whose name shares its part
+// before the first '.' with a file that a process holds open (its rotated
+// files) is left alone, so more than keep may remain.
 void removeOldLogFiles(const std::string& dir, size_t keep);
-// Creates a new log file in dir named after the local time startTime and
-// locks it for the life of the process (the descriptor is kept open, closed
-// on exec). A name some other process already made (it started in the same
-// second) is never shared: the name of the next second is taken instead.
-// Returns the path, or "" with the reason on stderr; *fd receives the lock.
+// Opens the log file in dir named after the local time startTime, creating it
+// unless a process started in the same second already did (then both write
+// it), and marks it in use with a shared lock for as long as *fd stays open
+// (closed on exec). Returns the path, or "" with the reason on stderr.
 std::string claimLogFile(const std::string& dir, time_t startTime, int* fd);
+// A logger on the file claimLogFile gives, as InitLogger makes it (pattern,
+// levels, one whole write per line, rotation at maxSize shared with the other
+// writers of the file), but with the size and count given and not
+// registered; nullptr when the file cannot be opened.
+std::shared_ptr<spdlog::logger> openLogger(const std::string& dir, time_t startTime, size_t maxSize,
+                                           size_t maxFiles);
 // Creates dir one component at a time (0755) and checks each component with
 // lstat: a symbolic link, a non-directory or (below the top level) a directory
 // owned by another user makes it unsafe. False, with the reason on stderr,
