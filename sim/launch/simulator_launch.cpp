@@ -4,6 +4,7 @@
 #include <strings.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -11,6 +12,9 @@
 
 #ifndef NKR_SIM_DIR
 #define NKR_SIM_DIR ""
+#endif
+#ifndef NKR_BUILD_DIR
+#define NKR_BUILD_DIR ""
 #endif
 #ifndef NKR_INSTALL_LIBDIR
 #define NKR_INSTALL_LIBDIR "lib"
@@ -24,18 +28,28 @@ namespace {
 constexpr const char* kActiveMarker = "NKR_SIM_ACTIVE";
 constexpr const char* kSimLibraryName = "libhidapi-hidraw.so.0";
 
-// The build tree's simulator first, then the one installed beside the
-// program; every folder tried is added to looked.
+// True when `path` lies inside `folder` (both absolute and normal).
+bool inside(const fs::path& path, const fs::path& folder)
+{
+    auto [end, rest] = std::mismatch(folder.begin(), folder.end(), path.begin(), path.end());
+    return end == folder.end() && rest != path.end();
+}
+
+// The build tree's simulator for a program run from that tree, else the one
+// installed beside the program; every folder tried is added to looked. An
+// installed program never takes a build tree's simulator, even while that
+// tree is still there.
 fs::path findSimulatorDirectory(std::string& looked)
 {
     std::error_code ec;
+    fs::path self = fs::read_symlink("/proc/self/exe", ec);
+    if (ec) return {};
     fs::path built = NKR_SIM_DIR;
-    if (!built.empty()) {
+    fs::path buildTree = NKR_BUILD_DIR;
+    if (!built.empty() && !buildTree.empty() && inside(self.lexically_normal(), buildTree.lexically_normal())) {
         looked += built.string();
         if (fs::exists(built / kSimLibraryName, ec)) return built;
     }
-    fs::path self = fs::read_symlink("/proc/self/exe", ec);
-    if (ec) return {};
     for (const char* libDir : {"lib", NKR_INSTALL_LIBDIR}) {
         fs::path installed = (self.parent_path() / ".." / libDir / "nkr-sim").lexically_normal();
         if (looked.find(installed.string()) != std::string::npos) continue;
