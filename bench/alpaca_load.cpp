@@ -1,10 +1,13 @@
 // Load on nkr-alpaca: clients read a focuser's position over HTTP keep-alive,
 // one thread and one connection each, for a fixed time; every latency is
-// kept. With --direct the same reads are made in-process through the public
+// kept. With --rate each client sends at a fixed pace instead of as fast as
+// it can (an open loop: the latency of a request the server made wait for
+// the one before is counted from when it was due). With --direct the same reads are made in-process through the public
 // interface (run under the simulator), which gives the baseline the server's
 // round trip is compared with. scripts/bench-alpaca runs both.
 //
 // Prints one line of key=value figures; exits 1 when any request failed.
+#include <sys/prctl.h>
 #include <sys/resource.h>
 
 #include <CLI/CLI.hpp>
@@ -34,6 +37,7 @@ struct Options {
     int warmup = 200;                // requests per client before timing starts
     std::vector<int> devices{0};     // client i uses devices[i % size]
     bool direct = false;
+    double rate = 0;                 // requests per second and client; 0: closed loop
 };
 
 // What one client saw. Latencies in nanoseconds, capped at 4.29 s to halve
@@ -42,8 +46,10 @@ struct ClientResult {
     std::vector<uint32_t> latencies;
     int64_t maxNanos = 0;
     long over1ms = 0;
+    long over20ms = 0;
     long errors = 0;
     long closedByServer = 0;  // answers that ended the keep-alive connection
+    int64_t reconnectMaxNanos = 0;  // slowest request that had to open a new connection
 };
 
 // Fixes the timed span when the last client has warmed up, before any starts.
@@ -59,13 +65,47 @@ struct TimedSpan {
 };
 using StartBarrier = std::barrier<TimedSpan>;
 
-void record(ClientResult& out, Clock::time_point start, Clock::time_point end)
+int64_t record(ClientResult& out, Clock::time_point start, Clock::time_point end)
 {
     int64_t ns = std::chrono::duration_cast<std::chrono::nanoseconds>(end - start).count();
     out.latencies.push_back(static_cast<uint32_t>(std::min<int64_t>(ns, UINT32_MAX)));
     out.maxNanos = std::max(out.maxNanos, ns);
     if (ns > 1000000) ++out.over1ms;
+    if (ns > 20000000) ++out.over20ms;
+    return ns;
 }
+
+// The open loop's pace: when the next request is due, and from when its time
+// counts. A request the previous one made late counts from when it was due
+// (the server's wait is the client's); otherwise from when it is sent, so that
+// the client's own late wake-up from sleep is not put on the server.
+class Pace {
+public:
+    explicit Pace(double rate)
+        : interval_(rate > 0 ? std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(1.0 / rate))
+                             : Clock::duration::zero())
+    {
+        // The default timer slack (50 µs) would make every paced wake-up late.
+        if (rate > 0) prctl(PR_SET_TIMERSLACK, 1UL, 0UL, 0UL, 0UL);
+    }
+    Clock::time_point begin()
+    {
+        if (interval_ == Clock::duration::zero()) return Clock::now();
+        Clock::time_point now = Clock::now();
+        if (due_ == Clock::time_point{}) due_ = now;
+        Clock::time_point from = due_;
+        if (now < due_) {
+            std::this_thread::sleep_until(due_);
+            from = Clock::now();
+        }
+        due_ += interval_;
+        return from;
+    }
+
+private:
+    Clock::duration interval_;
+    Clock::time_point due_{};
+};
 
 // The first few failures are worth reading; the rest are only counted.
 void reportError(const std::string& what)
@@ -98,20 +138,28 @@ void httpClient(const Options& options, int device, StartBarrier& start, const C
     client.set_connection_timeout(5, 0);
     client.set_read_timeout(5, 0);
     const std::string path = "/api/v1/focuser/" + std::to_string(device) + "/position";
-    for (int i = 0; i < options.warmup; ++i) client.Get(path);
+    bool reconnect = true;  // the next request opens a connection
+    for (int i = 0; i < options.warmup; ++i) {
+        auto result = client.Get(path);
+        reconnect = !result || result->get_header_value("Connection") == "close";
+    }
     start.arrive_and_wait();
+    Pace pace(options.rate);
     while (Clock::now() < *stopAt) {
-        auto begin = Clock::now();
+        auto begin = pace.begin();
         auto result = client.Get(path);
         auto end = Clock::now();
         std::string error = checkAnswer(result);
         if (!error.empty()) {
             ++out.errors;
             reportError(error);
+            reconnect = true;
             continue;
         }
-        record(out, begin, end);
-        if (result->get_header_value("Connection") == "close") ++out.closedByServer;
+        int64_t ns = record(out, begin, end);
+        if (reconnect) out.reconnectMaxNanos = std::max(out.reconnectMaxNanos, ns);
+        reconnect = result->get_header_value("Connection") == "close";
+        if (reconnect) ++out.closedByServer;
     }
 }
 
@@ -121,8 +169,9 @@ void directClient(const Options& options, int slot, StartBarrier& start, const C
     int position = 0;
     for (int i = 0; i < options.warmup; ++i) NKRGetPosition(slot, &position);
     start.arrive_and_wait();
+    Pace pace(options.rate);
     while (Clock::now() < *stopAt) {
-        auto begin = Clock::now();
+        auto begin = pace.begin();
         int rc = NKRGetPosition(slot, &position);
         auto end = Clock::now();
         if (rc != NKR_SUCCESS) {
@@ -178,6 +227,8 @@ int main(int argc, char** argv)
     app.add_option("--warmup", options.warmup, "untimed requests per client first")->check(CLI::Range(0, 1000000));
     app.add_option("--devices", options.devices, "device numbers (scan indexes with --direct), shared out round-robin")
         ->delimiter(',');
+    app.add_option("--rate", options.rate, "requests per second and client, sent at that pace (default: as fast as answered)")
+        ->check(CLI::Range(0.0, 1e6));
     app.add_flag("--direct", options.direct, "call NKRGetPosition in-process instead of going through the server");
     CLI11_PARSE(app, argc, argv);
     if (!options.direct && options.port == 0) {
@@ -215,11 +266,13 @@ int main(int argc, char** argv)
         for (int slot : targets) NKRClose(slot);
 
     std::vector<uint32_t> all;
-    long errors = 0, closed = 0, over1ms = 0;
-    int64_t maxNanos = 0;
+    long errors = 0, closed = 0, over1ms = 0, over20ms = 0;
+    int64_t maxNanos = 0, reconnectMax = 0;
     for (auto& result : results) {
         maxNanos = std::max(maxNanos, result.maxNanos);
+        reconnectMax = std::max(reconnectMax, result.reconnectMaxNanos);
         over1ms += result.over1ms;
+        over20ms += result.over20ms;
         all.insert(all.end(), result.latencies.begin(), result.latencies.end());
         errors += result.errors;
         closed += result.closedByServer;
@@ -228,10 +281,11 @@ int main(int argc, char** argv)
     std::string devices;
     for (int d : options.devices) devices += (devices.empty() ? "" : ",") + std::to_string(d);
     std::printf("mode=%s clients=%d devices=%s seconds=%.1f requests=%zu errors=%ld closed_by_server=%ld rps=%.0f "
-                "median_us=%.1f p99_us=%.1f max_us=%.1f over_1ms=%ld cpu_us_per_request=%.2f\n",
+                "median_us=%.1f p99_us=%.1f max_us=%.1f over_1ms=%ld over_20ms=%ld reconnect_max_us=%.1f cpu_us_per_request=%.2f\n",
                 options.direct ? "direct" : "http", options.clients, devices.c_str(), elapsed, all.size(), errors,
                 closed, static_cast<double>(all.size()) / elapsed, quantileMicros(all, 0.5),
-                quantileMicros(all, 0.99), static_cast<double>(maxNanos) / 1000.0, over1ms,
+                quantileMicros(all, 0.99), static_cast<double>(maxNanos) / 1000.0, over1ms, over20ms,
+                static_cast<double>(reconnectMax) / 1000.0,
                 all.empty() ? 0.0 : cpu * 1e6 / static_cast<double>(all.size()));
     return errors == 0 && !all.empty() ? 0 : 1;
 }

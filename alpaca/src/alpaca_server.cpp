@@ -22,24 +22,29 @@ namespace {
 
 using nlohmann::json;
 
-void sendJson(httplib::Response& res, const json& body)
-{
-    res.status = 200;
-    res.set_content(body.dump(), "application/json");
-}
-
 void sendBadRequest(httplib::Response& res, const std::string& reason)
 {
     res.status = 400;
     res.set_content(reason, "text/plain");
 }
 
-json envelope(AlpacaServer& server, const AlpacaRequest& req)
+// Every device and management answer: the four members every Alpaca answer
+// carries, then Value when there is one. The fixed parts are written as they
+// always read (most answers are a position or a flag, and building a JSON
+// object for them cost as much as the rest of the request's own work); the
+// message and the value are written by the JSON library.
+void sendAnswer(httplib::Response& res, AlpacaServer& server, const AlpacaRequest& req, int errorNumber = 0,
+                const std::string& errorMessage = {}, const json* value = nullptr)
 {
-    return {{"ClientTransactionID", req.clientTransactionId()},
-            {"ServerTransactionID", server.nextServerTransactionId()},
-            {"ErrorNumber", 0},
-            {"ErrorMessage", ""}};
+    std::string text = R"({"ClientTransactionID":)" + std::to_string(req.clientTransactionId()) +
+                       R"(,"ServerTransactionID":)" + std::to_string(server.nextServerTransactionId()) +
+                       R"(,"ErrorNumber":)" + std::to_string(errorNumber) + R"(,"ErrorMessage":)";
+    text += errorMessage.empty() ? R"("")" : json(errorMessage).dump();
+    if (value != nullptr) text += R"(,"Value":)" + value->dump();
+    text += '}';
+    res.status = 200;
+    res.body = std::move(text);  // set_content would copy it
+    res.set_header("Content-Type", "application/json");
 }
 
 std::optional<int> deviceNumber(const std::string& text)
@@ -207,14 +212,8 @@ void AlpacaServer::answerDevice(const httplib::Request& req, httplib::Response& 
             return sendBadRequest(res, request.isPut() ? "'" + memberName + "' is read-only"
                                                        : "'" + memberName + "' must be sent with PUT");
         Answer answer = run(registry_, *unit, request);
-        json body = envelope(*this, request);
-        if (answer.error.number != kOk) {
-            body["ErrorNumber"] = answer.error.number;
-            body["ErrorMessage"] = answer.error.message;
-        } else if (answer.value) {
-            body["Value"] = *answer.value;
-        }
-        sendJson(res, body);
+        if (answer.error.number != kOk) return sendAnswer(res, *this, request, answer.error.number, answer.error.message);
+        sendAnswer(res, *this, request, 0, {}, answer.value ? &*answer.value : nullptr);
     } catch (const BadRequest& e) {
         sendBadRequest(res, e.what());
     }
@@ -233,7 +232,10 @@ void AlpacaServer::routeDeviceApi()
         const bool changes = req.method != "GET" && req.method != "HEAD" && req.method != "OPTIONS";
         const std::optional<std::string> origin =
             req.has_header("Origin") ? std::optional<std::string>(req.get_header_value("Origin")) : std::nullopt;
-        if (auto refused = guard_.refusal(req.get_header_value("Host"), origin, port_, control, changes)) {
+        // Alpaca clients send no Origin: outside the control page only browsers are checked.
+        auto refused = control || origin ? guard_.refusal(req.get_header_value("Host"), origin, port_, control, changes)
+                                         : std::nullopt;
+        if (refused) {
             res.status = 403;
             res.set_content(*refused, "text/plain");
             // Answered before any body is read: the connection cannot go on.
@@ -282,19 +284,15 @@ void AlpacaServer::routeDeviceApi()
 void AlpacaServer::routeManagement()
 {
     http_->Get("/management/apiversions", [this](const httplib::Request& req, httplib::Response& res) {
-        AlpacaRequest request(req);
-        json body = envelope(*this, request);
-        body["Value"] = json::array({1});
-        sendJson(res, body);
+        const json versions = json::array({1});
+        sendAnswer(res, *this, AlpacaRequest(req), 0, {}, &versions);
     });
     http_->Get("/management/v1/description", [this](const httplib::Request& req, httplib::Response& res) {
-        AlpacaRequest request(req);
-        json body = envelope(*this, request);
-        body["Value"] = {{"ServerName", "nkr-alpaca"},
-                         {"Manufacturer", "NKR focuser SDK"},
-                         {"ManufacturerVersion", driverVersion()},
-                         {"Location", "focuser host"}};
-        sendJson(res, body);
+        const json description = {{"ServerName", "nkr-alpaca"},
+                                  {"Manufacturer", "NKR focuser SDK"},
+                                  {"ManufacturerVersion", driverVersion()},
+                                  {"Location", "focuser host"}};
+        sendAnswer(res, *this, AlpacaRequest(req), 0, {}, &description);
     });
     http_->Get("/management/v1/configureddevices", [this](const httplib::Request& req, httplib::Response& res) {
         AlpacaRequest request(req);
@@ -305,9 +303,7 @@ void AlpacaServer::routeManagement()
                                {"DeviceType", "Focuser"},
                                {"DeviceNumber", unit->number},
                                {"UniqueID", unit->uniqueId}});
-        json body = envelope(*this, request);
-        body["Value"] = devices;
-        sendJson(res, body);
+        sendAnswer(res, *this, request, 0, {}, &devices);
     });
 }
 
