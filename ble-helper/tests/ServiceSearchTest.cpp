@@ -52,24 +52,18 @@ void addChar(ObjectTree& tree, const std::string& path, const std::string& servi
 
 }  // namespace
 
-TEST(Uuid, SigBaseUuidsAreStandardServices)
+TEST(Uuid, SigBaseUuidsAndAddresses)
 {
-    EXPECT_TRUE(isSigUuid("00001800-0000-1000-8000-00805f9b34fb"));
-    EXPECT_TRUE(isSigUuid("0000180F-0000-1000-8000-00805F9B34FB"));
-    EXPECT_FALSE(isSigUuid(kSerial));
-    EXPECT_FALSE(isSigUuid("12341800-0000-1000-8000-00805f9b34fb"));
-    EXPECT_FALSE(isSigUuid(""));
-}
-
-TEST(Uuid, AddressesParseAndOtherTextIsNotAnAddress)
-{
-    EXPECT_TRUE(isBluetoothAddress("AA:BB:cc:00:11:22"));
-    EXPECT_EQ(addressValue("00:00:00:00:01:02"), 0x0102);
-    EXPECT_EQ(addressValue("FF:FF:FF:FF:FF:FF"), 0xFFFFFFFFFFFFLL);
-    EXPECT_FALSE(isBluetoothAddress("NKR Pro"));
-    EXPECT_FALSE(isBluetoothAddress("AA:BB:CC:DD:EE:F"));
-    EXPECT_FALSE(isBluetoothAddress("AA-BB-CC-DD-EE-FF"));
-    EXPECT_EQ(addressValue("NKR Pro"), 0);
+    for (auto [uuid, sig] : {std::pair{"00001800-0000-1000-8000-00805f9b34fb", true},
+                             {"0000180F-0000-1000-8000-00805F9B34FB", true}, {kSerial.c_str(), false},
+                             {"12341800-0000-1000-8000-00805f9b34fb", false}, {"", false}})
+        EXPECT_EQ(isSigUuid(uuid), sig) << uuid;
+    for (auto [text, value] : {std::pair{"00:00:00:00:01:02", 0x0102LL}, {"FF:FF:FF:FF:FF:FF", 0xFFFFFFFFFFFFLL},
+                               {"AA:BB:cc:00:11:22", 0xAABBCC001122LL}, {"NKR Pro", 0LL}, {"AA:BB:CC:DD:EE:F", 0LL},
+                               {"AA:BB:CC:DD:EE:FFF", 0LL}, {"AA-BB-CC-DD-EE-FF", 0LL}}) {
+        EXPECT_EQ(isBluetoothAddress(text), value != 0) << text;
+        EXPECT_EQ(addressValue(text), value) << text;
+    }
 }
 
 TEST(ServiceSearch, StandardServicesAndIncompleteServicesAreSkipped)
@@ -116,21 +110,20 @@ TEST(ServiceSearch, OneCharacteristicMayWriteAndIndicateAndReportsItsMtu)
     EXPECT_EQ(found.mtu, 185u);
 }
 
-TEST(ServiceSearch, SecondaryServicesAndOtherDevicesDoNotCount)
+TEST(ServiceSearch, SecondaryServicesOtherDevicesAndOverrides)
 {
-    ObjectTree tree;
-    addService(tree, kDev + "/service0020", kSerial, /*primary=*/false);
-    addChar(tree, kDev + "/service0020/char0021", kDev + "/service0020", "x", {"write", "notify"});
-    SerialService found;
-    EXPECT_FALSE(findSerialService(tree, kDev, {}, found));
-    addService(tree, kDev + "/service0030", kSerial);
-    addChar(tree, kDev + "/service0030/char0031", kDev + "/service0030", "x", {"write", "notify"});
-    EXPECT_FALSE(findSerialService(tree, "/org/bluez/hci0/dev_00_00_00_00_00_02", {}, found));
-    EXPECT_TRUE(findSerialService(tree, kDev, {}, found));
-}
-
-TEST(ServiceSearch, OverridesNameTheServiceAndCharacteristicsInAnyCase)
-{
+    {
+        ObjectTree tree;
+        addService(tree, kDev + "/service0020", kSerial, /*primary=*/false);
+        addChar(tree, kDev + "/service0020/char0021", kDev + "/service0020", "x", {"write", "notify"});
+        SerialService found;
+        EXPECT_FALSE(findSerialService(tree, kDev, {}, found));
+        addService(tree, kDev + "/service0030", kSerial);
+        addChar(tree, kDev + "/service0030/char0031", kDev + "/service0030", "x", {"write", "notify"});
+        EXPECT_FALSE(findSerialService(tree, "/org/bluez/hci0/dev_00_00_00_00_00_02", {}, found));
+        EXPECT_TRUE(findSerialService(tree, kDev, {}, found));
+    }
+    // Overrides name the service and characteristics in any case.
     ObjectTree tree;
     addService(tree, kDev + "/service0001", "0000fff0-0000-1000-8000-00805f9b34fb");
     addChar(tree, kDev + "/service0001/char0002", kDev + "/service0001", "0000fff1-0000-1000-8000-00805f9b34fb",
