@@ -39,7 +39,7 @@ TEST_F(Ident, Firmware321RefusesAndSendsNothing322Accepts)
 TEST_F(Ident, SerialIsUnpackedOnOlderUnitsAndPlainOnNewerOnes)
 {
     nkrsim::UnitSpec older = unitWithFirmware(336);
-    older.serial = {0x12, 0x34, 0x56, 0x78, 0x9A, 0xBC, 0xDE, 0xF0};
+    older.serial = {0x12, 0x34, 0x56, 0x78, 0x9A, 0xBC, 0xDE, 0xF7};  // the last half-byte is not 0
     nkrsim::UnitSpec newer = proUnit();
     newer.serial = {0xF1, 0xE2, 0xD3, 0xC4, 0xB5, 0xA6, 0x97, 0x88};
     nkrsim::UnitId olderUnit;
