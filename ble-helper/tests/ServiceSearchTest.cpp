@@ -15,29 +15,10 @@ namespace {
 const std::string kDev = "/org/bluez/hci0/dev_AA_BB_CC_DD_EE_01";
 const std::string kSerial = "6e400001-b5a3-f393-e0a9-e50e24dcca9e";
 
-Value text(const std::string& s, const char* sig = "s")
-{
-    Value v;
-    v.signature = sig;
-    v.text = s;
-    return v;
-}
-
-Value flag(bool b)
-{
-    Value v;
-    v.signature = "b";
-    v.boolean = b;
-    return v;
-}
-
-Value flags(std::vector<std::string> list)
-{
-    Value v;
-    v.signature = "as";
-    v.texts = std::move(list);
-    return v;
-}
+Value text(const std::string& s, const char* sig = "s") { Value v; v.signature = sig; v.text = s; return v; }
+Value flag(bool b) { Value v; v.signature = "b"; v.boolean = b; return v; }
+Value flags(std::vector<std::string> list) { Value v; v.signature = "as"; v.texts = std::move(list); return v; }
+Value number(long n, const char* sig) { Value v; v.signature = sig; v.number = n; return v; }
 
 void addService(ObjectTree& tree, const std::string& path, const std::string& uuid, bool primary = true)
 {
@@ -99,10 +80,7 @@ TEST(ServiceSearch, OneCharacteristicMayWriteAndIndicateAndReportsItsMtu)
     addService(tree, kDev + "/service0020", kSerial);
     addChar(tree, kDev + "/service0020/char0021", kDev + "/service0020", "6e400002-b5a3-f393-e0a9-e50e24dcca9e",
             {"write", "indicate"});
-    Value mtu;
-    mtu.signature = "q";
-    mtu.number = 185;
-    tree[kDev + "/service0020/char0021"][kCharIface]["MTU"] = mtu;
+    tree[kDev + "/service0020/char0021"][kCharIface]["MTU"] = number(185, "q");
     SerialService found;
     ASSERT_TRUE(findSerialService(tree, kDev, {}, found));
     EXPECT_EQ(found.writePath, found.notifyPath);
@@ -151,12 +129,7 @@ TEST(AdapterTree, FirstOrNamedAdapterAndOnlyItsNkrUnitsAreListed)
     tree["/org/bluez/hci0"][kAdapterIface] = {{"Powered", flag(true)}};
     tree["/org/bluez/hci1"][kAdapterIface] = {{"Powered", flag(true)}};
     tree["/org/bluez/hci0/dev_AA_BB_CC_DD_EE_01"][kDeviceIface] = {
-        {"Name", text("NKR Pro")}, {"Address", text("AA:BB:CC:DD:EE:01")}, {"RSSI", [] {
-             Value v;
-             v.signature = "n";
-             v.number = -60;
-             return v;
-         }()}};
+        {"Name", text("NKR Pro")}, {"Address", text("AA:BB:CC:DD:EE:01")}, {"RSSI", number(-60, "n")}};
     tree["/org/bluez/hci0/dev_AA_BB_CC_DD_EE_02"][kDeviceIface] = {{"Alias", text("NKR Mini")},
                                                                     {"Address", text("AA:BB:CC:DD:EE:02")}};
     tree["/org/bluez/hci0/dev_AA_BB_CC_DD_EE_03"][kDeviceIface] = {{"Name", text("Headphones")},

@@ -1,7 +1,5 @@
-// What real radios do to a session: answers in small pieces, slow service
-// resolution, a link that drops mid-exchange or goes with bluetoothd, a
-// refused write, the adapter switched off, a refused connect, and a helper
-// that must not be loaded.
+// What real radios and stacks do to a session, and a helper that must not be
+// loaded.
 #include <sys/stat.h>
 
 #include <atomic>

@@ -38,20 +38,12 @@ bool Child::readLine(std::string& line, int timeoutMs)
 
 void Child::stop()
 {
-    if (pid > 0) {
-        kill(pid, SIGTERM);
-        for (int i = 0; i < 100; ++i) {
-            if (waitpid(pid, nullptr, WNOHANG) == pid) {
-                pid = -1;
-                break;
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
-        if (pid > 0) {
-            kill(pid, SIGKILL);
-            waitpid(pid, nullptr, 0);
-            pid = -1;
-        }
+    for (int i = 0; pid > 0; ++i) {
+        if (i == 0) kill(pid, SIGTERM);
+        if (i == 100) kill(pid, SIGKILL);  // not gone within a second
+        const pid_t gone = waitpid(pid, nullptr, i >= 100 ? 0 : WNOHANG);
+        if (gone == pid || gone < 0) pid = -1;
+        else std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
     if (out >= 0) close(out);
     out = -1;
