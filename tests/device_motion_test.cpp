@@ -115,8 +115,8 @@ TEST_F(DeviceMotion, SettingsInTheFrameAndTheirBounds)
         int byte, value, mode;  // mode: byte 10, -1 unchecked
     };
     const Step steps[] = {
-        {[&] { return NKRSetBeep(id, true); }, 13, 0x01, 0}, {[&] { return NKRSetMaxForce(id, 20); }, 13, 0x41, -1},
-        {[&] { return NKRSetReverse(id, true); }, 13, 0x43, -1}, {[&] { return NKRSetMaxForce(id, 0x1F3); }, 13, 0x33, -1},
+        {[&] { return NKRSetBeep(id, true); }, 13, 0x01, 0}, {[&] { return NKRSetMaxForce(id, 0x1F3); }, 13, 0x31, -1},
+        {[&] { return NKRSetReverse(id, true); }, 13, 0x33, -1}, {[&] { return NKRSetMaxForce(id, 20); }, 13, 0x43, -1},
         {[&] { return NKRSetBacklash(id, 255); }, 5, 255, 0},
         {[&] { return NKRSetMaxStep(id, 1000000); }, 14, 0xEA, 2},  // clamped to the range, stored
         {[&] { return NKRSetMaxStep(id, -3); }, 14, 0x00, 2},
@@ -131,7 +131,7 @@ TEST_F(DeviceMotion, SettingsInTheFrameAndTheirBounds)
     }
     int force = -1;
     ASSERT_EQ(NKRGetMaxForce(id, &force), NKR_SUCCESS);
-    EXPECT_EQ(force, 3);
+    EXPECT_EQ(force, 4);  // the unit reads the high half-byte
     EXPECT_EQ(nkrsim::state(unit).maxStep, 0);
     nkrsim::clearSentReports(unit);
     EXPECT_EQ(NKRSetBacklash(id, 256), NKR_ERROR_INVALID_VALUE);

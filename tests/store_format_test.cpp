@@ -60,6 +60,7 @@ TEST(Store, CreatedFileHasTheDocumentedLayoutAndSharedModes)
     EXPECT_EQ(XMLQueryInt(&h, "MaxStep", -1), 60000);
     EXPECT_EQ(XMLCloseKey(&h), 1);
     EXPECT_EQ(modeOf(configDir() + "NKRconfig.xml"), 0666u);
+    EXPECT_EQ(XMLCreateKey("NKRconfig.xml", "\\/", &h, nullptr), 0) << "a key path without a name";
 }
 
 TEST(Store, DamagedFilesAndValuesFailCleanly)
