@@ -67,19 +67,11 @@ TEST_F(BleExports, SessionIdsAndAllInformation)
     });
     _NKR_ALL_INFO info;
     ASSERT_EQ(NKRBLEgetAllInfo(id, &info), NKR_SUCCESS);
-    EXPECT_EQ(info.MoveState, 0);
-    EXPECT_EQ(info.Backlash, 7);
-    EXPECT_EQ(info.Step, 600000);
+    EXPECT_EQ(std::vector<int>({info.MoveState, info.Backlash, info.Step, info.Beep, info.Reverse, info.HandControl,
+                                info.MaxStep, info.BleControl, info.Battery.battery_temp, info.Battery.battery_percentage}),
+              std::vector<int>({0, 7, 600000, 1, 0, 1, 500000, 1, 25, 87}));
     EXPECT_FLOAT_EQ(info.Temperature, 25.5f);
-    EXPECT_EQ(info.Beep, 1);
-    EXPECT_EQ(info.Reverse, 0);
-    EXPECT_EQ(info.HandControl, 1);
-    EXPECT_EQ(info.MaxStep, 500000);
-    EXPECT_EQ(info.BleControl, 1);
-    EXPECT_EQ(std::string(info.MotorErrCode, 2), "E5");
-    EXPECT_EQ(std::string(info.BatteryErrCode, 2), "E7");
-    EXPECT_EQ(info.Battery.battery_temp, 25);
-    EXPECT_EQ(info.Battery.battery_percentage, 87);
+    EXPECT_EQ(std::string(info.MotorErrCode, 2) + std::string(info.BatteryErrCode, 2), "E5E7");
 
     // A temperature word of 0 (-300 degrees) repeats the last good value.
     nkrsim::update(unit, [](nkrsim::UnitState& s) { s.tempRaw = 0; });
@@ -162,8 +154,7 @@ TEST_F(BleExports, EveryExportOverTheLink)
     // Settings, and a move polled to its end.
     int value = -1;
     ASSERT_EQ(NKRSetBacklash(id, 7), NKR_SUCCESS);
-    EXPECT_EQ(NKRGetBacklash(id, &value), NKR_SUCCESS);
-    EXPECT_EQ(value, 7);
+    EXPECT_EQ(nkrsim::state(unit).backlash, 7);
     ASSERT_EQ(NKRMove(id, 31000), NKR_SUCCESS);
     EXPECT_EQ(NKRMove(id, 32000), NKR_ERROR_MOVING);
     bool moving = true;
@@ -224,30 +215,25 @@ TEST_F(BleExports, EveryExportOverTheLink)
 
 TEST_F(BleExports, ShortOrRefusedAnswers)
 {
-    CNKR* d = dev(id);
-    unsigned char sn[8];
+    _NKR_SN sn;
     int reason = 7;
-
-    // Too short to hold a status byte.
-    rawNextAnswer(0x05, {});
-    EXPECT_EQ(d->getSerialNumber(sn, 8, true), NKR_ERROR_GENERAL);
-
+    unsigned char major, minor, build;
+    bool on;
+    rawNextAnswer(0x05, {});  // too short to hold a status byte
+    EXPECT_EQ(NKRGetSerialNumber(id, &sn), NKR_ERROR_GENERAL);
     // A status but no data behind it.
     rawNextAnswer(0x07, {0x00});
-    EXPECT_EQ(d->getPowerOffReason(&reason, true), NKR_ERROR_GENERAL);
+    EXPECT_EQ(NKRGetReason(id, &reason), NKR_ERROR_GENERAL);
     EXPECT_EQ(reason, 7);
-    unsigned char major, minor, build;
     rawNextAnswer(0x07, {0x00, 0x00, 0x03});
-    EXPECT_EQ(d->getFwVer(&major, &minor, &build, true), NKR_ERROR_GENERAL);
-    bool on;
+    EXPECT_EQ(NKRGetFirmwareVersion(id, &major, &minor, &build), NKR_ERROR_GENERAL);
     rawNextAnswer(0x07, {0x00});
-    EXPECT_EQ(d->getLEDState(&on, true), NKR_ERROR_GENERAL);
-
+    EXPECT_EQ(NKRGetLedState(id, &on), NKR_ERROR_GENERAL);
     // A refusing status leaves the outputs empty and is no error.
-    std::memset(sn, 0x55, sizeof sn);
+    std::memset(sn.SN, 0x55, sizeof sn.SN);
     nkrsim::bleStatus(unit, 0x05);
-    EXPECT_EQ(d->getSerialNumber(sn, 8, true), NKR_SUCCESS);
-    EXPECT_EQ(Bytes(sn, sn + 8), Bytes(8, 0));
+    EXPECT_EQ(NKRGetSerialNumber(id, &sn), NKR_SUCCESS);
+    EXPECT_EQ(Bytes(sn.SN, sn.SN + 8), Bytes(8, 0));
 }
 
 }  // namespace

@@ -1,12 +1,10 @@
-// Shared set-up of the Bluetooth tests: a device object connected to a
-// simulated Pro unit through the simulated helper library.
+// Shared set-up of the Bluetooth tests: simulated Pro units reached through
+// the simulated helper library.
 #pragma once
-#include <memory>
 #include <string>
 #include <vector>
 
 #include "ble/BluetoothLEProtocol.h"
-#include "device/NKR.h"
 #include "test_support.h"
 
 namespace nkrtest {
@@ -39,21 +37,5 @@ inline int connectAndPair(const nkrsim::UnitSpec& spec, nkrsim::UnitId unit)
     EXPECT_EQ(NKRBLEPair(id), NKR_SUCCESS);
     return id;
 }
-
-class BleTest : public SimTest {
-protected:
-    // Adds a Bluetooth unit and a device object connected to it.
-    std::unique_ptr<CNKR> connect(const nkrsim::UnitSpec& spec, nkrsim::UnitId* unit)
-    {
-        *unit = nkrsim::addUnit(spec);
-        auto device = std::make_unique<CNKR>();
-        std::string address = nkrsim::bleAddress(*unit);
-        EXPECT_EQ(device->BLEConnect(spec.bleName.c_str(), address.c_str()), NKR_SUCCESS);
-        return device;
-    }
-
-    // The status read, the smallest request every unit answers.
-    static std::vector<uint8_t> statusPayload() { return {0x7E, 0x5A, 0x02, 0x03}; }
-};
 
 }  // namespace nkrtest

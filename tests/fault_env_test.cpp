@@ -144,39 +144,64 @@ protected:
     std::string home_;
 };
 
-TEST_F(FaultHome, UnwritableHomeKeepsTheStateInMemoryOnly)
+// Each home in turn, over one unit power-cycled between sessions: the unit
+// keeps working, the session's position comes back the next time (from the
+// file when it could be saved, else from the unit itself), a damaged record
+// is neither used nor touched at open, and nothing is written where it should not be.
+TEST_F(FaultHome, UnusableHomesAndDamagedOrBlockedSettingsFiles)
 {
+    const std::string file = faulttest::settingsPath();
+    faulttest::writeSavedRecord(kEarlier);
+    const std::string good = storetest::readFile(file);
     storetest::writeFile(home_ + "/plain-file", "x");
+    struct Case {
+        const char* why;
+        std::string home;
+        std::function<void()> plant;
+        bool saved;  // the close writes the record
+    };
+    const Case cases[] = {
+        {"missing home", "/nonexistent-nkr-home/deeper", [] {}, false},
+        {"home is a file", home_ + "/plain-file", [] {}, false},
+        {"half a record", home_, [&] { storetest::writeFile(file, good.substr(0, good.size() / 2)); }, true},
+        {"garbage", home_, [&] { storetest::writeFile(file, "\x01\x02garbage"); }, true},
+        {"empty file", home_, [&] { storetest::writeFile(file, ""); }, true},
+        {"a directory in its place", home_, [&] { unlink(file.c_str()); mkdir(file.c_str(), 0700); }, false},
+    };
     nkrsim::UnitId unit;
-    int id = plugAndScan(unitWithFirmware(382), &unit);
-    ASSERT_GE(id, 0);
-    for (const std::string& bad : {std::string("/nonexistent-nkr-home/deeper"), home_ + "/plain-file"}) {
-        SCOPED_TRACE(bad);
-        setenv("HOME", bad.c_str(), 1);
+    const int id = plugAndScan(unitWithFirmware(382), &unit);
+    int target = 2000;
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.why);
+        setenv("HOME", c.home.c_str(), 1);
+        c.plant();
+        const std::string before = storetest::readFile(file);
         nkrsim::unplug(unit);  // power cycle: the unit forgets its position
         nkrsim::replug(unit);
         ASSERT_EQ(NKROpen(id), NKR_SUCCESS);
-        int value = -1;
-        EXPECT_EQ(NKRGetPosition(id, &value), NKR_SUCCESS);
-        EXPECT_EQ(value, NKR_POWER_ON_POSITION) << "nothing to restore from";
-        EXPECT_EQ(NKRSetBacklash(id, 33), NKR_SUCCESS);
-        EXPECT_EQ(NKRMove(id, 2500), NKR_SUCCESS);
+        int pos = -1, backlash = -1;
+        EXPECT_EQ(NKRGetPosition(id, &pos), NKR_SUCCESS);
+        EXPECT_EQ(pos, nkrtest::kPowerOnPosition) << "nothing usable to restore from";
+        EXPECT_EQ(storetest::readFile(file), before) << "nothing touched at open";
+        target += 100;
+        EXPECT_EQ(NKRSetBacklash(id, 33) | NKRMove(id, target), NKR_SUCCESS);
         nkrsim::advanceMicros(20000000);
-        EXPECT_EQ(NKRGetPosition(id, &value), NKR_SUCCESS);
-        EXPECT_EQ(value, 2500);
-        EXPECT_EQ(NKRGetBacklash(id, &value), NKR_SUCCESS);
-        EXPECT_EQ(value, 33);
+        EXPECT_EQ(NKRGetPosition(id, &pos) | NKRGetBacklash(id, &backlash), NKR_SUCCESS);
+        EXPECT_EQ(std::make_pair(pos, backlash), std::make_pair(target, 33));
         EXPECT_EQ(NKRClose(id), NKR_SUCCESS);
-        // The unit itself kept its state: the next open finds it there.
+        const auto saved = savedRecord();
+        EXPECT_EQ(saved && saved->position == target, c.saved);
+        // The unit itself kept its state: an open without a power cycle finds it there.
         EXPECT_EQ(NKROpen(id), NKR_SUCCESS);
-        EXPECT_EQ(NKRGetPosition(id, &value), NKR_SUCCESS);
-        EXPECT_EQ(value, 2500);
+        EXPECT_EQ(NKRGetPosition(id, &pos), NKR_SUCCESS);
+        EXPECT_EQ(pos, target);
         EXPECT_EQ(NKRClose(id), NKR_SUCCESS);
+        setenv("HOME", home_.c_str(), 1);
     }
     EXPECT_FALSE(storetest::exists("/nonexistent-nkr-home"));
     EXPECT_EQ(storetest::readFile(home_ + "/plain-file"), "x");
-    setenv("HOME", home_.c_str(), 1);
-    EXPECT_FALSE(storetest::exists(faulttest::settingsPath()));
+    // A failed save leaves no temporary file behind.
+    EXPECT_EQ(listDir(storetest::configDir()), std::set<std::string>{"NKRconfig.xml"});
 }
 
 TEST_F(FaultHome, UnsetHomeFallsBackToThePasswordDatabase)
@@ -204,53 +229,6 @@ TEST_F(FaultHome, UnsetHomeFallsBackToThePasswordDatabase)
         pwHome);
     if (rc == faulttest::kNoPrivateTmp) GTEST_SKIP() << "no private mount namespace possible here";
     EXPECT_EQ(rc, 0) << "child failed; its check number is the exit code";
-}
-
-TEST_F(FaultHome, DamagedSettingsFileIsReplacedAtTheNextClose)
-{
-    nkrsim::UnitId unit;
-    int id = plugAndScan(unitWithFirmware(382), &unit);
-    ASSERT_GE(id, 0);
-    faulttest::writeSavedRecord(kEarlier);
-    const std::string good = storetest::readFile(faulttest::settingsPath());
-    for (const std::string& damaged : {good.substr(0, good.size() / 2), std::string("\x01\x02garbage"),
-                                      std::string()}) {
-        storetest::writeFile(faulttest::settingsPath(), damaged);
-        nkrsim::unplug(unit);
-        nkrsim::replug(unit);
-        ASSERT_EQ(NKROpen(id), NKR_SUCCESS);
-        int pos = -1;
-        EXPECT_EQ(NKRGetPosition(id, &pos), NKR_SUCCESS);
-        EXPECT_EQ(pos, NKR_POWER_ON_POSITION) << "a damaged record is not used";
-        EXPECT_EQ(storetest::readFile(faulttest::settingsPath()), damaged) << "nor touched at open";
-        EXPECT_EQ(NKRMove(id, 4200), NKR_SUCCESS);
-        nkrsim::advanceMicros(20000000);
-        EXPECT_EQ(NKRClose(id), NKR_SUCCESS);
-        auto saved = savedRecord();
-        ASSERT_TRUE(saved.has_value());
-        EXPECT_EQ(saved->position, 4200);
-    }
-}
-
-TEST_F(FaultHome, SettingsPathTakenByADirectory)
-{
-    const std::string dir = storetest::configDir();
-    ASSERT_EQ(mkdir(dir.c_str(), 0700), 0);
-    ASSERT_EQ(mkdir(faulttest::settingsPath().c_str(), 0700), 0);
-    nkrsim::UnitId unit;
-    int id = openUnit(unitWithFirmware(382), &unit);
-    EXPECT_EQ(NKRMove(id, 800), NKR_SUCCESS);
-    nkrsim::advanceMicros(20000000);
-    EXPECT_EQ(NKRClose(id), NKR_SUCCESS);
-    // The save failed without leaving its temporary file behind.
-    EXPECT_EQ(listDir(dir), std::set<std::string>{"NKRconfig.xml"});
-    struct stat st {};
-    ASSERT_EQ(stat(faulttest::settingsPath().c_str(), &st), 0);
-    EXPECT_TRUE(S_ISDIR(st.st_mode));
-    EXPECT_EQ(NKROpen(id), NKR_SUCCESS);
-    int pos = -1;
-    EXPECT_EQ(NKRGetPosition(id, &pos), NKR_SUCCESS);
-    EXPECT_EQ(pos, 800);
 }
 
 }  // namespace

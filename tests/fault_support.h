@@ -16,7 +16,6 @@
 #include <regex>
 #include <string>
 
-#include "device/NKR.h"
 #include "store_test_support.h"
 #include "test_support.h"
 
@@ -51,16 +50,23 @@ inline std::optional<Saved> savedRecord(const std::string& path = settingsPath()
     return Saved{*p, *b, *be, *m, *r};
 }
 
-// Saves a record as an earlier session's close would have.
+// Writes a record as an earlier session's close would have (4-byte little-endian hex).
+inline std::string leHex(int v)
+{
+    char out[9];
+    const unsigned u = static_cast<unsigned>(v);
+    std::snprintf(out, sizeof out, "%02x%02x%02x%02x", u & 0xFF, (u >> 8) & 0xFF, (u >> 16) & 0xFF, u >> 24);
+    return out;
+}
 inline void writeSavedRecord(const Saved& s)
 {
-    CNKR unit;
-    unit.step = s.position;
-    unit.iBacklash = s.backlash;
-    unit.bBeep = s.beep == 1;
-    unit.maxstep = s.maxStep;
-    unit.bReverse = s.reverse == 1;
-    unit.SaveSetting();
+    std::string values;
+    const std::pair<const char*, int> fields[] = {
+        {"Position", s.position}, {"Backlash", s.backlash}, {"Beep", s.beep}, {"MaxStep", s.maxStep}, {"Reverse", s.reverse}};
+    for (const auto& [name, v] : fields)
+        values += std::string("<") + name + " type=\"4\">" + leHex(v) + "</" + name + ">\n";
+    storetest::writeFile(settingsPath(), "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<software>\n<HTX_Drevomat>\n" +
+                                             values + "</HTX_Drevomat>\n</software>\n");
 }
 
 // Exit code of a child that could not get a private /tmp (no permission for

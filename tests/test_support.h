@@ -13,6 +13,9 @@
 
 namespace nkrtest {
 
+// Where a unit stands after power-on, as the firmware reports it.
+inline constexpr int kPowerOnPosition = 30000;
+
 inline void advanceSimClock(unsigned us) { nkrsim::advanceMicros(us); }
 
 class SimTest : public ::testing::Test {
@@ -59,9 +62,8 @@ protected:
         return id;
     }
 
+    // The one seam into the registry: which device path a slot stands for.
     static std::string slotPath(int id) { return slotInRange(id) ? DevPathArray[id] : ""; }
-    // The device object behind an open slot.
-    static CNKR* dev(int id) { return pNKR[id].load(); }
 };
 
 // Spec of a unit with the given firmware (major*100 + minor*10 + build).

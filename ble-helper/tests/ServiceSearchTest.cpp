@@ -15,29 +15,10 @@ namespace {
 const std::string kDev = "/org/bluez/hci0/dev_AA_BB_CC_DD_EE_01";
 const std::string kSerial = "6e400001-b5a3-f393-e0a9-e50e24dcca9e";
 
-Value text(const std::string& s, const char* sig = "s")
-{
-    Value v;
-    v.signature = sig;
-    v.text = s;
-    return v;
-}
-
-Value flag(bool b)
-{
-    Value v;
-    v.signature = "b";
-    v.boolean = b;
-    return v;
-}
-
-Value flags(std::vector<std::string> list)
-{
-    Value v;
-    v.signature = "as";
-    v.texts = std::move(list);
-    return v;
-}
+Value text(const std::string& s, const char* sig = "s") { Value v; v.signature = sig; v.text = s; return v; }
+Value flag(bool b) { Value v; v.signature = "b"; v.boolean = b; return v; }
+Value flags(std::vector<std::string> list) { Value v; v.signature = "as"; v.texts = std::move(list); return v; }
+Value number(long n, const char* sig) { Value v; v.signature = sig; v.number = n; return v; }
 
 void addService(ObjectTree& tree, const std::string& path, const std::string& uuid, bool primary = true)
 {
@@ -52,24 +33,18 @@ void addChar(ObjectTree& tree, const std::string& path, const std::string& servi
 
 }  // namespace
 
-TEST(Uuid, SigBaseUuidsAreStandardServices)
+TEST(Uuid, SigBaseUuidsAndAddresses)
 {
-    EXPECT_TRUE(isSigUuid("00001800-0000-1000-8000-00805f9b34fb"));
-    EXPECT_TRUE(isSigUuid("0000180F-0000-1000-8000-00805F9B34FB"));
-    EXPECT_FALSE(isSigUuid(kSerial));
-    EXPECT_FALSE(isSigUuid("12341800-0000-1000-8000-00805f9b34fb"));
-    EXPECT_FALSE(isSigUuid(""));
-}
-
-TEST(Uuid, AddressesParseAndOtherTextIsNotAnAddress)
-{
-    EXPECT_TRUE(isBluetoothAddress("AA:BB:cc:00:11:22"));
-    EXPECT_EQ(addressValue("00:00:00:00:01:02"), 0x0102);
-    EXPECT_EQ(addressValue("FF:FF:FF:FF:FF:FF"), 0xFFFFFFFFFFFFLL);
-    EXPECT_FALSE(isBluetoothAddress("NKR Pro"));
-    EXPECT_FALSE(isBluetoothAddress("AA:BB:CC:DD:EE:F"));
-    EXPECT_FALSE(isBluetoothAddress("AA-BB-CC-DD-EE-FF"));
-    EXPECT_EQ(addressValue("NKR Pro"), 0);
+    for (auto [uuid, sig] : {std::pair{"00001800-0000-1000-8000-00805f9b34fb", true},
+                             {"0000180F-0000-1000-8000-00805F9B34FB", true}, {kSerial.c_str(), false},
+                             {"12341800-0000-1000-8000-00805f9b34fb", false}, {"", false}})
+        EXPECT_EQ(isSigUuid(uuid), sig) << uuid;
+    for (auto [text, value] : {std::pair{"00:00:00:00:01:02", 0x0102LL}, {"FF:FF:FF:FF:FF:FF", 0xFFFFFFFFFFFFLL},
+                               {"AA:BB:cc:00:11:22", 0xAABBCC001122LL}, {"NKR Pro", 0LL}, {"AA:BB:CC:DD:EE:F", 0LL},
+                               {"AA:BB:CC:DD:EE:FFF", 0LL}, {"AA-BB-CC-DD-EE-FF", 0LL}}) {
+        EXPECT_EQ(isBluetoothAddress(text), value != 0) << text;
+        EXPECT_EQ(addressValue(text), value) << text;
+    }
 }
 
 TEST(ServiceSearch, StandardServicesAndIncompleteServicesAreSkipped)
@@ -105,10 +80,7 @@ TEST(ServiceSearch, OneCharacteristicMayWriteAndIndicateAndReportsItsMtu)
     addService(tree, kDev + "/service0020", kSerial);
     addChar(tree, kDev + "/service0020/char0021", kDev + "/service0020", "6e400002-b5a3-f393-e0a9-e50e24dcca9e",
             {"write", "indicate"});
-    Value mtu;
-    mtu.signature = "q";
-    mtu.number = 185;
-    tree[kDev + "/service0020/char0021"][kCharIface]["MTU"] = mtu;
+    tree[kDev + "/service0020/char0021"][kCharIface]["MTU"] = number(185, "q");
     SerialService found;
     ASSERT_TRUE(findSerialService(tree, kDev, {}, found));
     EXPECT_EQ(found.writePath, found.notifyPath);
@@ -116,21 +88,20 @@ TEST(ServiceSearch, OneCharacteristicMayWriteAndIndicateAndReportsItsMtu)
     EXPECT_EQ(found.mtu, 185u);
 }
 
-TEST(ServiceSearch, SecondaryServicesAndOtherDevicesDoNotCount)
+TEST(ServiceSearch, SecondaryServicesOtherDevicesAndOverrides)
 {
-    ObjectTree tree;
-    addService(tree, kDev + "/service0020", kSerial, /*primary=*/false);
-    addChar(tree, kDev + "/service0020/char0021", kDev + "/service0020", "x", {"write", "notify"});
-    SerialService found;
-    EXPECT_FALSE(findSerialService(tree, kDev, {}, found));
-    addService(tree, kDev + "/service0030", kSerial);
-    addChar(tree, kDev + "/service0030/char0031", kDev + "/service0030", "x", {"write", "notify"});
-    EXPECT_FALSE(findSerialService(tree, "/org/bluez/hci0/dev_00_00_00_00_00_02", {}, found));
-    EXPECT_TRUE(findSerialService(tree, kDev, {}, found));
-}
-
-TEST(ServiceSearch, OverridesNameTheServiceAndCharacteristicsInAnyCase)
-{
+    {
+        ObjectTree tree;
+        addService(tree, kDev + "/service0020", kSerial, /*primary=*/false);
+        addChar(tree, kDev + "/service0020/char0021", kDev + "/service0020", "x", {"write", "notify"});
+        SerialService found;
+        EXPECT_FALSE(findSerialService(tree, kDev, {}, found));
+        addService(tree, kDev + "/service0030", kSerial);
+        addChar(tree, kDev + "/service0030/char0031", kDev + "/service0030", "x", {"write", "notify"});
+        EXPECT_FALSE(findSerialService(tree, "/org/bluez/hci0/dev_00_00_00_00_00_02", {}, found));
+        EXPECT_TRUE(findSerialService(tree, kDev, {}, found));
+    }
+    // Overrides name the service and characteristics in any case.
     ObjectTree tree;
     addService(tree, kDev + "/service0001", "0000fff0-0000-1000-8000-00805f9b34fb");
     addChar(tree, kDev + "/service0001/char0002", kDev + "/service0001", "0000fff1-0000-1000-8000-00805f9b34fb",
@@ -158,12 +129,7 @@ TEST(AdapterTree, FirstOrNamedAdapterAndOnlyItsNkrUnitsAreListed)
     tree["/org/bluez/hci0"][kAdapterIface] = {{"Powered", flag(true)}};
     tree["/org/bluez/hci1"][kAdapterIface] = {{"Powered", flag(true)}};
     tree["/org/bluez/hci0/dev_AA_BB_CC_DD_EE_01"][kDeviceIface] = {
-        {"Name", text("NKR Pro")}, {"Address", text("AA:BB:CC:DD:EE:01")}, {"RSSI", [] {
-             Value v;
-             v.signature = "n";
-             v.number = -60;
-             return v;
-         }()}};
+        {"Name", text("NKR Pro")}, {"Address", text("AA:BB:CC:DD:EE:01")}, {"RSSI", number(-60, "n")}};
     tree["/org/bluez/hci0/dev_AA_BB_CC_DD_EE_02"][kDeviceIface] = {{"Alias", text("NKR Mini")},
                                                                     {"Address", text("AA:BB:CC:DD:EE:02")}};
     tree["/org/bluez/hci0/dev_AA_BB_CC_DD_EE_03"][kDeviceIface] = {{"Name", text("Headphones")},

@@ -38,20 +38,12 @@ bool Child::readLine(std::string& line, int timeoutMs)
 
 void Child::stop()
 {
-    if (pid > 0) {
-        kill(pid, SIGTERM);
-        for (int i = 0; i < 100; ++i) {
-            if (waitpid(pid, nullptr, WNOHANG) == pid) {
-                pid = -1;
-                break;
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
-        if (pid > 0) {
-            kill(pid, SIGKILL);
-            waitpid(pid, nullptr, 0);
-            pid = -1;
-        }
+    for (int i = 0; pid > 0; ++i) {
+        if (i == 0) kill(pid, SIGTERM);
+        if (i == 100) kill(pid, SIGKILL);  // not gone within a second
+        const pid_t gone = waitpid(pid, nullptr, i >= 100 ? 0 : WNOHANG);
+        if (gone == pid || gone < 0) pid = -1;
+        else std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
     if (out >= 0) close(out);
     out = -1;
@@ -105,6 +97,13 @@ void BlueZTest::SetUp()
     ASSERT_GT(bus_.pid, 0) << "dbus-daemon did not start";
     ASSERT_TRUE(bus_.readLine(busAddress_, 10000)) << "dbus-daemon printed no address";
 
+    setenv("DBUS_SYSTEM_BUS_ADDRESS", busAddress_.c_str(), 1);
+    setenv("NKR_BLE_HELPER", NKR_BLE_HELPER_PATH, 1);
+    setenv("HOME", (tmp_ + "/home").c_str(), 1);
+    setenv("XDG_STATE_HOME", (tmp_ + "/home/state").c_str(), 1);
+    setenv("NKR_BLE_TIMEOUT_MS", "1000", 1);
+    if (!serveBluez()) return;
+
     std::vector<std::string> argv = {"/usr/bin/python3", NKR_SIM_BLUEZ, "--bus", busAddress_};
     for (auto& a : simArgs()) argv.push_back(a);
     std::vector<std::string> env = {"NKR_SIM_LIBRARY=" NKR_SIM_LIBRARY};
@@ -118,12 +117,6 @@ void BlueZTest::SetUp()
     std::string ready;
     ASSERT_TRUE(sim_.readLine(ready, 20000)) << "nkr-sim-bluez did not come up";
     ASSERT_EQ(ready.rfind("ready ", 0), 0u) << ready;
-
-    setenv("DBUS_SYSTEM_BUS_ADDRESS", busAddress_.c_str(), 1);
-    setenv("NKR_BLE_HELPER", NKR_BLE_HELPER_PATH, 1);
-    setenv("HOME", (tmp_ + "/home").c_str(), 1);
-    setenv("XDG_STATE_HOME", (tmp_ + "/home/state").c_str(), 1);
-    setenv("NKR_BLE_TIMEOUT_MS", "1000", 1);
 }
 
 void BlueZTest::TearDown()
@@ -136,46 +129,30 @@ void BlueZTest::TearDown()
     }
 }
 
-void BlueZTest::control(const char* method, const char* signature, unsigned value)
+// One call to nkr-sim-bluez's control interface; the "u" answer, if any.
+unsigned BlueZTest::control(const char* method, const char* signature, unsigned value)
 {
     sd_bus* bus = nullptr;
-    ASSERT_GE(sd_bus_new(&bus), 0);
-    sd_bus_set_address(bus, busAddress_.c_str());
-    sd_bus_set_bus_client(bus, 1);
-    ASSERT_GE(sd_bus_start(bus), 0);
     sd_bus_error error = SD_BUS_ERROR_NULL;
     sd_bus_message* reply = nullptr;
-    int r;
-    if (signature[0] == 'u')
-        r = sd_bus_call_method(bus, "org.nkr.SimBlueZ", "/org/nkr/sim", "org.nkr.SimControl1", method, &error,
-                               &reply, "u", value);
-    else if (signature[0] == 'b')
-        r = sd_bus_call_method(bus, "org.nkr.SimBlueZ", "/org/nkr/sim", "org.nkr.SimControl1", method, &error,
-                               &reply, "b", static_cast<int>(value != 0));
-    else
-        r = sd_bus_call_method(bus, "org.nkr.SimBlueZ", "/org/nkr/sim", "org.nkr.SimControl1", method, &error,
-                               &reply, "");
+    unsigned answer = 0;
+    int r = sd_bus_new(&bus);
+    sd_bus_set_address(bus, busAddress_.c_str());
+    sd_bus_set_bus_client(bus, 1);
+    if (r >= 0) r = sd_bus_start(bus);
+    const char* sim[] = {"org.nkr.SimBlueZ", "/org/nkr/sim", "org.nkr.SimControl1"};
+    if (r >= 0 && signature[0] == 'u')
+        r = sd_bus_call_method(bus, sim[0], sim[1], sim[2], method, &error, &reply, "u", value);
+    else if (r >= 0 && signature[0] == 'b')
+        r = sd_bus_call_method(bus, sim[0], sim[1], sim[2], method, &error, &reply, "b", static_cast<int>(value != 0));
+    else if (r >= 0)
+        r = sd_bus_call_method(bus, sim[0], sim[1], sim[2], method, &error, &reply, "");
     EXPECT_GE(r, 0) << method << ": " << (error.message ? error.message : "");
+    if (r >= 0 && std::strcmp(method, "Requests") == 0) sd_bus_message_read(reply, "u", &answer);
     sd_bus_error_free(&error);
     sd_bus_message_unref(reply);
     sd_bus_flush_close_unref(bus);
-}
-
-unsigned BlueZTest::requestsSeen()
-{
-    sd_bus* bus = nullptr;
-    unsigned count = 0;
-    if (sd_bus_new(&bus) < 0) return 0;
-    sd_bus_set_address(bus, busAddress_.c_str());
-    sd_bus_set_bus_client(bus, 1);
-    sd_bus_message* reply = nullptr;
-    if (sd_bus_start(bus) >= 0 &&
-        sd_bus_call_method(bus, "org.nkr.SimBlueZ", "/org/nkr/sim", "org.nkr.SimControl1", "Requests", nullptr,
-                           &reply, "") >= 0)
-        sd_bus_message_read(reply, "u", &count);
-    sd_bus_message_unref(reply);
-    sd_bus_flush_close_unref(bus);
-    return count;
+    return answer;
 }
 
 int BlueZTest::connectAndPair(const std::string& nameOrAddress)

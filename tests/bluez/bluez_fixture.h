@@ -29,14 +29,16 @@ class BlueZTest : public ::testing::Test {
 protected:
     // Extra command-line switches of nkr-sim-bluez for this test.
     virtual std::vector<std::string> simArgs() const { return {}; }
+    // False: the bus has nobody owning org.bluez.
+    virtual bool serveBluez() const { return true; }
 
     void SetUp() override;
     void TearDown() override;
 
     // Calls a fault switch of nkr-sim-bluez (interface org.nkr.SimControl1).
-    // signature "" (no argument), "u" or "b".
-    void control(const char* method, const char* signature = "", unsigned value = 0);
-    unsigned requestsSeen();
+    // signature "" (no argument), "u" or "b"; returns the answer of "Requests".
+    unsigned control(const char* method, const char* signature = "", unsigned value = 0);
+    unsigned requestsSeen() { return control("Requests"); }
 
     // Scans, connects by name or address and pairs: the usual start of a session.
     int connectAndPair(const std::string& nameOrAddress);

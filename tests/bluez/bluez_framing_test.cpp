@@ -1,5 +1,6 @@
 // The real helper frames the units' answers whatever their length byte
 // counts and whatever the MTU: one session per convention and MTU.
+#include <algorithm>
 #include <string>
 #include <tuple>
 
@@ -39,10 +40,8 @@ INSTANTIATE_TEST_SUITE_P(LengthByteAndMtu, BlueZFraming,
                          ::testing::Combine(::testing::Values(std::string("header"), std::string("payload"), std::string("fixed:0x37")),
                                             ::testing::Values(23, 247)),
                          [](const auto& info) {
-                             std::string name = std::get<0>(info.param) + "_mtu" +
-                                                std::to_string(std::get<1>(info.param));
-                             for (char& c : name)
-                                 if (!isalnum(static_cast<unsigned char>(c))) c = '_';
+                             std::string name = std::get<0>(info.param) + "_mtu" + std::to_string(std::get<1>(info.param));
+                             std::replace_if(name.begin(), name.end(), [](char c) { return !isalnum(c); }, '_');
                              return name;
                          });
 

@@ -20,22 +20,12 @@ TEST_F(BlueZSession, ScanListsTheUnitWithItsAddressAndNotTheNearbySensor)
     ASSERT_EQ(count, 1);
     EXPECT_STREQ(found[0].Name, kUnitName);
     EXPECT_STREQ(found[0].Address, kUnitAddress);
-
-    // What a scan learnt stays known: a second, zero-capacity scan still succeeds.
-    EXPECT_EQ(NKRBLEScan(200, found, 0, &count), NKR_SUCCESS);
-    EXPECT_EQ(count, 0);
 }
 
 TEST_F(BlueZSession, ConnectByNameDrivesTheUnit)
 {
-    int id = connectAndPair(kUnitName);
-
-    unsigned char major = 0, minor = 0, build = 0;
-    ASSERT_EQ(NKRGetFirmwareVersion(id, &major, &minor, &build), NKR_SUCCESS);
-    EXPECT_EQ(major * 100 + minor * 10 + build, 382);
-
-    int range = 0, position = -1;
-    ASSERT_EQ(NKRStepRange(id, &range), NKR_SUCCESS);
+    int id = connectAndPair(kUnitName);  // (the firmware version read: BlueZFraming)
+    int position = -1;
     ASSERT_EQ(NKRGetPosition(id, &position), NKR_SUCCESS);
     EXPECT_EQ(position, 30000);
 
@@ -58,25 +48,12 @@ TEST_F(BlueZSession, ConnectByNameDrivesTheUnit)
     EXPECT_GT(position, 0);
     EXPECT_LT(position, maxStep);
 
-    // Settings go out and come back.
-    int backlash = 0;
-    bool reverse = false, beep = false;
-    ASSERT_EQ(NKRSetBacklash(id, 37), NKR_SUCCESS);
-    ASSERT_EQ(NKRSetReverse(id, true), NKR_SUCCESS);
-    ASSERT_EQ(NKRSetBeep(id, true), NKR_SUCCESS);
-    ASSERT_EQ(NKRGetBacklash(id, &backlash), NKR_SUCCESS);
-    ASSERT_EQ(NKRGetReverse(id, &reverse), NKR_SUCCESS);
-    ASSERT_EQ(NKRGetBeep(id, &beep), NKR_SUCCESS);
-    EXPECT_EQ(backlash, 37);
-    EXPECT_TRUE(reverse);
-    EXPECT_TRUE(beep);
-
-    // The all-information answer is longer than one notification.
+    // Settings go out and come back, in the all-information answer (longer than one notification).
+    ASSERT_EQ(NKRSetBacklash(id, 37) | NKRSetReverse(id, true) | NKRSetBeep(id, true), NKR_SUCCESS);
     _NKR_ALL_INFO info{};
     ASSERT_EQ(NKRBLEgetAllInfo(id, &info), NKR_SUCCESS);
-    EXPECT_EQ(info.Backlash, 37);
-    EXPECT_EQ(info.Reverse, 1);
-    EXPECT_EQ(info.Step, position);
+    EXPECT_EQ(std::vector<int>({info.Backlash, info.Reverse, info.Beep, info.Step}),
+              std::vector<int>({37, 1, 1, position}));
     EXPECT_NEAR(info.Temperature, 25.0, 0.01);
 
     EXPECT_EQ(NKRBLEClearPair(id), NKR_SUCCESS);

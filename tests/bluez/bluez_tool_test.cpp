@@ -1,5 +1,4 @@
-// The nkr tool over the real Bluetooth stack says what it says over the
-// simulator's built-in radio.
+// The nkr tool says the same over the real Bluetooth stack as over the simulator's own radio.
 #include <sys/wait.h>
 
 #include <cstdio>
@@ -16,12 +15,11 @@ std::string runShell(const std::string& command, int* status)
 {
     std::string out;
     FILE* pipe = popen(command.c_str(), "r");
-    if (pipe == nullptr) return out;
+    if (pipe == nullptr) return *status = -1, out;
     char buf[4096];
     for (size_t n; (n = fread(buf, 1, sizeof buf, pipe)) > 0;) out.append(buf, n);
-    int raw = pclose(pipe);
-    *status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
-    return out;
+    const int raw = pclose(pipe);
+    return *status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, out;
 }
 
 TEST_F(BlueZTool, InfoOverBlueZMatchesTheSimulatorsOwnRadio)
