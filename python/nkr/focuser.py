@@ -18,8 +18,10 @@ from .errors import MoveTimeoutError, NKRError, NotSupportedError, check, error_
 
 #: How often wait() asks the unit whether it still moves, in seconds.
 DEFAULT_POLL = 0.05
-# The control list's feature id of the battery block.
+# Feature ids of the control list that decide what a unit can be asked.
+_FEATURE_BLE_NAME = 0
 _FEATURE_BATTERY = 4
+_FEATURE_ERROR_CODES = 5
 
 ProgressCallback = Callable[[int, int], None]
 
@@ -387,6 +389,8 @@ class Focuser:
     def ble_name(self) -> str:
         """The Bluetooth advertising name. Read over USB; written over Bluetooth
         only (at most 11 ASCII characters; a USB unit refuses with InvalidValueError)."""
+        if self._link != "ble":
+            self._require(_FEATURE_BLE_NAME, "this unit has no Bluetooth radio (its control list offers no Bluetooth name)")
         buffer = ctypes.create_string_buffer(BLE_NAME_BYTES)
         _call("NKRGetBLEName", self._id, buffer)
         return text_of(buffer.raw)
@@ -404,8 +408,7 @@ class Focuser:
     def battery(self) -> Battery:
         """Battery block (battery-powered model); NotSupportedError on a unit
         without a battery, BatteryRangeError when its temperature is out of range."""
-        if not any(c.type == _FEATURE_BATTERY and c.supported for c in self.controls):
-            raise NotSupportedError("", None, "this unit has no battery (its control list offers none)")
+        self._require(_FEATURE_BATTERY, "this unit has no battery (its control list offers none)")
         record = NKR_BATTERY_INFO()
         _call("NKRGetBatteryInfo", self._id, byref(record))
         return battery_of(record)
@@ -422,13 +425,15 @@ class Focuser:
     @property
     def error_codes(self) -> tuple[str, str]:
         """The unit's stored (motor, battery) error codes, two characters each."""
+        self._require(_FEATURE_ERROR_CODES, "this unit keeps no error codes (its control list offers none)")
         record = NKR_ERROR_MSG()
         _call("NKRGetErrorCode", self._id, byref(record))
         return text_of(record.MotorErrCode), text_of(record.BatteryErrCode)
 
     @property
     def power_off_reason(self) -> int:
-        """Reason of the last power-off (0 normal)."""
+        """Reason of the last power-off (0 normal; battery-powered units only)."""
+        self._require(_FEATURE_BATTERY, "only a battery-powered unit records why it powered off")
         return self._int("NKRGetReason")
 
     def enter_shipping_mode(self) -> None:
@@ -442,6 +447,12 @@ class Focuser:
     def set_auto_clear_errors(self, on: bool) -> None:
         """Lets the SDK clear the unit's error state on its own (USB only)."""
         _call("NKRSetClearErr", self._id, _checks.flag("on", on))
+
+    def _require(self, feature: int, why: str) -> None:
+        """NotSupportedError unless the unit's control list offers the feature
+        (the rule `nkr info` shows as "not supported")."""
+        if not any(c.type == feature and c.supported for c in self.controls):
+            raise NotSupportedError("", None, why)
 
     @property
     def controls(self) -> list[Control]:
