@@ -62,7 +62,6 @@ protected:
             if (int failed = usbSession(1200)) return failed;
             auto saved = savedRecord();
             FAULT_CHECK(saved && saved->position == 1200, 20);
-
             const std::string file = nkrlog::currentLogFile();
             if (expectLog) {
                 FAULT_CHECK(file.rfind("/tmp/htx/log/nkr_sdk/log_", 0) == 0, 21);
