@@ -13,6 +13,7 @@
 
 namespace {
 using nkrtest::bleUnitWithFirmware;
+using nkrtest::position;
 
 std::atomic<int> g_unitToDrop{-1};
 std::atomic<int> g_disconnectReports{0};
@@ -44,11 +45,6 @@ protected:
         const int id = nkrtest::connectAndPair(spec, unit);
         EXPECT_EQ(NKRBLERegConnStateCallback(id, &countDisconnects), NKR_SUCCESS);
         return id;
-    }
-    static int position(int id)
-    {
-        int pos = -1;
-        return NKRGetPosition(id, &pos) == NKR_SUCCESS ? pos : -1;
     }
     nkrsim::UnitSpec spec;
     nkrsim::UnitId unit = -1;

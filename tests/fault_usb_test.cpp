@@ -11,17 +11,12 @@
 namespace {
 using faulttest::Saved;
 using faulttest::savedRecord;
+using nkrtest::position;
 using nkrtest::unitWithFirmware;
 
 // A saved record from an earlier session: the unit stood at 1000. (The
 // maximum is the unit's own: a restore sets the position, not the maximum.)
 const Saved kEarlier{1000, 20, 1, 60000, 0};
-
-int position(int id)
-{
-    int pos = -1;
-    return NKRGetPosition(id, &pos) == NKR_SUCCESS ? pos : -1;
-}
 
 std::string savedText() { return storetest::readFile(faulttest::settingsPath()); }
 
@@ -90,7 +85,7 @@ TEST_F(FaultUsb, UnplugDuringAStatusReadAndReplugBeforeTheNextScan)
     // A single ENODEV is not an error worth counting: the next read works.
     nkrsim::failTransfers(unit, 1, ENODEV);
     EXPECT_EQ(NKRGetPosition(id, &pos), NKR_ERROR_REMOVED);
-    EXPECT_EQ(NKRGetPosition(id, &pos), NKR_SUCCESS);
+    EXPECT_EQ(position(id), kEarlier.position);
     // Out and back in before the host scans again: the handle stays dead
     // (ENODEV is never retried), and a scan sees the path, so keeps the slot.
     nkrsim::unplug(unit);

@@ -72,6 +72,13 @@ protected:
 
 using Bytes = std::vector<uint8_t>;
 
+// The unit's position as the exports report it; -1 when the read fails.
+inline int position(int id)
+{
+    int pos = -1;
+    return NKRGetPosition(id, &pos) == NKR_SUCCESS ? pos : -1;
+}
+
 // The control frames (command 0x03) among the reports the unit received.
 inline bool isControlFrame(const Bytes& r)
 {
