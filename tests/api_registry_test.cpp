@@ -5,10 +5,9 @@
 #include "test_support.h"
 
 namespace {
-using nkrtest::SimTest;
 using nkrtest::unitWithFirmware;
 
-class Registry : public SimTest {};
+class Registry : public nkrtest::SimTest {};
 
 TEST_F(Registry, UnitsWithOtherUsbIdsAreFoundOnlyWhenNkrUsbIdNamesThem)
 {
@@ -17,21 +16,17 @@ TEST_F(Registry, UnitsWithOtherUsbIdsAreFoundOnlyWhenNkrUsbIdNamesThem)
     other.usbVendorId = 0x16C0;
     other.usbProductId = 0x05DF;
     nkrsim::UnitId b = nkrsim::addUnit(other);
-
     unsetenv("NKR_USB_ID");
     EXPECT_EQ(NKRGetNum(), 1);
     EXPECT_EQ(NKRCheck(0x16C0, 0x05DF), 0);
-
     // Bad entries are skipped; the good one and the default both match.
     setenv("NKR_USB_ID", "zz:1, 16c0:05DF,1209", 1);
     ASSERT_EQ(NKRGetNum(), 2);
-    EXPECT_EQ(NKRCheck(0x16C0, 0x05DF), 1);
-    EXPECT_EQ(NKRCheck(FOCUSER_USB_VID, FOCUSER_USB_PID), 1);
+    EXPECT_EQ(NKRCheck(0x16C0, 0x05DF) + NKRCheck(FOCUSER_USB_VID, FOCUSER_USB_PID), 2);
     int id = -1;
     ASSERT_EQ(NKRGetID(1, &id), NKR_SUCCESS);
     EXPECT_EQ(slotPath(id), nkrsim::usbPath(b));
-    EXPECT_EQ(NKROpen(id), NKR_SUCCESS);
-    EXPECT_EQ(NKRClose(id), NKR_SUCCESS);
+    for (int rc : {NKROpen(id), NKRClose(id)}) EXPECT_EQ(rc, NKR_SUCCESS);
     unsetenv("NKR_USB_ID");
 }
 
@@ -40,44 +35,33 @@ TEST_F(Registry, SlotIdsStayStableAndNewUnitsTakeTheLowestFreeSlot)
     nkrsim::UnitId a = nkrsim::addUnit(unitWithFirmware(335));
     nkrsim::UnitId b = nkrsim::addUnit(unitWithFirmware(336));
     ASSERT_EQ(NKRGetNum(), 2);
-    std::string pathA = nkrsim::usbPath(a), pathB = nkrsim::usbPath(b);
-    int idA = slotPath(0) == pathA ? 0 : 1;
-    int idB = 1 - idA;
-    EXPECT_EQ(slotPath(idB), pathB);
-
+    const std::string pathA = nkrsim::usbPath(a), pathB = nkrsim::usbPath(b);
+    const int idA = slotPath(0) == pathA ? 0 : 1, idB = 1 - idA;
     // Same devices, same ids, whatever the scan order.
     ASSERT_EQ(NKRGetNum(), 2);
-    EXPECT_EQ(slotPath(idA), pathA);
-    EXPECT_EQ(slotPath(idB), pathB);
-
+    EXPECT_EQ(slotPath(idA) + slotPath(idB), pathA + pathB);
     // The open unit in slot idA goes away: the scan closes it and frees its slot.
     ASSERT_EQ(NKROpen(idA), NKR_SUCCESS);
     nkrsim::unplug(a);
     ASSERT_EQ(NKRGetNum(), 1);
     int pos = 0;
     EXPECT_EQ(NKRGetPosition(idA, &pos), NKR_ERROR_INVALID_ID);
-    EXPECT_EQ(slotPath(idA), "");
-    EXPECT_EQ(slotPath(idB), pathB);
-
+    EXPECT_EQ(slotPath(idA) + "|" + slotPath(idB), "|" + pathB);
     // A new unit takes the lowest free slot.
     nkrsim::UnitId c = nkrsim::addUnit(unitWithFirmware(382));
     ASSERT_EQ(NKRGetNum(), 2);
-    EXPECT_EQ(slotPath(idA), nkrsim::usbPath(c));
-    EXPECT_EQ(slotPath(idB), pathB);
+    EXPECT_EQ(slotPath(idA) + "|" + slotPath(idB), nkrsim::usbPath(c) + "|" + pathB);
 }
 
 TEST_F(Registry, OpenCloseAndFrameResultsForEachSlotState)
 {
     // Free slot.
-    EXPECT_EQ(NKROpen(3), NKR_ERROR_INVALID_ID);
-    EXPECT_EQ(NKRClose(3), NKR_ERROR_INVALID_ID);
     int pos = 0;
-    EXPECT_EQ(NKRGetPosition(3, &pos), NKR_ERROR_INVALID_ID);
-    EXPECT_EQ(NKRGetPosition(-1, &pos), NKR_ERROR_INVALID_ID);
-
+    for (int rc : {NKROpen(3), NKRClose(3), NKRGetPosition(3, &pos), NKRGetPosition(-1, &pos)})
+        EXPECT_EQ(rc, NKR_ERROR_INVALID_ID);
     // Known slot: framed calls find no object; closing is a no-op. Scan
     // indices outside the last scan have no id.
-    int id = plugAndScan(unitWithFirmware(336));
+    const int id = plugAndScan(unitWithFirmware(336));
     ASSERT_EQ(id, 0);
     int other = 77;
     EXPECT_EQ(NKRGetID(1, &other), NKR_ERROR_INVALID_INDEX);
@@ -85,14 +69,10 @@ TEST_F(Registry, OpenCloseAndFrameResultsForEachSlotState)
     EXPECT_EQ(other, 77);
     EXPECT_EQ(NKRGetPosition(id, &pos), NKR_ERROR_CLOSED);
     EXPECT_EQ(NKRClose(id), NKR_SUCCESS);
-
     // Open slot: a second open is a no-op.
     ASSERT_EQ(NKROpen(id), NKR_SUCCESS);
-    EXPECT_EQ(NKROpen(id), NKR_SUCCESS);
-    EXPECT_EQ(NKRGetPosition(id, &pos), NKR_SUCCESS);
-    EXPECT_EQ(NKRClose(id), NKR_SUCCESS);
+    for (int rc : {NKROpen(id), NKRGetPosition(id, &pos), NKRClose(id)}) EXPECT_EQ(rc, NKR_SUCCESS);
     EXPECT_EQ(NKRGetPosition(id, &pos), NKR_ERROR_CLOSED);
-
     // Bluetooth ids without an object, inside and beyond the table.
     EXPECT_EQ(NKRGetPosition(60, &pos), NKR_ERROR_BLE_NOT_OPEN);
     EXPECT_EQ(NKRGetPosition(500, &pos), NKR_ERROR_BLE_NOT_OPEN);
@@ -111,7 +91,6 @@ TEST_F(Registry, PropertyOfAnUnopenableOrClosedSlotLeavesItClosed)
     EXPECT_EQ(info.MaxStep, 600000);
     int pos = 0;
     EXPECT_EQ(NKRGetPosition(id, &pos), NKR_ERROR_CLOSED);
-
     // An open that fails leaves the slot known; the property call still
     // succeeds, with defaults, so that a host can list the unit.
     nkrsim::UnitId unit;
@@ -121,10 +100,7 @@ TEST_F(Registry, PropertyOfAnUnopenableOrClosedSlotLeavesItClosed)
     EXPECT_EQ(NKRGetPosition(id, &pos), NKR_ERROR_CLOSED);
     info = {};
     EXPECT_EQ(NKRGetProperty(id, &info), NKR_SUCCESS);
-    EXPECT_EQ(info.ID, id);
-    EXPECT_STREQ(info.Name, "NKR");
-    EXPECT_EQ(info.MaxStep, 0);
-
+    EXPECT_EQ(std::tuple(info.ID, std::string(info.Name), info.MaxStep), std::tuple(id, std::string("NKR"), 0));
     EXPECT_EQ(NKRGetProperty(70, &info), NKR_ERROR_BLE_NOT_OPEN);
     EXPECT_EQ(info.ID, 70);
 }

@@ -29,38 +29,21 @@ protected:
         fs::current_path(oldCwd_);
         std::error_code ec;
         fs::remove_all(tmp_, ec);
-        if (!installed_.empty()) {
-            fs::remove(installed_, ec);
-            if (createdInstallDir_) fs::remove(fs::path(installed_).parent_path(), ec);
-        }
+        if (!installed_.empty()) fs::remove(installed_, ec);
+        if (createdInstallDir_) fs::remove(fs::path(installed_).parent_path(), ec);
         unsetenv("NKR_BLE_HELPER");
     }
-
+    // Writes a helper file with the given mode; an absolute path is taken as is.
     std::string file(const std::string& name, mode_t mode)
     {
-        fs::path p = fs::path(tmp_) / name;
+        const fs::path p = name[0] == '/' ? fs::path(name) : fs::path(tmp_) / name;
         fs::create_directories(p.parent_path());
         std::ofstream(p) << "helper";
         chmod(p.c_str(), mode);
         return p.string();
     }
-
-    // Puts a helper where the SDK installs it, next to the library that holds this code.
-    void install(mode_t mode)
-    {
-        installed_ = nkrble::installedHelperPath();
-        ASSERT_FALSE(installed_.empty());
-        fs::path folder = fs::path(installed_).parent_path();
-        createdInstallDir_ = !fs::exists(folder);
-        fs::create_directories(folder);
-        ASSERT_FALSE(fs::exists(installed_)) << "left over from an earlier run: " << installed_;
-        std::ofstream(installed_) << "helper";
-        chmod(installed_.c_str(), mode);
-    }
-
-    std::string tmp_;
+    std::string tmp_, installed_;
     fs::path oldCwd_;
-    std::string installed_;
     bool createdInstallDir_ = false;
 };
 
@@ -92,16 +75,17 @@ TEST_F(HelperLocation, WorkingFolderFirstThenTheInstalledHelper)
 {
     // Nothing anywhere: the usual path, so the loader's message names it.
     EXPECT_EQ(nkrble::chooseHelperPath(), "./lib/libBlueShim.so");
-
-    install(0644);
+    // A helper where the SDK installs it, next to the library that holds this code.
+    installed_ = nkrble::installedHelperPath();
+    ASSERT_FALSE(installed_.empty());
+    createdInstallDir_ = !fs::exists(fs::path(installed_).parent_path());
+    ASSERT_FALSE(fs::exists(installed_)) << "left over from an earlier run: " << installed_;
+    file(installed_, 0644);
     EXPECT_EQ(nkrble::chooseHelperPath(), installed_) << "nothing in ./lib";
-
-    std::string local = file("lib/libBlueShim.so", 0644);
+    const std::string local = file("lib/libBlueShim.so", 0644);
     EXPECT_EQ(nkrble::chooseHelperPath(), "./lib/libBlueShim.so") << "./lib comes first";
-
     chmod(local.c_str(), 0666);
     EXPECT_EQ(nkrble::chooseHelperPath(), installed_) << "a refused ./lib helper falls back";
-
     chmod(installed_.c_str(), 0666);
     EXPECT_EQ(nkrble::chooseHelperPath(), "") << "both refused";
 }

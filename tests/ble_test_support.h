@@ -27,6 +27,16 @@ inline std::vector<uint8_t> payloadOf(const std::vector<uint8_t>& frame)
     return std::vector<uint8_t>(frame.begin() + 4, frame.end() - 5);
 }
 
+// Adds a Bluetooth unit and connects it through the exports; returns its id.
+inline int connected(int fw, nkrsim::UnitId* unit)
+{
+    const nkrsim::UnitSpec spec = bleUnitWithFirmware(fw);
+    *unit = nkrsim::addUnit(spec);
+    int id = -1;
+    EXPECT_EQ(NKRBLEConnect(spec.bleName.c_str(), nkrsim::bleAddress(*unit).c_str(), &id), NKR_SUCCESS);
+    return id;
+}
+
 // Connects the unit through the exports, as a host does, and pairs it;
 // returns its id.
 inline int connectAndPair(const nkrsim::UnitSpec& spec, nkrsim::UnitId unit)

@@ -1,8 +1,10 @@
 // Whole-library stress: host threads call random exports on USB and Bluetooth
 // units while a registry thread scans, opens and closes, and a chaos thread
 // unplugs and replugs USB units and drops Bluetooth links (the helper reports
-// those from its own thread). Meant for ThreadSanitizer too. Every call must
-// return a code of the public table; a hang ends at ctest's timeout.
+// those from its own thread). Every call must return a code of the public
+// table. Then a drop reported on the helper's thread while host threads run
+// exchanges and another disconnects the slot. Meant for ThreadSanitizer too:
+// no race, no use after free; a hang ends at ctest's timeout.
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -82,7 +84,6 @@ protected:
     std::shared_mutex pairing_;  // pairing rewrites the unit's capabilities: hosts pair before use
     std::mutex codesLock_;
     std::vector<std::string> offTable_;
-
     void check(int rc, const char* what, int id)
     {
         if (kPublicCodes.count(rc)) return;
@@ -132,7 +133,6 @@ TEST_F(ConcurrencyStress, RandomCallsWhileUnitsComeAndGo)
     scanAndOpen();
     connectBle();
     ASSERT_TRUE(allAnswer()) << "every unit answers before the storm";
-
     const auto deadline = Clock::now() + kTimeBudget;
     std::atomic<long> calls{0};
     std::atomic<int> workersLeft{kWorkers};
@@ -192,7 +192,6 @@ TEST_F(ConcurrencyStress, RandomCallsWhileUnitsComeAndGo)
     std::printf("stress: %ld worker calls\n", calls.load());
     EXPECT_TRUE(offTable_.empty()) << offTable_.front();
     EXPECT_GT(calls.load(), 0);
-
     // Afterwards every unit is reachable again the ordinary way: a unit still
     // holding a dead handle from before its replug needs a close and an open.
     for (nkrsim::UnitId u : usb_) nkrsim::replug(u);
@@ -207,6 +206,71 @@ TEST_F(ConcurrencyStress, RandomCallsWhileUnitsComeAndGo)
     disconnectBle();
     connectBle();
     EXPECT_TRUE(allAnswer());
+}
+
+// While g_disconnecting is false the host callback holds the report inside
+// the device's callable until the disconnect has begun, so the two overlap.
+std::atomic<bool> g_disconnecting{false};
+std::atomic<int> g_reports{0};
+void slowHostCallback(bool connected)
+{
+    if (connected) return;
+    g_reports.fetch_add(1);
+    g_reports.notify_all();
+    g_disconnecting.wait(false);
+}
+
+TEST_F(ConcurrencyStress, DropDuringExchangesAndDisconnect)
+{
+    for (int round = 0; round < 8; ++round) {
+        SCOPED_TRACE(round);
+        // Even rounds hold the report until the disconnect; odd rounds let it
+        // reset the link while the exchanges are still running.
+        g_disconnecting = round % 2 == 1;
+        g_reports = 0;
+        nkrsim::UnitId unit = -1;
+        const int id = nkrtest::connected(382, &unit);
+        ASSERT_EQ(NKRBLERegConnStateCallback(id, &slowHostCallback), NKR_SUCCESS);
+        std::vector<std::thread> exchanges;
+        for (int t = 0; t < 2; ++t)
+            exchanges.emplace_back([id] {
+                int pos = 0;
+                for (int i = 0; i < 40; ++i) NKRGetPosition(id, &pos);
+            });
+        nkrsim::bleDropConnection(unit);
+        std::thread disconnecter([&] {
+            for (auto& t : exchanges) t.join();
+            g_reports.wait(0);  // the report has reached the host
+            g_disconnecting = true;
+            g_disconnecting.notify_all();
+            EXPECT_EQ(NKRBLEDisconnect(id), NKR_SUCCESS);
+        });
+        disconnecter.join();
+        nkrsim::bleFlushCallbacks();
+        EXPECT_EQ(g_reports.load(), 1);
+        EXPECT_EQ(nkrsim::bleConnections(unit), 0);
+    }
+}
+
+// A host that releases the slot from its own connection callback, on the
+// helper's thread: the device's callable must not touch the object afterwards.
+std::atomic<int> g_selfId{-1};
+std::atomic<int> g_disconnectResult{-1};
+void disconnectFromCallback(bool connected)
+{
+    if (!connected) g_disconnectResult = NKRBLEDisconnect(g_selfId);
+}
+
+TEST_F(ConcurrencyStress, HostCallbackMayDisconnectItsOwnSlot)
+{
+    nkrsim::UnitId unit = -1;
+    g_selfId = nkrtest::connected(382, &unit);
+    ASSERT_EQ(NKRBLERegConnStateCallback(g_selfId, &disconnectFromCallback), NKR_SUCCESS);
+    nkrsim::bleDropConnection(unit);
+    nkrsim::bleFlushCallbacks();
+    EXPECT_EQ(g_disconnectResult.load(), NKR_SUCCESS);
+    EXPECT_EQ(NKRBLEDisconnect(g_selfId), NKR_ERROR_INVALID_ID) << "the slot is free";
+    EXPECT_EQ(nkrsim::bleConnections(unit), 0);
 }
 
 }  // namespace

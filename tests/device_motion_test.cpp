@@ -1,16 +1,17 @@
 // Motion and motor settings through the exports: the control frame byte for
-// byte, clamps, the moving lock-out and stop, and a whole move polled to its end.
+// byte, clamps, the moving lock-out and stop, a whole move polled to its end,
+// and the Bluetooth branches of the status read and the control frame.
 #include <cerrno>
 #include <functional>
 
-#include "device_support.h"
+#include "ble_test_support.h"
 
 namespace {
-using devicetest::Bytes;
-using devicetest::DeviceTest;
+using nkrtest::Bytes;
+using nkrtest::lastControlFrame;
 using nkrtest::unitWithFirmware;
 
-class DeviceMotion : public DeviceTest {};
+class DeviceMotion : public nkrtest::SimTest {};
 
 Bytes slice(const Bytes& b, size_t from, size_t to) { return Bytes(b.begin() + from, b.begin() + to); }
 
@@ -20,17 +21,16 @@ TEST_F(DeviceMotion, FrameCarriesTheSpeedUpTo335AndHighBytesFrom336)
     int id = openQuiet(unitWithFirmware(335), &unit);
     ASSERT_EQ(NKRSetSpeed(id, 0x0102), NKR_SUCCESS);
     ASSERT_EQ(NKRMove(id, 1000), NKR_SUCCESS);
-    Bytes f = devicetest::lastControlFrame(unit);
+    Bytes f = lastControlFrame(unit);
     ASSERT_EQ(f.size(), 16u);
     EXPECT_EQ(slice(f, 0, 11), (Bytes{0x03, 0x7E, 0x5A, 0x03, 0x01, 0x00, 0x01, 0x02, 0x03, 0xE8, 0x00}));
     EXPECT_EQ(slice(f, 14, 16), (Bytes{0xEA, 0x60}));  // maximum 60000 as reported
     EXPECT_EQ(nkrsim::state(unit).target, 1000);
-
     nkrsim::UnitSpec spec = unitWithFirmware(336);
     spec.maxStep = 0x050607;
     id = openQuiet(spec, &unit);
     ASSERT_EQ(NKRMove(id, 0x012345), NKR_SUCCESS);
-    f = devicetest::lastControlFrame(unit);
+    f = lastControlFrame(unit);
     EXPECT_EQ(slice(f, 6, 10), (Bytes{0x05, 0x01, 0x23, 0x45}));
     EXPECT_EQ(slice(f, 14, 16), (Bytes{0x06, 0x07}));
     EXPECT_EQ(nkrsim::state(unit).target, 0x012345);
@@ -43,7 +43,7 @@ TEST_F(DeviceMotion, TargetsAndPositionsAreClampedToTheStepRangeNotToTheMaximum)
     ASSERT_EQ(NKRSetMaxStep(id, 1000), NKR_SUCCESS);
     for (auto [target, sent] : {std::pair{5000, 5000}, {-5, 0}, {60000, 60000}, {70000, 60000}}) {
         ASSERT_EQ(NKRMove(id, target), NKR_SUCCESS);
-        const Bytes f = devicetest::lastControlFrame(unit);
+        const Bytes f = lastControlFrame(unit);
         EXPECT_EQ(f[8] << 8 | f[9], sent) << target;
         ASSERT_EQ(NKRStop(id), NKR_SUCCESS);
     }
@@ -51,7 +51,7 @@ TEST_F(DeviceMotion, TargetsAndPositionsAreClampedToTheStepRangeNotToTheMaximum)
     const uint64_t t0 = nkrsim::nowMicros();
     ASSERT_EQ(NKRResetPostion(id, 70000), NKR_SUCCESS);
     EXPECT_EQ(nkrsim::nowMicros(), t0);
-    const Bytes f = devicetest::lastControlFrame(unit);
+    const Bytes f = lastControlFrame(unit);
     EXPECT_EQ((Bytes{f[4], f[8], f[9], f[10]}), (Bytes{0, 0xEA, 0x60, 1}));
     EXPECT_EQ(nkrsim::state(unit).position, 60000);
     EXPECT_EQ(nkrsim::state(unit).runState, 0);
@@ -87,19 +87,18 @@ TEST_F(DeviceMotion, NothingChangesWhileMovingButStopIsAllowedAfterClearingError
                    NKRSetMaxStep(id, 100), NKRSetBeep(id, true), NKRSetReverse(id, true), NKRSetMaxForce(id, 3)})
         EXPECT_EQ(rc, NKR_ERROR_MOVING);
     EXPECT_TRUE(nkrsim::sentReports(unit).empty());
-
     // Stop clears errors first (a status exchange), then sends run = 0; when
     // clearing fails, nothing is stopped.
     nkrsim::failTransfers(unit, 1, EIO);
     EXPECT_EQ(NKRStop(id), NKR_ERROR_GENERAL);
-    EXPECT_TRUE(devicetest::controlFrames(unit).empty());
+    EXPECT_TRUE(nkrtest::controlFrames(unit).empty());
     EXPECT_EQ(nkrsim::state(unit).runState, 1);
     nkrsim::clearSentReports(unit);
     ASSERT_EQ(NKRStop(id), NKR_SUCCESS);
     const std::vector<Bytes> sent = nkrsim::sentReports(unit);
     ASSERT_EQ(sent.size(), 2u);
     EXPECT_EQ(slice(sent[0], 0, 5), (Bytes{0x03, 0x7E, 0x5A, 0x02, 0x03}));
-    EXPECT_TRUE(devicetest::isControlFrame(sent[1]));
+    EXPECT_TRUE(nkrtest::isControlFrame(sent[1]));
     EXPECT_EQ(sent[1][4], 0);
     EXPECT_EQ(nkrsim::state(unit).runState, 0);
     EXPECT_EQ(NKRSetBeep(id, true), NKR_SUCCESS);
@@ -123,7 +122,7 @@ TEST_F(DeviceMotion, SettingsInTheFrameAndTheirBounds)
     };
     for (const Step& s : steps) {
         EXPECT_EQ(s.call(), NKR_SUCCESS);
-        const Bytes f = devicetest::lastControlFrame(unit);
+        const Bytes f = lastControlFrame(unit);
         EXPECT_EQ(f[s.byte], s.value) << s.byte;
         if (s.mode >= 0) {
             EXPECT_EQ(f[10], s.mode);
@@ -139,24 +138,6 @@ TEST_F(DeviceMotion, SettingsInTheFrameAndTheirBounds)
     EXPECT_TRUE(nkrsim::sentReports(unit).empty());
 }
 
-TEST_F(DeviceMotion, UsbMoveRunsOnTheClockAndEndsAtTheTarget)
-{
-    const int id = openUnit(unitWithFirmware(336));
-    ASSERT_EQ(NKRMove(id, 100000), NKR_SUCCESS);
-    // 70000 steps at 2000 per second: about 35 s of simulated time.
-    int polls = 0;
-    for (bool moving = true; moving && polls < 1000; ++polls) {
-        ASSERT_EQ(NKRIsMoving(id, &moving, nullptr), NKR_SUCCESS);
-        if (moving) nkrsim::advanceMicros(100'000);
-    }
-    EXPECT_GT(polls, 300);
-    EXPECT_LT(polls, 1000);
-    int pos = -1;
-    ASSERT_EQ(NKRGetPosition(id, &pos), NKR_SUCCESS);
-    EXPECT_EQ(pos, 100000);
-    EXPECT_EQ(NKRSetBacklash(id, 3), NKR_SUCCESS) << "settings change again once the move is over";
-}
-
 TEST_F(DeviceMotion, CloseStopsARunningMoveAndStoresTheSettingsWithRunOff)
 {
     nkrsim::UnitId unit;
@@ -164,9 +145,76 @@ TEST_F(DeviceMotion, CloseStopsARunningMoveAndStoresTheSettingsWithRunOff)
     ASSERT_EQ(NKRSetBacklash(id, 12), NKR_SUCCESS);
     ASSERT_EQ(NKRMove(id, 50000), NKR_SUCCESS);
     ASSERT_EQ(NKRClose(id), NKR_SUCCESS);
-    const Bytes f = devicetest::lastControlFrame(unit);
+    const Bytes f = lastControlFrame(unit);
     EXPECT_EQ((Bytes{f[4], f[5], f[10]}), (Bytes{0, 12, 0}));
     EXPECT_EQ(nkrsim::state(unit).runState, 0);
+}
+
+class DeviceBle : public nkrtest::SimTest {
+protected:
+    nkrsim::UnitId unit_ = -1;
+    int id_ = -1;
+    void SetUp() override
+    {
+        SimTest::SetUp();
+        const nkrsim::UnitSpec spec = nkrtest::bleUnitWithFirmware(382);
+        unit_ = nkrsim::addUnit(spec);
+        id_ = nkrtest::connectAndPair(spec, unit_);
+        nkrsim::update(unit_, [](nkrsim::UnitState& s) {
+            s.position = 600000;
+            s.maxStep = 0x050607;
+            s.backlash = 9;
+        });
+        nkrsim::clearSentFrames(unit_);
+    }
+    std::vector<int> readAll()
+    {
+        int pos = -1, max = -1, backlash = -1;
+        EXPECT_EQ(NKRGetPosition(id_, &pos) | NKRGetMaxStep(id_, &max) | NKRGetBacklash(id_, &backlash), NKR_SUCCESS);
+        return {pos, max, backlash};
+    }
+};
+
+TEST_F(DeviceBle, StatusAnswerIsLaidOverTheHidPositionsAndTheControlFrameFollowsIt)
+{
+    EXPECT_EQ(readAll(), (std::vector<int>{600000, 0x050607, 9}));
+    std::vector<Bytes> frames = nkrsim::sentFrames(unit_);
+    ASSERT_FALSE(frames.empty());
+    EXPECT_EQ(frames[0][3], BLEProtocol::CMD_DEVICE);
+    EXPECT_EQ(nkrtest::payloadOf(frames[0]), (Bytes{0x7E, 0x5A, 0x02, 0x03}));
+    // The control frame travels without its report id.
+    nkrsim::clearSentFrames(unit_);
+    ASSERT_EQ(NKRMove(id_, 0x012345), NKR_SUCCESS);
+    frames = nkrsim::sentFrames(unit_);
+    ASSERT_EQ(frames.size(), 1u);
+    const Bytes payload = nkrtest::payloadOf(frames[0]);
+    ASSERT_EQ(payload.size(), 15u);
+    EXPECT_EQ(slice(payload, 0, 4), (Bytes{0x7E, 0x5A, 0x03, 0x01}));
+    EXPECT_EQ(slice(payload, 6, 9), (Bytes{0x01, 0x23, 0x45}));
+    EXPECT_EQ(nkrsim::state(unit_).target, 0x012345);
+    ASSERT_EQ(NKRStop(id_), NKR_SUCCESS);
+    EXPECT_EQ(nkrsim::state(unit_).runState, 0);
+}
+
+TEST_F(DeviceBle, ShortAnswerOrPairingNotificationLeavesTheRestOfTheLastReport)
+{
+    ASSERT_EQ(readAll(), (std::vector<int>{600000, 0x050607, 9}));
+    // A good response whose answer ends at byte 9 of the HID layout: move
+    // state 0, backlash 7, position 1234, and nothing after it.
+    Bytes frame = {0x01, 0x06, uint8_t(nkrsim::sentFrames(unit_).back()[2] + 1), 0x00, 0x00, 0x00, 0x07, 0x00, 0x00, 0x04, 0xD2};
+    frame.push_back(BLEProtocol::calculateChecksum(frame.data(), uint32_t(frame.size())));
+    nkrsim::bleRawAnswer(unit_, frame);
+    int pos = -1, backlash = -1, max = -1;
+    ASSERT_EQ(NKRGetPosition(id_, &pos), NKR_SUCCESS);
+    EXPECT_EQ(pos, 1234);
+    // "Pairing accepted" ends the exchange with success and an empty answer:
+    // the read succeeds on the report as it was (the short answer's values).
+    nkrsim::bleNotifyInstead(unit_, 0x00);
+    ASSERT_EQ(NKRGetBacklash(id_, &backlash), NKR_SUCCESS);
+    EXPECT_EQ(backlash, 7);
+    nkrsim::bleNotifyInstead(unit_, 0x00);
+    ASSERT_EQ(NKRGetMaxStep(id_, &max), NKR_SUCCESS);
+    EXPECT_EQ(max, 0x0607);  // byte 6 from the short answer, bytes 14-15 as the full report left them
 }
 
 }  // namespace

@@ -1,8 +1,7 @@
 // Bluetooth faults end to end, through the exports only: silence, stale and
 // damaged answers, a link dropped between requests and in the middle of one,
-// a unit out of range, and a helper library that is missing or not a library.
+// a unit switched off, and a helper library that is missing or not a library.
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <fstream>
@@ -14,6 +13,7 @@
 
 namespace {
 using nkrtest::bleUnitWithFirmware;
+using nkrtest::position;
 
 std::atomic<int> g_unitToDrop{-1};
 std::atomic<int> g_disconnectReports{0};
@@ -22,8 +22,7 @@ std::atomic<int> g_disconnectReports{0};
 // connection", which is in the middle of the exchange that heard it.
 void dropOnNewConnection(_NKR_ERROR_CODE code)
 {
-    if (code == NKR_ERROR_BLE_NEW_CONNECTION && g_unitToDrop.load() >= 0)
-        nkrsim::bleDropConnection(g_unitToDrop.load());
+    if (code == NKR_ERROR_BLE_NEW_CONNECTION && g_unitToDrop.load() >= 0) nkrsim::bleDropConnection(g_unitToDrop.load());
 }
 
 void countDisconnects(bool connected)
@@ -33,44 +32,39 @@ void countDisconnects(bool connected)
 
 class FaultBle : public nkrtest::SimTest {
 protected:
-    // Connects and pairs the unit through the exports, counting its drops.
-    static int connectAndPair(const nkrsim::UnitSpec& spec, nkrsim::UnitId unit)
+    // Adds a unit at the given position, connects and pairs it, counting its drops.
+    int connectAndPair(int position = 30000)
+    {
+        spec = bleUnitWithFirmware(382);
+        spec.position = position;
+        unit = nkrsim::addUnit(spec);
+        return reconnect();
+    }
+    int reconnect()
     {
         const int id = nkrtest::connectAndPair(spec, unit);
         EXPECT_EQ(NKRBLERegConnStateCallback(id, &countDisconnects), NKR_SUCCESS);
         return id;
     }
-
-    static int position(int id)
-    {
-        int pos = -1;
-        return NKRGetPosition(id, &pos) == NKR_SUCCESS ? pos : -1;
-    }
+    nkrsim::UnitSpec spec;
+    nkrsim::UnitId unit = -1;
 };
 
 TEST_F(FaultBle, SilenceStaleAndDamagedAnswers)
 {
-    nkrsim::UnitSpec spec = bleUnitWithFirmware(382);
-    spec.position = 4321;
-    nkrsim::UnitId unit = nkrsim::addUnit(spec);
-    const int id = connectAndPair(spec, unit);
+    const int id = connectAndPair(4321);
     int pos = -1;
-
     nkrsim::bleSilence(unit, 1);
     EXPECT_EQ(NKRGetPosition(id, &pos), NKR_ERROR_BLE_NO_ANSWER);
     EXPECT_EQ(pos, -1);
     EXPECT_EQ(position(id), 4321) << "one silent wait costs one call";
-
     nkrsim::bleSilence(unit, 3);
     for (int i = 0; i < 3; ++i) EXPECT_EQ(NKRGetPosition(id, &pos), NKR_ERROR_BLE_NO_ANSWER);
     EXPECT_EQ(position(id), 4321);
-
     // An answer to an earlier request is skipped, the right one is taken.
     nkrsim::update(unit, [](nkrsim::UnitState& s) { s.position = 1234; });
     nkrsim::bleStaleFirst(unit);
-    EXPECT_EQ(NKRGetPosition(id, &pos), NKR_SUCCESS);
-    EXPECT_EQ(pos, 1234);
-
+    EXPECT_EQ(position(id), 1234);
     nkrsim::bleCorruptChecksum(unit, 1);
     EXPECT_EQ(NKRGetPosition(id, &pos), NKR_ERROR_BLE_CHECKSUM);
     nkrsim::bleRefuseSend(unit, 1);
@@ -79,7 +73,6 @@ TEST_F(FaultBle, SilenceStaleAndDamagedAnswers)
     nkrsim::bleRawAnswer(unit, {0x01, 0x00});
     EXPECT_EQ(NKRGetPosition(id, &pos), NKR_ERROR_GENERAL);
     EXPECT_EQ(position(id), 1234);
-
     // A move whose frame is refused leaves the host's run flag set (no state
     // is rolled back), so changes wait for a status read or a stop.
     nkrsim::bleRefuseSend(unit, 1);
@@ -89,15 +82,10 @@ TEST_F(FaultBle, SilenceStaleAndDamagedAnswers)
     EXPECT_EQ(NKRMove(id, 3000), NKR_SUCCESS);
 }
 
-TEST_F(FaultBle, LinkDroppedBetweenAndDuringRequests)
+TEST_F(FaultBle, LinkDroppedBetweenAndDuringRequestsOrUnitSwitchedOff)
 {
-    nkrsim::UnitSpec spec = bleUnitWithFirmware(382);
-    spec.position = 777;
-    nkrsim::UnitId unit = nkrsim::addUnit(spec);
-    int id = connectAndPair(spec, unit);
-    ASSERT_EQ(position(id), 777);
+    int id = connectAndPair(777);
     g_disconnectReports = 0;
-
     // Between requests: the helper reports it from its own thread, the
     // object stays in its slot and every request is refused.
     nkrsim::bleDropConnection(unit);
@@ -109,14 +97,11 @@ TEST_F(FaultBle, LinkDroppedBetweenAndDuringRequests)
     _NKR_ALL_INFO info{};
     EXPECT_EQ(NKRBLEgetAllInfo(id, &info), NKR_ERROR_INVALID_VALUE) << "no answer to fill the record";
     EXPECT_EQ(NKRBLEPair(id), NKR_ERROR_BLE_PAIR);
-
     // The host's way back: disconnect, connect (the same id), pair.
     EXPECT_EQ(NKRBLEDisconnect(id), NKR_SUCCESS);
     EXPECT_EQ(NKRGetPosition(id, &pos), NKR_ERROR_BLE_NOT_OPEN);
-    const int again = connectAndPair(spec, unit);
-    EXPECT_EQ(again, id);
+    EXPECT_EQ(reconnect(), id);
     EXPECT_EQ(position(id), 777);
-
     // During a request: the link goes while the exchange waits for its
     // answer. The exchange waits out its grace and reports no answer.
     g_unitToDrop = unit;
@@ -128,35 +113,24 @@ TEST_F(FaultBle, LinkDroppedBetweenAndDuringRequests)
     EXPECT_EQ(g_disconnectReports.load(), 2);
     EXPECT_EQ(NKRGetPosition(id, &pos), NKR_ERROR_BLE_SEND);
     EXPECT_EQ(nkrsim::bleConnections(unit), 0);
-
     EXPECT_EQ(NKRBLEDisconnect(id), NKR_SUCCESS);
-    EXPECT_EQ(connectAndPair(spec, unit), id);
-    EXPECT_EQ(position(id), 777);
+    EXPECT_EQ(reconnect(), id);
     EXPECT_EQ(NKRMove(id, 900), NKR_SUCCESS);
     nkrsim::advanceMicros(1000000);
     EXPECT_EQ(position(id), 900);
-    // Bluetooth sessions never write the settings file.
-    EXPECT_FALSE(storetest::exists(faulttest::settingsPath()));
-}
-
-TEST_F(FaultBle, UnitOutOfRangeCannotBeConnectedUntilItIsBack)
-{
-    nkrsim::UnitSpec spec = bleUnitWithFirmware(382);
-    nkrsim::UnitId unit = nkrsim::addUnit(spec);
-    int id = connectAndPair(spec, unit);
-    nkrsim::unplug(unit);  // switched off: the link drops too
+    // Switched off: the link drops, and a connect fails, leaves no object
+    // and gives its id back once the unit is on again.
+    nkrsim::unplug(unit);
     nkrsim::bleFlushCallbacks();
-    int pos = -1;
     EXPECT_EQ(NKRGetPosition(id, &pos), NKR_ERROR_BLE_SEND);
     EXPECT_EQ(NKRBLEDisconnect(id), NKR_SUCCESS);
-
     int failed = -1;
-    const std::string address = nkrsim::bleAddress(unit);
-    EXPECT_EQ(NKRBLEConnect(spec.bleName.c_str(), address.c_str(), &failed), NKR_ERROR_BLE_CONNECT);
-    EXPECT_EQ(NKRGetPosition(failed, &pos), NKR_ERROR_BLE_NOT_OPEN) << "a failed connect leaves no object";
+    EXPECT_EQ(NKRBLEConnect(spec.bleName.c_str(), nkrsim::bleAddress(unit).c_str(), &failed), NKR_ERROR_BLE_CONNECT);
+    EXPECT_EQ(NKRGetPosition(failed, &pos), NKR_ERROR_BLE_NOT_OPEN);
     nkrsim::replug(unit);
-    EXPECT_EQ(connectAndPair(spec, unit), failed) << "and gives its id back";
-    EXPECT_EQ(NKRGetPosition(failed, &pos), NKR_SUCCESS);
+    EXPECT_EQ(reconnect(), failed);
+    // Bluetooth sessions never write the settings file.
+    EXPECT_FALSE(storetest::exists(faulttest::settingsPath()));
 }
 
 class FaultHelper : public FaultBle {};
@@ -171,16 +145,12 @@ TEST_F(FaultHelper, MissingOrBrokenHelperLibraryFailsCleanly)
     std::ofstream(dir + "/text.so") << "this is not a shared library\n";
     std::ofstream(dir + "/empty.so");
     mkdir((dir + "/dir.so").c_str(), 0755);
-    {
-        std::ifstream real("./lib/libBlueShim.so", std::ios::binary);
-        std::vector<char> head(1024);
-        real.read(head.data(), static_cast<std::streamsize>(head.size()));
-        ASSERT_EQ(real.gcount(), 1024);
-        std::ofstream(dir + "/truncated.so", std::ios::binary).write(head.data(), real.gcount());
-    }
-    nkrsim::UnitSpec spec = bleUnitWithFirmware(382);
-    nkrsim::UnitId unit = nkrsim::addUnit(spec);
-    const std::string address = nkrsim::bleAddress(unit);
+    std::vector<char> head(1024);
+    std::ifstream real("./lib/libBlueShim.so", std::ios::binary);
+    ASSERT_EQ(real.read(head.data(), 1024).gcount(), 1024);
+    std::ofstream(dir + "/truncated.so", std::ios::binary).write(head.data(), 1024);
+    spec = bleUnitWithFirmware(382);
+    unit = nkrsim::addUnit(spec);
     _BLE_DEVICE_INFO found[4]{};
     int count = -1, pos = -1;
     for (const char* helper : {"missing.so", "text.so", "empty.so", "dir.so", "truncated.so", "libm.so.6"}) {
@@ -188,7 +158,7 @@ TEST_F(FaultHelper, MissingOrBrokenHelperLibraryFailsCleanly)
         setenv("NKR_BLE_HELPER", (helper[0] == 'l' ? std::string(helper) : dir + "/" + helper).c_str(), 1);
         EXPECT_EQ(NKRBLEScan(100, found, 4, &count), NKR_ERROR_BLE_UNSUPPORTED);
         int id = -1;
-        EXPECT_EQ(NKRBLEConnect(spec.bleName.c_str(), address.c_str(), &id), NKR_ERROR_BLE_CONNECT);
+        EXPECT_EQ(NKRBLEConnect(spec.bleName.c_str(), nkrsim::bleAddress(unit).c_str(), &id), NKR_ERROR_BLE_CONNECT);
         EXPECT_EQ(id, NKR_BLE_FIRST_ID);
         EXPECT_EQ(NKRGetPosition(id, &pos), NKR_ERROR_BLE_NOT_OPEN);
         EXPECT_EQ(NKRBLEPair(id), NKR_ERROR_BLE_NOT_OPEN);
@@ -198,8 +168,8 @@ TEST_F(FaultHelper, MissingOrBrokenHelperLibraryFailsCleanly)
     unsetenv("NKR_BLE_HELPER");
     EXPECT_EQ(NKRBLEScan(100, found, 4, &count), NKR_SUCCESS);
     EXPECT_EQ(count, 1);
-    EXPECT_EQ(connectAndPair(spec, unit), NKR_BLE_FIRST_ID);
-    EXPECT_EQ(NKRGetPosition(NKR_BLE_FIRST_ID, &pos), NKR_SUCCESS);
+    EXPECT_EQ(reconnect(), NKR_BLE_FIRST_ID);
+    EXPECT_EQ(position(NKR_BLE_FIRST_ID), 30000);
 }
 
 }  // namespace

@@ -2,11 +2,8 @@
 // directory in /tmp, and a home directory that is unset, unwritable or holds a
 // damaged settings file. The units keep working in every case; the library
 // writes nowhere it should not and never loses the record it already has.
-//
-// The log directory is fixed (/tmp/htx/log/nkr_sdk/) and set up once per
-// process, so its faults run in child processes with a private /tmp; the
-// machine's own /tmp is never touched.
-#include <dirent.h>
+// The log directory is fixed and set up once per process, so its faults run
+// in child processes with a private /tmp.
 #include <pwd.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -62,7 +59,6 @@ protected:
             if (int failed = usbSession(1200)) return failed;
             auto saved = savedRecord();
             FAULT_CHECK(saved && saved->position == 1200, 20);
-
             const std::string file = nkrlog::currentLogFile();
             if (expectLog) {
                 FAULT_CHECK(file.rfind("/tmp/htx/log/nkr_sdk/log_", 0) == 0, 21);
@@ -93,32 +89,24 @@ TEST_F(FaultLog, PlantedOrUnusableLogDirectoriesAreNeverWrittenInto)
         {"clean", true, false, [] { return 0; }},
         {"link in place of /tmp/htx", false, false, [] { return symlink("/tmp/victim", "/tmp/htx"); }},
         {"link in place of nkr_sdk", false, false,
-         [] {
-             return mkdir("/tmp/htx", 0755) | mkdir("/tmp/htx/log", 0755) |
-                    symlink("/tmp/victim", "/tmp/htx/log/nkr_sdk");
-         }},
+         [] { return mkdir("/tmp/htx", 0755) || mkdir("/tmp/htx/log", 0755) || symlink("/tmp/victim", "/tmp/htx/log/nkr_sdk"); }},
         {"dangling link in place of log", false, false,
-         [] { return mkdir("/tmp/htx", 0755) | symlink("/tmp/victim/missing", "/tmp/htx/log"); }},
+         [] { return mkdir("/tmp/htx", 0755) || symlink("/tmp/victim/missing", "/tmp/htx/log"); }},
         {"file in place of /tmp/htx/log", false, false,
-         [] {
-             if (mkdir("/tmp/htx", 0755) != 0) return 1;
-             std::ofstream("/tmp/htx/log") << "x";
-             return 0;
-         }},
+         [] { return mkdir("/tmp/htx", 0755) || !(std::ofstream("/tmp/htx/log") << "x"); }},
         // World-writable, so only the owner check keeps the library out.
         {"foreign htx", false, true,
-         [] { return mkdir("/tmp/htx", 0777) | chmod("/tmp/htx", 0777) | chown("/tmp/htx", 65534, 65534); }},
+         [] { return mkdir("/tmp/htx", 0777) || chmod("/tmp/htx", 0777) || chown("/tmp/htx", 65534, 65534); }},
         {"foreign nkr_sdk", false, true,
          [] {
-             return mkdir("/tmp/htx", 0755) | mkdir("/tmp/htx/log", 0755) | mkdir("/tmp/htx/log/nkr_sdk", 0777) |
-                    chmod("/tmp/htx/log/nkr_sdk", 0777) | chown("/tmp/htx/log/nkr_sdk", 65534, 65534);
+             return mkdir("/tmp/htx", 0755) || mkdir("/tmp/htx/log", 0755) || mkdir("/tmp/htx/log/nkr_sdk", 0777) ||
+                    chmod("/tmp/htx/log/nkr_sdk", 0777) || chown("/tmp/htx/log/nkr_sdk", 65534, 65534);
          }},
         // /tmp/htx is ours but read-only: "log" cannot be made below it.
         {"read-only /tmp/htx", false, false,
          [] {
-             if (mkdir("/tmp/htx", 0755) != 0) return 1;
-             if (mount("/tmp/htx", "/tmp/htx", nullptr, MS_BIND, nullptr) != 0) return 2;
-             return mount(nullptr, "/tmp/htx", nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr);
+             return mkdir("/tmp/htx", 0755) || mount("/tmp/htx", "/tmp/htx", nullptr, MS_BIND, nullptr) ||
+                    mount(nullptr, "/tmp/htx", nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr);
          }},
     };
     for (const Case& c : cases)
@@ -131,17 +119,12 @@ const Saved kEarlier{1000, 20, 1, 50000, 0};
 
 class FaultHome : public nkrtest::SimTest {
 protected:
-    void SetUp() override
-    {
-        nkrtest::SimTest::SetUp();
-        home_ = std::getenv("HOME");
-    }
     void TearDown() override
     {
         nkrtest::SimTest::TearDown();
         setenv("HOME", home_.c_str(), 1);
     }
-    std::string home_;
+    const std::string home_ = std::getenv("HOME");
 };
 
 // Each home in turn, over one unit power-cycled between sessions: the unit
@@ -179,22 +162,20 @@ TEST_F(FaultHome, UnusableHomesAndDamagedOrBlockedSettingsFiles)
         nkrsim::unplug(unit);  // power cycle: the unit forgets its position
         nkrsim::replug(unit);
         ASSERT_EQ(NKROpen(id), NKR_SUCCESS);
-        int pos = -1, backlash = -1;
-        EXPECT_EQ(NKRGetPosition(id, &pos), NKR_SUCCESS);
-        EXPECT_EQ(pos, nkrtest::kPowerOnPosition) << "nothing usable to restore from";
+        EXPECT_EQ(nkrtest::position(id), nkrtest::kPowerOnPosition) << "nothing usable to restore from";
         EXPECT_EQ(storetest::readFile(file), before) << "nothing touched at open";
         target += 100;
         EXPECT_EQ(NKRSetBacklash(id, 33) | NKRMove(id, target), NKR_SUCCESS);
         nkrsim::advanceMicros(20000000);
-        EXPECT_EQ(NKRGetPosition(id, &pos) | NKRGetBacklash(id, &backlash), NKR_SUCCESS);
-        EXPECT_EQ(std::make_pair(pos, backlash), std::make_pair(target, 33));
+        int backlash = -1;
+        EXPECT_EQ(NKRGetBacklash(id, &backlash), NKR_SUCCESS);
+        EXPECT_EQ(std::make_pair(nkrtest::position(id), backlash), std::make_pair(target, 33));
         EXPECT_EQ(NKRClose(id), NKR_SUCCESS);
         const auto saved = savedRecord();
         EXPECT_EQ(saved && saved->position == target, c.saved);
         // The unit itself kept its state: an open without a power cycle finds it there.
         EXPECT_EQ(NKROpen(id), NKR_SUCCESS);
-        EXPECT_EQ(NKRGetPosition(id, &pos), NKR_SUCCESS);
-        EXPECT_EQ(pos, target);
+        EXPECT_EQ(nkrtest::position(id), target);
         EXPECT_EQ(NKRClose(id), NKR_SUCCESS);
         setenv("HOME", home_.c_str(), 1);
     }

@@ -6,7 +6,6 @@
 #include <string>
 #include <vector>
 
-#include "device_support.h"
 #include "fault_support.h"
 
 namespace {
@@ -17,10 +16,10 @@ using nkrtest::unitWithFirmware;
 class Persist : public nkrtest::SimTest {
 protected:
     // Control frames sent in set-position mode (byte 10 = 1).
-    static std::vector<devicetest::Bytes> setPositionFrames(nkrsim::UnitId unit)
+    static std::vector<nkrtest::Bytes> setPositionFrames(nkrsim::UnitId unit)
     {
-        std::vector<devicetest::Bytes> frames;
-        for (const auto& f : devicetest::controlFrames(unit))
+        std::vector<nkrtest::Bytes> frames;
+        for (const auto& f : nkrtest::controlFrames(unit))
             if (f[10] == 1) frames.push_back(f);
         return frames;
     }
@@ -44,11 +43,9 @@ TEST_F(Persist, CloseSavesAndAPowerCycledUnitGetsItAllBackWithoutMoving)
               NKR_SUCCESS);
     ASSERT_EQ(NKRClose(id), NKR_SUCCESS);
     EXPECT_EQ(savedRecord(), (Saved{70000, 20, 1, 90000, 1}));
-
     nkrsim::unplug(unit);
     nkrsim::replug(unit);  // powers up at 30000
     nkrsim::clearSentReports(unit);
-    NKRGetNum();
     id = scanForSlot(unit);
     ASSERT_EQ(NKROpen(id), NKR_SUCCESS);
     const auto frames = setPositionFrames(unit);
@@ -60,24 +57,19 @@ TEST_F(Persist, CloseSavesAndAPowerCycledUnitGetsItAllBackWithoutMoving)
     EXPECT_EQ(nkrsim::state(unit).runState, 0);
 }
 
-TEST_F(Persist, MissingOrDamagedValuesTakeTheDefaults)
-{
-    storetest::writeFile(faulttest::settingsPath(),
-                         "<?xml version=\"1.0\"?>\n<software>\n<HTX_Drevomat>\n"
-                         "<Backlash type=\"4\">ffffffff</Backlash>\n<Beep type=\"4\">02000000</Beep>\n"
-                         "<Reverse type=\"4\">zz</Reverse>\n</HTX_Drevomat>\n</software>\n");
-    nkrsim::UnitSpec spec = unitWithFirmware(336);
-    spec.maxStep = 400000;
-    // Only a stored 1 means on; the restore leaves the unit's own maximum.
-    EXPECT_EQ(readBack(openUnit(spec)), (std::vector<int>{nkrtest::kPowerOnPosition, 0, 0, 400000, 0}));
-}
-
-TEST_F(Persist, WithoutAFileAnOpenAt30000KeepsTheUnitsValuesAndWritesNothing)
+TEST_F(Persist, WithoutAFileOrWithDamagedValuesTheUnitKeepsItsOwnAndNothingIsWritten)
 {
     nkrsim::UnitSpec spec = unitWithFirmware(336);
     spec.maxStep = 400000;
     EXPECT_EQ(readBack(openUnit(spec)), (std::vector<int>{nkrtest::kPowerOnPosition, 0, 0, 400000, 0}));
     EXPECT_FALSE(storetest::exists(faulttest::settingsPath()));
+    NKRClose(0);
+    // Only a stored 1 means on; the restore leaves the unit's own maximum.
+    storetest::writeFile(faulttest::settingsPath(),
+                         "<?xml version=\"1.0\"?>\n<software>\n<HTX_Drevomat>\n"
+                         "<Backlash type=\"4\">ffffffff</Backlash>\n<Beep type=\"4\">02000000</Beep>\n"
+                         "<Reverse type=\"4\">zz</Reverse>\n</HTX_Drevomat>\n</software>\n");
+    EXPECT_EQ(readBack(openUnit(spec)), (std::vector<int>{nkrtest::kPowerOnPosition, 0, 0, 400000, 0}));
 }
 
 TEST_F(Persist, OtherPositionsAreKeptAndCloseSavesTheLastUnit)
@@ -122,7 +114,6 @@ protected:
     }
     static int opened(nkrsim::UnitId unit)
     {
-        NKRGetNum();
         const int id = scanForSlot(unit);
         return NKROpen(id) == NKR_SUCCESS ? id : -1;
     }
@@ -141,12 +132,10 @@ TEST_P(PersistPerUnit, EachUnitGetsBackOnlyItsOwnValuesWhenOptedIn)
     nkrsim::UnitId b = nkrsim::addUnit(unit(0xB2));
     int idA = opened(a);
     ASSERT_EQ(NKRResetPostion(idA, 123456) | NKRSetBacklash(idA, 11) | NKRClose(idA), NKR_SUCCESS);
-
     // B powers up at 30000 and finds either A's record or none of its own.
     const int idB = opened(b);
     EXPECT_EQ(positionAndBacklash(idB), perUnit ? std::make_pair(nkrtest::kPowerOnPosition, 0) : std::make_pair(123456, 11));
     ASSERT_EQ(NKRResetPostion(idB, 777) | NKRClose(idB), NKR_SUCCESS);
-
     // A, power-cycled, gets its own values back only from its own record.
     nkrsim::unplug(a);
     nkrsim::replug(a);

@@ -40,7 +40,6 @@ TEST(Store, CreatedFileHasTheDocumentedLayoutAndSharedModes)
     ASSERT_EQ(XMLCloseKey(&h), 1);
     EXPECT_EQ(XMLCloseKey(&h), 0) << "already closed";
     EXPECT_EQ(modeOf(configDir() + "NKRconfig.xml"), 0666u);
-
     tinyxml2::XMLDocument doc;
     ASSERT_EQ(doc.Parse(readFile(configDir() + "NKRconfig.xml").c_str()), tinyxml2::XML_SUCCESS);
     EXPECT_STREQ(doc.FirstChild()->ToDeclaration()->Value(), "xml version=\"1.0\" encoding=\"UTF-8\"");
@@ -53,7 +52,6 @@ TEST(Store, CreatedFileHasTheDocumentedLayoutAndSharedModes)
     for (auto* v = key->FirstChildElement(); v; v = v->NextSiblingElement())
         values += std::string(v->Name()) + ":" + v->Attribute("type") + ":" + v->GetText() + " ";
     EXPECT_EQ(values, "Position:4:e8030000 Beep:4:00000000 MaxStep:4:60ea0000 ");
-
     // Every save makes the file shared again.
     chmod((configDir() + "NKRconfig.xml").c_str(), 0600);
     ASSERT_EQ(XMLOpenKey("NKRconfig.xml", "software\\HTX_Drevomat", &h), 1);
@@ -77,7 +75,6 @@ TEST(Store, DamagedFilesAndValuesFailCleanly)
     }
     ASSERT_EQ(mkfifo((configDir() + "fifo.xml").c_str(), 0600), 0);
     EXPECT_EQ(XMLOpenKey("fifo.xml", "software", &h), 0) << "a FIFO must not block the host";
-
     // Damaged values read as missing and leave the output alone; queries
     // report the stored length and never write past the buffer.
     writeFile(path, kValid);
@@ -96,7 +93,6 @@ TEST(Store, DamagedFilesAndValuesFailCleanly)
     ASSERT_EQ(XMLCloseKey(&h), 1);
     EXPECT_EQ(readFile(path).find("<NoType>"), std::string::npos);
     EXPECT_NE(readFile(path).find("<Fresh type=\"4\">01</Fresh>"), std::string::npos);
-
     // Arguments and handles that make no sense.
     xmlHandle closed;
     EXPECT_EQ(XMLQueryValueEx(&closed, "Good", nullptr, nullptr, nullptr, nullptr, 0), 0);

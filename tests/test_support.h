@@ -3,6 +3,7 @@
 #pragma once
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -31,7 +32,6 @@ protected:
         for (int id = 0; id < NKR_BLE_FIRST_ID; ++id) NKRClose(id);
         nkr::setSleepHook(nullptr);
     }
-
     // Scans and returns the unit's slot id (-1 when not found).
     static int scanForSlot(nkrsim::UnitId unit)
     {
@@ -44,7 +44,6 @@ protected:
         }
         return -1;
     }
-
     // Adds a USB unit, scans and returns its slot id (-1 when not found).
     int plugAndScan(const nkrsim::UnitSpec& spec, nkrsim::UnitId* unit = nullptr)
     {
@@ -52,7 +51,6 @@ protected:
         if (unit) *unit = u;
         return scanForSlot(u);
     }
-
     // Adds, scans and opens a USB unit; returns its slot id.
     int openUnit(const nkrsim::UnitSpec& spec, nkrsim::UnitId* unit = nullptr)
     {
@@ -61,10 +59,43 @@ protected:
         EXPECT_EQ(NKROpen(id), NKR_SUCCESS);
         return id;
     }
-
+    // Opens a unit and forgets the traffic of the open itself.
+    int openQuiet(const nkrsim::UnitSpec& spec, nkrsim::UnitId* unit)
+    {
+        int id = openUnit(spec, unit);
+        nkrsim::clearSentReports(*unit);
+        return id;
+    }
     // The one seam into the registry: which device path a slot stands for.
     static std::string slotPath(int id) { return slotInRange(id) ? DevPathArray[id] : ""; }
 };
+
+using Bytes = std::vector<uint8_t>;
+
+// The unit's position as the exports report it; -1 when the read fails.
+inline int position(int id)
+{
+    int pos = -1;
+    return NKRGetPosition(id, &pos) == NKR_SUCCESS ? pos : -1;
+}
+
+// The control frames (command 0x03) among the reports the unit received.
+inline bool isControlFrame(const Bytes& r)
+{
+    return r.size() >= 16 && r[0] == 0x03 && r[1] == 0x7E && r[2] == 0x5A && r[3] == 0x03;
+}
+inline std::vector<Bytes> controlFrames(nkrsim::UnitId unit)
+{
+    std::vector<Bytes> out;
+    for (Bytes& r : nkrsim::sentReports(unit))
+        if (isControlFrame(r)) out.push_back(r);
+    return out;
+}
+inline Bytes lastControlFrame(nkrsim::UnitId unit)
+{
+    std::vector<Bytes> frames = controlFrames(unit);
+    return frames.empty() ? Bytes{} : frames.back();
+}
 
 // Spec of a unit with the given firmware (major*100 + minor*10 + build).
 inline nkrsim::UnitSpec unitWithFirmware(int fw)
