@@ -53,6 +53,7 @@ TEST_F(ToolTest, ToolCommandLineErrorsHaveOneFormAndStayShort)
         {"info 0 1 2", "unexpected arguments '1', '2'"},
         {"--bogus", "unknown option '--bogus'"},
         {"--json list --ble 61", "must be a whole number of seconds from 0 to 60 (got '61')"},
+        {"set 1 backlash=256", "backlash must be between 0 and 255 (got 256)"},
     };
     for (const auto& w : wrong) {
         ToolRun r = run(w.args);
@@ -132,6 +133,7 @@ TEST_F(ToolTest, ToolSetAppliesNothingUnlessEveryKeyFits)
     EXPECT_EQ(led.status, 1);
     EXPECT_NE(led.err.find("nothing was changed"), std::string::npos) << led.err;
     EXPECT_EQ(run("get 0 backlash").out, "0\n");
+    EXPECT_EQ(run("set 0 backlash=255").status, 0) << "the largest backlash";
 
     // Newer firmware ignores the speed: warned, not sent, and not "changed".
     ToolRun speed = run("set 1 speed=1500");

@@ -46,6 +46,7 @@ TEST_F(AlpacaTest, UnpluggedUnitAnswersNotConnectedAndComesBackWhenReplugged)
     connect(0);
     connect(1);
     nkrsim::unplug(unitA_);
+    EXPECT_EQ(put(device(0, "halt"), "")["ErrorNumber"], 0x407) << "a stop that meets the lost link";
     EXPECT_EQ(get(device(0, "position"))["ErrorNumber"], 0x407);
     EXPECT_EQ(get(device(0, "connected"))["Value"], false);
     EXPECT_EQ(get(device(1, "position"))["Value"], 30000);  // the other unit is untouched

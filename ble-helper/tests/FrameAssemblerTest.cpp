@@ -76,6 +76,38 @@ TEST(FrameAssembler, RawBytesPassAsTheyCameAndAFrameCutShortIsHandedOnAfterTheGa
     EXPECT_EQ(link.assembler.stats().cutShort, 1u);
 }
 
+TEST(FrameAssembler, AFrameInPiecesComesOutWhole)
+{
+    const struct {
+        const char* what;
+        Bytes frame;
+    } cases[] = {
+        {"an event", {0x02, 0x03, 0x10, 0x20, 0x35}},
+        {"an answer whose first three bytes close", {0x01, 0x00, 0x01, 0x05, 0x07}},
+    };
+    for (const auto& c : cases) {
+        Link link(20);
+        EXPECT_EQ(link.deliver(c.frame, 3), std::vector<Bytes>{c.frame}) << c.what;
+    }
+}
+
+TEST(FrameAssembler, AFullQueueDropsTheOldest)
+{
+    FrameAssembler::Options options;
+    options.capacity = 2;
+    FrameAssembler assembler(options);
+    for (uint8_t i = 1; i <= 3; ++i) {
+        const Bytes raw = {0x7E, i};
+        assembler.feed(raw.data(), raw.size(), {});
+    }
+    EXPECT_EQ(assembler.stats().overflowDrops, 1u);
+    Bytes out(8);
+    for (uint8_t i = 2; i <= 3; ++i) {
+        ASSERT_EQ(assembler.pop(out.data(), out.size()), 2u);
+        EXPECT_EQ(out[1], i);
+    }
+}
+
 TEST(FrameAssembler, AFullNotificationThatClosesWaitsForItsContinuationOnlyWhenTheLengthByteCannotTell)
 {
     // A 40-byte answer whose first 20 bytes happen to close a checksum.

@@ -51,7 +51,7 @@ TEST_F(TempComp, FollowsTheTemperaturePastTheDeadBandOnly)
     run(runner, 6, log);
     EXPECT_EQ(runner.state(), TempCompRunner::State::Active) << runner.describe();
 
-    setTemperature(0, 24.7);  // inside the dead band: nothing moves
+    setTemperature(0, 24.5);  // at the dead band's edge: nothing moves
     run(runner, 10, log);
     EXPECT_EQ(nkrsim::state(0).position, 30000);
 
@@ -155,6 +155,7 @@ TEST(FinalApproach, TheLastLegAlwaysComesFromTheChosenSide)
         {10000, 12000, outward, {12000}},         // already outward, far enough
         {12000, 10000, outward, {9800, 10000}},   // inward: past the target, then back out
         {10000, 10100, outward, {9900, 10100}},   // outward but shorter than the overshoot
+        {60100, 59900, inward, {59900}},          // exactly the overshoot, from past the maximum
         {12000, 10000, inward, {10000}},
         {10000, 12000, inward, {12200, 12000}},
         {500, 100, outward, {0, 100}},            // the overshoot stops at 0

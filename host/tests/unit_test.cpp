@@ -74,6 +74,11 @@ TEST_F(UnitLimits, TheUsersMaximumIsEnforcedByEveryProgramThatReadsTheSettings)
     int target = 0;
     EXPECT_TRUE(again->moveBy(40000, &target).ok());
     EXPECT_EQ(target, 50000);
+
+    // A stored maximum past the unit's range (a hand-edited file) is held to the range.
+    ASSERT_TRUE(again->hostSettings().mergeJson(again->key(), R"({"max_position": 999999})").ok());
+    ASSERT_TRUE(again->maximum(max).ok());
+    EXPECT_EQ(max, again->stepRange());
 }
 
 TEST_F(FollowLoop, EndsOnceWithOneMeaningForEachWayAMoveEnds)
