@@ -1,5 +1,4 @@
-// Helpers for the settings-store tests: the per-process HOME's config
-// directory, whole-file reads and writes, directory listings.
+// Store tests: the per-process HOME's config folder, file reads and writes.
 #pragma once
 #include <dirent.h>
 #include <sys/stat.h>
@@ -7,7 +6,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <set>
-#include <sstream>
+#include <iterator>
 #include <string>
 
 namespace storetest {
@@ -17,9 +16,7 @@ inline std::string configDir() { return std::string(std::getenv("HOME")) + "/.HT
 inline std::string readFile(const std::string& path)
 {
     std::ifstream in(path, std::ios::binary);
-    std::ostringstream out;
-    out << in.rdbuf();
-    return out.str();
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
 inline void writeFile(const std::string& path, const std::string& content)
@@ -33,7 +30,6 @@ inline bool exists(const std::string& path)
     struct stat st {};
     return lstat(path.c_str(), &st) == 0;
 }
-
 inline unsigned modeOf(const std::string& path)
 {
     struct stat st {};
