@@ -27,7 +27,7 @@ inline int connectAndPair(const nkrsim::UnitSpec& spec, nkrsim::UnitId unit, boo
 {
     int id = -1;
     EXPECT_EQ(NKRBLEConnect(spec.bleName.c_str(), nkrsim::bleAddress(unit).c_str(), &id), NKR_SUCCESS);
-    if (pair) EXPECT_EQ(NKRBLEPair(id), NKR_SUCCESS);
+    EXPECT_EQ(pair ? NKRBLEPair(id) : NKR_SUCCESS, NKR_SUCCESS);
     return id;
 }
 // Adds a Bluetooth unit and connects it (and pairs it, when asked); returns its id.

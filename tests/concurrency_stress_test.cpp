@@ -162,7 +162,7 @@ TEST_F(ConcurrencyStress, RandomCallsWhileUnitsComeAndGo)
     nkrsim::advanceMicros(60000000);
     scanAndOpen();
     for (int id = 0; id < kUsbUnits; ++id)
-        if (nkrtest::position(id) < 0) EXPECT_EQ(NKRClose(id) | NKROpen(id), NKR_SUCCESS);
+        EXPECT_EQ(nkrtest::position(id) < 0 ? NKRClose(id) | NKROpen(id) : NKR_SUCCESS, NKR_SUCCESS);
     reconnectBle();
     EXPECT_TRUE(allAnswer());
 }
