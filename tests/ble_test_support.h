@@ -1,16 +1,11 @@
-// Shared set-up of the Bluetooth tests: simulated Pro units reached through
-// the simulated helper library.
+// Bluetooth tests: simulated Pro units reached through the simulated helper library.
 #pragma once
-#include <string>
-#include <vector>
-
 #include "ble/BluetoothLEProtocol.h"
 #include "test_support.h"
 
 namespace nkrtest {
 
-// Spec of a unit that is only reachable over Bluetooth, with a name of its
-// own (the helper connects by name).
+// A unit reachable over Bluetooth only, with a name of its own (the helper connects by name).
 inline nkrsim::UnitSpec bleUnitWithFirmware(int fw)
 {
     static int made = 0;
@@ -27,25 +22,20 @@ inline std::vector<uint8_t> payloadOf(const std::vector<uint8_t>& frame)
     return std::vector<uint8_t>(frame.begin() + 4, frame.end() - 5);
 }
 
-// Adds a Bluetooth unit and connects it through the exports; returns its id.
-inline int connected(int fw, nkrsim::UnitId* unit)
+// Connects the unit through the exports, as a host does, and pairs it; returns its id.
+inline int connectAndPair(const nkrsim::UnitSpec& spec, nkrsim::UnitId unit, bool pair = true)
+{
+    int id = -1;
+    EXPECT_EQ(NKRBLEConnect(spec.bleName.c_str(), nkrsim::bleAddress(unit).c_str(), &id), NKR_SUCCESS);
+    EXPECT_EQ(pair ? NKRBLEPair(id) : NKR_SUCCESS, NKR_SUCCESS);
+    return id;
+}
+// Adds a Bluetooth unit and connects it (and pairs it, when asked); returns its id.
+inline int connected(int fw, nkrsim::UnitId* unit, bool pair = false)
 {
     const nkrsim::UnitSpec spec = bleUnitWithFirmware(fw);
     *unit = nkrsim::addUnit(spec);
-    int id = -1;
-    EXPECT_EQ(NKRBLEConnect(spec.bleName.c_str(), nkrsim::bleAddress(*unit).c_str(), &id), NKR_SUCCESS);
-    return id;
-}
-
-// Connects the unit through the exports, as a host does, and pairs it;
-// returns its id.
-inline int connectAndPair(const nkrsim::UnitSpec& spec, nkrsim::UnitId unit)
-{
-    int id = -1;
-    const std::string address = nkrsim::bleAddress(unit);
-    EXPECT_EQ(NKRBLEConnect(spec.bleName.c_str(), address.c_str(), &id), NKR_SUCCESS);
-    EXPECT_EQ(NKRBLEPair(id), NKR_SUCCESS);
-    return id;
+    return connectAndPair(spec, *unit, pair);
 }
 
 }  // namespace nkrtest

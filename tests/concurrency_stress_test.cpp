@@ -1,20 +1,16 @@
-// Whole-library stress: host threads call random exports on USB and Bluetooth
-// units while a registry thread scans, opens and closes, and a chaos thread
-// unplugs and replugs USB units and drops Bluetooth links (the helper reports
-// those from its own thread). Every call must return a code of the public
-// table. Then a drop reported on the helper's thread while host threads run
-// exchanges and another disconnects the slot. Meant for ThreadSanitizer too:
-// no race, no use after free; a hang ends at ctest's timeout.
+// Host threads call random exports on USB and Bluetooth units while others
+// scan, open, close, unplug and drop links: every code must be a public one.
+// Meant for ThreadSanitizer too; a hang ends at ctest's timeout.
 #include <atomic>
 #include <chrono>
 #include <cstdio>
+#include <functional>
+#include <iterator>
 #include <mutex>
 #include <random>
 #include <set>
 #include <shared_mutex>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "ble_test_support.h"
 
@@ -27,12 +23,9 @@ extern "C" const char* __tsan_default_options() { return "detect_deadlocks=0"; }
 namespace {
 using Clock = std::chrono::steady_clock;
 constexpr int kWorkers = 4, kCallsPerWorker = 5000, kUsbUnits = 3, kBleUnits = 2;
-constexpr auto kTimeBudget = std::chrono::seconds(40);
 const std::set<int> kPublicCodes = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 50, 51, 52, 53, 54, 56, 57, 58, 59, 60, 62};
 
-// One random per-device export on id; returns its code.
-int randomExport(std::mt19937& rng, int id)
-{
+struct Out {  // where the calls write
     int v = 0;
     bool b = false, b2 = false;
     float f = 0;
@@ -41,31 +34,20 @@ int randomExport(std::mt19937& rng, int id)
     _NKR_TYPE type{};
     _NKR_CONTROL_CAPS caps{};
     _NKR_ALL_INFO info{};
-    auto pick = [&](int n) { return static_cast<int>(rng() % static_cast<unsigned>(n)); };
-    switch (pick(22)) {
-    case 0: return NKRGetPosition(id, &v);
-    case 1: return NKRIsMoving(id, &b, &b2);
-    case 2: return NKRGetBacklash(id, &v);
-    case 3: return NKRSetBacklash(id, pick(300));
-    case 4: return NKRSetBeep(id, pick(2) == 1);
-    case 5: return NKRGetReverse(id, &b);
-    case 6: return NKRSetReverse(id, pick(2) == 1);
-    case 7: return NKRSetMaxStep(id, 10000 + pick(60000));
-    case 8: return NKRSetMaxForce(id, pick(20));
-    case 9: return NKRGetTemp(id, &f);
-    case 10: return NKRGetFirmwareVersion(id, &x, &y, &z);
-    case 11: return NKRGetSerialNumber(id, &sn);
-    case 12: return NKRGetType(id, &type);
-    case 13:
-    case 14: return NKRMove(id, pick(8000) - 500);
-    case 15: return NKRStop(id);
-    case 16: return NKRStepRange(id, &v);
-    case 17: return NKRGetSpeed(id, &v);
-    case 18: return pick(2) ? NKRSetLedState(id, pick(2) == 1) : NKRGetLedState(id, &b);
-    case 19: return NKRGetControlCaps(id, pick(9), &caps);
-    default: return NKRBLEgetAllInfo(id, &info);
-    }
-}
+};
+// Every per-device export (moves twice); r is a random number for the argument.
+#define CALL(expr) [](int id, unsigned r, Out& o) { return (void)r, (void)o, (expr); }
+const std::function<int(int, unsigned, Out&)> kCalls[] = {
+    CALL(NKRGetPosition(id, &o.v)), CALL(NKRIsMoving(id, &o.b, &o.b2)), CALL(NKRGetBacklash(id, &o.v)),
+    CALL(NKRSetBacklash(id, int(r % 300))), CALL(NKRSetBeep(id, r & 1)), CALL(NKRGetReverse(id, &o.b)),
+    CALL(NKRSetReverse(id, r & 1)), CALL(NKRSetMaxStep(id, 10000 + int(r % 60000))), CALL(NKRStop(id)),
+    CALL(NKRSetMaxForce(id, int(r % 20))), CALL(NKRGetTemp(id, &o.f)), CALL(NKRGetSerialNumber(id, &o.sn)),
+    CALL(NKRGetFirmwareVersion(id, &o.x, &o.y, &o.z)), CALL(NKRGetType(id, &o.type)), CALL(NKRGetSpeed(id, &o.v)),
+    CALL(NKRMove(id, int(r % 8000) - 500)), CALL(NKRMove(id, int(r % 8000) - 500)), CALL(NKRStepRange(id, &o.v)),
+    CALL(NKRSetLedState(id, r & 1)), CALL(NKRGetLedState(id, &o.b)), CALL(NKRGetControlCaps(id, int(r % 9), &o.caps)),
+    CALL(NKRBLEgetAllInfo(id, &o.info)),
+};
+#undef CALL
 
 // The USB slots (and one free), the Bluetooth slots (and one empty), ids outside the table.
 int randomId(std::mt19937& rng)
@@ -90,50 +72,42 @@ protected:
         std::lock_guard<std::mutex> g(codesLock_);
         offTable_.push_back(std::string(what) + "(" + std::to_string(id) + ") -> " + std::to_string(rc));
     }
-    void connectBle()
+    void reconnectBle()
     {
+        for (int id = NKR_BLE_FIRST_ID + kBleUnits - 1; id >= NKR_BLE_FIRST_ID; --id)
+            check(NKRBLEDisconnect(id), "BLEDisconnect", id);
         for (size_t i = 0; i < ble_.size(); ++i) {
             int id = -1;
             const int rc = NKRBLEConnect(specs_[i].bleName.c_str(), nkrsim::bleAddress(ble_[i]).c_str(), &id);
             check(rc, "BLEConnect", id);
-            if (rc != NKR_SUCCESS) continue;
             std::unique_lock<std::shared_mutex> alone(pairing_);
-            check(NKRBLEPair(id), "BLEPair", id);
+            if (rc == NKR_SUCCESS) check(NKRBLEPair(id), "BLEPair", id);
         }
-    }
-    void disconnectBle()
-    {
-        for (int id = NKR_BLE_FIRST_ID + kBleUnits - 1; id >= NKR_BLE_FIRST_ID; --id)
-            check(NKRBLEDisconnect(id), "BLEDisconnect", id);
-    }
-    bool allAnswer()
-    {
-        int pos = -1, failed = 0;
-        for (int id : {0, 1, 2, NKR_BLE_FIRST_ID, NKR_BLE_FIRST_ID + 1}) failed += NKRGetPosition(id, &pos) != NKR_SUCCESS;
-        return failed == 0;
     }
     void scanAndOpen()
     {
-        const int n = NKRGetNum();
-        for (int i = 0; i < n; ++i) {
-            int id = -1;
+        for (int i = 0, n = NKRGetNum(), id = -1; i < n; ++i) {
             check(NKRGetID(i, &id), "GetID", i);
             check(NKROpen(id), "Open", id);
         }
+    }
+    static bool allAnswer()
+    {
+        for (int id : {0, 1, 2, NKR_BLE_FIRST_ID, NKR_BLE_FIRST_ID + 1})
+            if (nkrtest::position(id) < 0) return false;
+        return true;
     }
 };
 
 TEST_F(ConcurrencyStress, RandomCallsWhileUnitsComeAndGo)
 {
     for (int i = 0; i < kUsbUnits; ++i) usb_.push_back(nkrsim::addUnit(nkrtest::unitWithFirmware(i ? 382 : 335)));
-    for (int i = 0; i < kBleUnits; ++i) {
-        specs_.push_back(nkrtest::bleUnitWithFirmware(382));
-        ble_.push_back(nkrsim::addUnit(specs_.back()));
-    }
+    for (int i = 0; i < kBleUnits; ++i)
+        ble_.push_back(nkrsim::addUnit(specs_.emplace_back(nkrtest::bleUnitWithFirmware(382))));
     scanAndOpen();
-    connectBle();
+    reconnectBle();
     ASSERT_TRUE(allAnswer()) << "every unit answers before the storm";
-    const auto deadline = Clock::now() + kTimeBudget;
+    const auto deadline = Clock::now() + std::chrono::seconds(40);
     std::atomic<long> calls{0};
     std::atomic<int> workersLeft{kWorkers};
     auto running = [&] { return workersLeft.load() > 0 && Clock::now() < deadline; };
@@ -142,48 +116,38 @@ TEST_F(ConcurrencyStress, RandomCallsWhileUnitsComeAndGo)
         std::mt19937 rng(static_cast<unsigned>(every));
         for (long next = every; running(); next += every) {
             while (running() && calls.load() < next) std::this_thread::yield();
-            action(rng);
+            action(rng(), rng());
         }
     };
     std::vector<std::thread> threads;
-    for (int w = 0; w < kWorkers; ++w) {
+    for (int w = 0; w < kWorkers; ++w)
         threads.emplace_back([&, w] {
             std::mt19937 rng(1000u + static_cast<unsigned>(w));
-            for (int i = 0; i < kCallsPerWorker && Clock::now() < deadline; ++i) {
+            Out out;
+            for (int i = 0; i < kCallsPerWorker && Clock::now() < deadline; ++i, calls.fetch_add(1)) {
                 const int id = randomId(rng);
                 std::shared_lock<std::shared_mutex> notPairing(pairing_, std::defer_lock);
                 if (id >= NKR_BLE_FIRST_ID) notPairing.lock();
-                check(randomExport(rng, id), "worker call", id);
-                calls.fetch_add(1);
+                check(kCalls[rng() % std::size(kCalls)](id, rng(), out), "worker call", id);
             }
             workersLeft.fetch_sub(1);
         });
-    }
     threads.emplace_back([&] {
-        paced(12, [&](std::mt19937& rng) {
-            const unsigned r = rng() % 10;
-            const int id = static_cast<int>(rng() % (kUsbUnits + 1));
+        paced(12, [&](unsigned r, unsigned which) {
+            const int id = static_cast<int>(which % (kUsbUnits + 1));
             _NKR_INFO info{};
-            if (r < 4) scanAndOpen();
-            else if (r < 6) check(NKRClose(id), "Close", id);
-            else if (r < 8) check(NKRGetProperty(id, &info), "GetProperty", id);  // may open a closed slot
-            else {
-                bool dropped = false;
-                for (nkrsim::UnitId u : ble_) dropped = dropped || nkrsim::bleConnections(u) == 0;
-                if (dropped) {
-                    disconnectBle();
-                    connectBle();
-                }
-            }
+            if (r % 10 < 4) scanAndOpen();
+            else if (r % 10 < 6) check(NKRClose(id), "Close", id);
+            else if (r % 10 < 8) check(NKRGetProperty(id, &info), "GetProperty", id);  // may open the slot
+            else if (nkrsim::bleConnections(ble_[0]) == 0 || nkrsim::bleConnections(ble_[1]) == 0) reconnectBle();
         });
     });
     threads.emplace_back([&] {
-        paced(30, [&](std::mt19937& rng) {
-            const unsigned r = rng() % 4;
-            const nkrsim::UnitId u = usb_[rng() % usb_.size()];
-            if (r == 0) nkrsim::unplug(u);
-            else if (r == 1) nkrsim::replug(u);
-            else if (r == 2) nkrsim::bleDropConnection(ble_[rng() % ble_.size()]);
+        paced(30, [&](unsigned r, unsigned which) {
+            const nkrsim::UnitId u = usb_[which % usb_.size()];
+            if (r % 4 == 0) nkrsim::unplug(u);
+            else if (r % 4 == 1) nkrsim::replug(u);
+            else if (r % 4 == 2) nkrsim::bleDropConnection(ble_[which % ble_.size()]);
             else nkrsim::advanceMicros(500000);  // lets moves finish
         });
     });
@@ -197,19 +161,13 @@ TEST_F(ConcurrencyStress, RandomCallsWhileUnitsComeAndGo)
     for (nkrsim::UnitId u : usb_) nkrsim::replug(u);
     nkrsim::advanceMicros(60000000);
     scanAndOpen();
-    for (int id = 0; id < kUsbUnits; ++id) {
-        int pos = -1;
-        if (NKRGetPosition(id, &pos) != NKR_SUCCESS) {
-            EXPECT_EQ(NKRClose(id) | NKROpen(id), NKR_SUCCESS);
-        }
-    }
-    disconnectBle();
-    connectBle();
+    for (int id = 0; id < kUsbUnits; ++id)
+        EXPECT_EQ(nkrtest::position(id) < 0 ? NKRClose(id) | NKROpen(id) : NKR_SUCCESS, NKR_SUCCESS);
+    reconnectBle();
     EXPECT_TRUE(allAnswer());
 }
 
-// While g_disconnecting is false the host callback holds the report inside
-// the device's callable until the disconnect has begun, so the two overlap.
+// While g_disconnecting is false the callback holds the report until the disconnect has begun.
 std::atomic<bool> g_disconnecting{false};
 std::atomic<int> g_reports{0};
 void slowHostCallback(bool connected)
@@ -224,9 +182,7 @@ TEST_F(ConcurrencyStress, DropDuringExchangesAndDisconnect)
 {
     for (int round = 0; round < 8; ++round) {
         SCOPED_TRACE(round);
-        // Even rounds hold the report until the disconnect; odd rounds let it
-        // reset the link while the exchanges are still running.
-        g_disconnecting = round % 2 == 1;
+        g_disconnecting = round % 2 == 1;  // odd rounds: the report resets the link during the exchanges
         g_reports = 0;
         nkrsim::UnitId unit = -1;
         const int id = nkrtest::connected(382, &unit);
@@ -252,8 +208,7 @@ TEST_F(ConcurrencyStress, DropDuringExchangesAndDisconnect)
     }
 }
 
-// A host that releases the slot from its own connection callback, on the
-// helper's thread: the device's callable must not touch the object afterwards.
+// A host that releases the slot from its connection callback, on the helper's thread.
 std::atomic<int> g_selfId{-1};
 std::atomic<int> g_disconnectResult{-1};
 void disconnectFromCallback(bool connected)

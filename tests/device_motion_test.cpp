@@ -1,6 +1,5 @@
-// Motion and motor settings through the exports: the control frame byte for
-// byte, clamps, the moving lock-out and stop, a whole move polled to its end,
-// and the Bluetooth branches of the status read and the control frame.
+// Motion and motor settings through the exports: the control frame, clamps,
+// the moving lock-out, stop, and the Bluetooth branches.
 #include <cerrno>
 #include <functional>
 
@@ -19,8 +18,7 @@ TEST_F(DeviceMotion, FrameCarriesTheSpeedUpTo335AndHighBytesFrom336)
 {
     nkrsim::UnitId unit;
     int id = openQuiet(unitWithFirmware(335), &unit);
-    ASSERT_EQ(NKRSetSpeed(id, 0x0102), NKR_SUCCESS);
-    ASSERT_EQ(NKRMove(id, 1000), NKR_SUCCESS);
+    ASSERT_TRUE(NKRSetSpeed(id, 0x0102) == NKR_SUCCESS && NKRMove(id, 1000) == NKR_SUCCESS);
     Bytes f = lastControlFrame(unit);
     ASSERT_EQ(f.size(), 16u);
     EXPECT_EQ(slice(f, 0, 11), (Bytes{0x03, 0x7E, 0x5A, 0x03, 0x01, 0x00, 0x01, 0x02, 0x03, 0xE8, 0x00}));
@@ -53,8 +51,7 @@ TEST_F(DeviceMotion, TargetsAndPositionsAreClampedToTheStepRangeNotToTheMaximum)
     EXPECT_EQ(nkrsim::nowMicros(), t0);
     const Bytes f = lastControlFrame(unit);
     EXPECT_EQ((Bytes{f[4], f[8], f[9], f[10]}), (Bytes{0, 0xEA, 0x60, 1}));
-    EXPECT_EQ(nkrsim::state(unit).position, 60000);
-    EXPECT_EQ(nkrsim::state(unit).runState, 0);
+    EXPECT_TRUE(nkrsim::state(unit).position == 60000 && nkrsim::state(unit).runState == 0);
 }
 
 TEST_F(DeviceMotion, MoveWaits200msOnlyWhenTheFrameWasSent)
@@ -65,8 +62,7 @@ TEST_F(DeviceMotion, MoveWaits200msOnlyWhenTheFrameWasSent)
     ASSERT_EQ(NKRMove(id, 30000), NKR_SUCCESS);  // already there: ends at once
     EXPECT_EQ(nkrsim::nowMicros() - t0, 200000u);
     bool moving = true;
-    ASSERT_EQ(NKRIsMoving(id, &moving, nullptr), NKR_SUCCESS);
-    ASSERT_FALSE(moving);
+    ASSERT_TRUE(NKRIsMoving(id, &moving, nullptr) == NKR_SUCCESS && !moving);
     nkrsim::failTransfers(unit, 1, EIO);
     t0 = nkrsim::nowMicros();
     EXPECT_EQ(NKRMove(id, 31000), NKR_ERROR_GENERAL);
@@ -98,8 +94,7 @@ TEST_F(DeviceMotion, NothingChangesWhileMovingButStopIsAllowedAfterClearingError
     const std::vector<Bytes> sent = nkrsim::sentReports(unit);
     ASSERT_EQ(sent.size(), 2u);
     EXPECT_EQ(slice(sent[0], 0, 5), (Bytes{0x03, 0x7E, 0x5A, 0x02, 0x03}));
-    EXPECT_TRUE(nkrtest::isControlFrame(sent[1]));
-    EXPECT_EQ(sent[1][4], 0);
+    EXPECT_TRUE(nkrtest::isControlFrame(sent[1]) && sent[1][4] == 0);
     EXPECT_EQ(nkrsim::state(unit).runState, 0);
     EXPECT_EQ(NKRSetBeep(id, true), NKR_SUCCESS);
 }
@@ -109,32 +104,24 @@ TEST_F(DeviceMotion, SettingsInTheFrameAndTheirBounds)
     nkrsim::UnitId unit;
     const int id = openQuiet(unitWithFirmware(335), &unit);
     // Force, beep and reverse share byte 13; only the low nibble of the force travels.
-    struct Step {
-        std::function<int()> call;
-        int byte, value, mode;  // mode: byte 10, -1 unchecked
-    };
-    const Step steps[] = {
+    // call, byte, value, mode (byte 10; -1 unchecked)
+    const std::tuple<std::function<int()>, int, int, int> steps[] = {
         {[&] { return NKRSetBeep(id, true); }, 13, 0x01, 0}, {[&] { return NKRSetMaxForce(id, 0x1F3); }, 13, 0x31, -1},
         {[&] { return NKRSetReverse(id, true); }, 13, 0x33, -1}, {[&] { return NKRSetMaxForce(id, 20); }, 13, 0x43, -1},
         {[&] { return NKRSetBacklash(id, 255); }, 5, 255, 0},
         {[&] { return NKRSetMaxStep(id, 1000000); }, 14, 0xEA, 2},  // clamped to the range, stored
         {[&] { return NKRSetMaxStep(id, -3); }, 14, 0x00, 2},
     };
-    for (const Step& s : steps) {
-        EXPECT_EQ(s.call(), NKR_SUCCESS);
+    for (const auto& [call, byte, value, mode] : steps) {
+        EXPECT_EQ(call(), NKR_SUCCESS);
         const Bytes f = lastControlFrame(unit);
-        EXPECT_EQ(f[s.byte], s.value) << s.byte;
-        if (s.mode >= 0) {
-            EXPECT_EQ(f[10], s.mode);
-        }
+        EXPECT_EQ(std::pair(int(f[byte]), mode < 0 ? -1 : f[10]), std::pair(value, mode)) << byte;
     }
-    int force = -1;
-    ASSERT_EQ(NKRGetMaxForce(id, &force), NKR_SUCCESS);
-    EXPECT_EQ(force, 4);  // the unit reads the high half-byte
+    int force = -1;  // the unit reads the high half-byte
+    EXPECT_EQ((std::pair{NKRGetMaxForce(id, &force), force}), std::pair(0, 4));
     EXPECT_EQ(nkrsim::state(unit).maxStep, 0);
     nkrsim::clearSentReports(unit);
-    EXPECT_EQ(NKRSetBacklash(id, 256), NKR_ERROR_INVALID_VALUE);
-    EXPECT_EQ(NKRSetBacklash(id, -1), NKR_ERROR_INVALID_VALUE);
+    for (int bad : {256, -1}) EXPECT_EQ(NKRSetBacklash(id, bad), NKR_ERROR_INVALID_VALUE);
     EXPECT_TRUE(nkrsim::sentReports(unit).empty());
 }
 
@@ -146,8 +133,7 @@ TEST_F(DeviceMotion, CloseStopsARunningMoveAndStoresTheSettingsWithRunOff)
     ASSERT_EQ(NKRMove(id, 50000), NKR_SUCCESS);
     ASSERT_EQ(NKRClose(id), NKR_SUCCESS);
     const Bytes f = lastControlFrame(unit);
-    EXPECT_EQ((Bytes{f[4], f[5], f[10]}), (Bytes{0, 12, 0}));
-    EXPECT_EQ(nkrsim::state(unit).runState, 0);
+    EXPECT_TRUE((Bytes{f[4], f[5], f[10]}) == (Bytes{0, 12, 0}) && nkrsim::state(unit).runState == 0);
 }
 
 class DeviceBle : public nkrtest::SimTest {
@@ -157,14 +143,8 @@ protected:
     void SetUp() override
     {
         SimTest::SetUp();
-        const nkrsim::UnitSpec spec = nkrtest::bleUnitWithFirmware(382);
-        unit_ = nkrsim::addUnit(spec);
-        id_ = nkrtest::connectAndPair(spec, unit_);
-        nkrsim::update(unit_, [](nkrsim::UnitState& s) {
-            s.position = 600000;
-            s.maxStep = 0x050607;
-            s.backlash = 9;
-        });
+        id_ = nkrtest::connected(382, &unit_, true);
+        nkrsim::update(unit_, [](nkrsim::UnitState& s) { s.position = 600000, s.maxStep = 0x050607, s.backlash = 9; });
         nkrsim::clearSentFrames(unit_);
     }
     std::vector<int> readAll()
@@ -192,8 +172,7 @@ TEST_F(DeviceBle, StatusAnswerIsLaidOverTheHidPositionsAndTheControlFrameFollows
     EXPECT_EQ(slice(payload, 0, 4), (Bytes{0x7E, 0x5A, 0x03, 0x01}));
     EXPECT_EQ(slice(payload, 6, 9), (Bytes{0x01, 0x23, 0x45}));
     EXPECT_EQ(nkrsim::state(unit_).target, 0x012345);
-    ASSERT_EQ(NKRStop(id_), NKR_SUCCESS);
-    EXPECT_EQ(nkrsim::state(unit_).runState, 0);
+    EXPECT_TRUE(NKRStop(id_) == NKR_SUCCESS && nkrsim::state(unit_).runState == 0);
 }
 
 TEST_F(DeviceBle, ShortAnswerOrPairingNotificationLeavesTheRestOfTheLastReport)
@@ -204,17 +183,15 @@ TEST_F(DeviceBle, ShortAnswerOrPairingNotificationLeavesTheRestOfTheLastReport)
     Bytes frame = {0x01, 0x06, uint8_t(nkrsim::sentFrames(unit_).back()[2] + 1), 0x00, 0x00, 0x00, 0x07, 0x00, 0x00, 0x04, 0xD2};
     frame.push_back(BLEProtocol::calculateChecksum(frame.data(), uint32_t(frame.size())));
     nkrsim::bleRawAnswer(unit_, frame);
-    int pos = -1, backlash = -1, max = -1;
-    ASSERT_EQ(NKRGetPosition(id_, &pos), NKR_SUCCESS);
-    EXPECT_EQ(pos, 1234);
+    int backlash = -1, max = -1;
+    EXPECT_EQ(nkrtest::position(id_), 1234);
     // "Pairing accepted" ends the exchange with success and an empty answer:
     // the read succeeds on the report as it was (the short answer's values).
     nkrsim::bleNotifyInstead(unit_, 0x00);
-    ASSERT_EQ(NKRGetBacklash(id_, &backlash), NKR_SUCCESS);
-    EXPECT_EQ(backlash, 7);
+    EXPECT_EQ((std::pair{NKRGetBacklash(id_, &backlash), backlash}), std::pair(0, 7));
     nkrsim::bleNotifyInstead(unit_, 0x00);
-    ASSERT_EQ(NKRGetMaxStep(id_, &max), NKR_SUCCESS);
-    EXPECT_EQ(max, 0x0607);  // byte 6 from the short answer, bytes 14-15 as the full report left them
+    // Byte 6 from the short answer, bytes 14-15 as the full report left them.
+    EXPECT_EQ((std::pair{NKRGetMaxStep(id_, &max), max}), std::pair(0, 0x0607));
 }
 
 }  // namespace

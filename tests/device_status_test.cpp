@@ -1,7 +1,5 @@
-// Opening a unit and reading its status through the exports: what the
-// firmware version and the report descriptor decide, both position layouts,
-// temperature, failed reads, the moving / hand-controller answers and the raw
-// command; the descriptor scan itself on a private sysfs tree.
+// Opening a unit and reading its status through the exports; the report
+// descriptor scan on a private sysfs tree.
 #include <cerrno>
 #include <cmath>
 #include <cstring>
@@ -32,8 +30,7 @@ TEST_F(DeviceStatus, FirmwareVersionDecidesSerialCommandsAndStepRange)
         _NKR_SN sn{};
         int got = -1;
         EXPECT_EQ(NKRGetSerialNumber(id, &sn), serialRc);
-        EXPECT_EQ(NKRStepRange(id, &got), NKR_SUCCESS);
-        EXPECT_EQ(got, range);
+        EXPECT_EQ((std::pair{NKRStepRange(id, &got), got}), std::pair(0, range));
         NKRClose(id);
     }
 }
@@ -62,12 +59,8 @@ TEST_F(DeviceStatus, BothLayoutsReadBack)
         nkrsim::UnitId unit;
         const int id = openQuiet(unitWithFirmware(fw), &unit);
         nkrsim::update(unit, [&, position = position, maxStep = maxStep](nkrsim::UnitState& s) {
-            s.position = position;
-            s.speed = 0x0102;
-            s.backlash = 7;
-            s.maxStep = maxStep;
+            s.position = position, s.speed = 0x0102, s.backlash = 7, s.maxStep = maxStep, s.force = 9;
             s.beep = s.reverse = true;
-            s.force = 9;
         });
         int pos = -1, speed = -1, backlash = -1, max = -1, force = -1;
         bool beep = false, reverse = false;
@@ -88,13 +81,10 @@ TEST_F(DeviceStatus, FailedReadLeavesTheOutputUntouched)
     nkrsim::failTransfers(unit, 2, EIO);
     int pos = -77;
     bool moving = true;
-    EXPECT_EQ(NKRGetPosition(id, &pos), NKR_ERROR_GENERAL);
-    EXPECT_EQ(NKRIsMoving(id, &moving, nullptr), NKR_ERROR_GENERAL);
+    for (int rc : {NKRGetPosition(id, &pos), NKRIsMoving(id, &moving, nullptr)}) EXPECT_EQ(rc, NKR_ERROR_GENERAL);
     EXPECT_TRUE(pos == -77 && moving);
-    // Null outputs are refused without traffic.
-    nkrsim::clearSentReports(unit);
-    EXPECT_EQ(NKRGetPosition(id, nullptr), NKR_ERROR_INVALID_VALUE);
-    EXPECT_EQ(NKRIsMoving(id, nullptr, &moving), NKR_ERROR_INVALID_VALUE);
+    nkrsim::clearSentReports(unit);  // null outputs are refused without traffic
+    for (int rc : {NKRGetPosition(id, nullptr), NKRIsMoving(id, nullptr, &moving)}) EXPECT_EQ(rc, NKR_ERROR_INVALID_VALUE);
     EXPECT_TRUE(nkrsim::sentReports(unit).empty());
 }
 
@@ -103,28 +93,22 @@ TEST_F(DeviceStatus, MovingReportsHostMovesAndHandMoves)
     nkrsim::UnitId unit;
     const int id = openQuiet(unitWithFirmware(336), &unit);
     bool moving = true, hand = true;
-    EXPECT_EQ(NKRIsMoving(id, &moving, &hand), NKR_SUCCESS);
-    EXPECT_FALSE(moving || hand);
+    auto state = [&] { return std::tuple{NKRIsMoving(id, &moving, &hand), moving, hand}; };
+    EXPECT_EQ(state(), std::tuple(0, false, false));
     nkrsim::handMove(unit, 35000);
-    EXPECT_EQ(NKRIsMoving(id, &moving, &hand), NKR_SUCCESS);
-    EXPECT_TRUE(moving && hand);
+    EXPECT_EQ(state(), std::tuple(0, true, true));
     nkrsim::advanceMicros(10'000'000);
     // A host move: moving, not by hand. A null second output is allowed.
     ASSERT_EQ(NKRMove(id, 20000), NKR_SUCCESS);
     moving = false;
-    EXPECT_EQ(NKRIsMoving(id, &moving, nullptr), NKR_SUCCESS);
-    EXPECT_TRUE(moving);
-    EXPECT_EQ(NKRIsMoving(id, &moving, &hand), NKR_SUCCESS);
-    EXPECT_FALSE(hand);
+    EXPECT_TRUE(NKRIsMoving(id, &moving, nullptr) == NKR_SUCCESS && moving);
+    EXPECT_EQ(state(), std::tuple(0, true, false));
 }
 
 TEST_F(DeviceStatus, TemperatureReadingsInTurn)
 {
-    struct Step {
-        int raw, rc;
-        float celsius;  // NAN: the previous row's value is repeated
-    };
-    const std::pair<int, std::vector<Step>> firmware[] = {
+    // raw word, code, degrees (NAN: the previous row's value is repeated)
+    const std::pair<int, std::vector<std::tuple<int, int, float>>> firmware[] = {
         // (degrees + 300) * 100; -200 and below (the zero word too) are no temperature.
         {336, {{32500, 0, 25.0f}, {10000, 7, NAN}, {0, 7, NAN}, {10001, 0, -199.99f}, {22000, 0, -80.0f}}},
         // Converter readings 616..1020; beyond the table, the last table value.
@@ -135,12 +119,12 @@ TEST_F(DeviceStatus, TemperatureReadingsInTurn)
         nkrsim::UnitId unit;
         const int id = openUnit(unitWithFirmware(fw), &unit);
         float last = NAN;
-        for (const Step& s : steps) {
-            SCOPED_TRACE(std::to_string(fw) + " raw " + std::to_string(s.raw));
-            nkrsim::update(unit, [&](nkrsim::UnitState& st) { st.tempRaw = s.raw; });
+        for (const auto& [raw, rc, celsius] : steps) {
+            SCOPED_TRACE(std::to_string(fw) + " raw " + std::to_string(raw));
+            nkrsim::update(unit, [raw = raw](nkrsim::UnitState& st) { st.tempRaw = raw; });
             float t = 1234.0f;
-            EXPECT_EQ(NKRGetTemp(id, &t), s.rc);
-            if (!std::isnan(s.celsius)) last = s.celsius;
+            EXPECT_EQ(NKRGetTemp(id, &t), rc);
+            if (!std::isnan(celsius)) last = celsius;
             EXPECT_NEAR(t, last, 0.01);
         }
         EXPECT_EQ(NKRGetTemp(id, nullptr), NKR_ERROR_INVALID_VALUE);
@@ -162,9 +146,7 @@ TEST_F(DeviceStatus, RawCommandSendsOneReportOfTheUnitsLengthAndReadsOneReply)
         EXPECT_EQ(NKRSendCMD(id, cmd, sizeof cmd, true, nullptr), NKR_SUCCESS);
         std::vector<Bytes> sent = nkrsim::sentReports(unit);
         ASSERT_EQ(sent.size(), 1u);
-        ASSERT_EQ(sent[0].size(), static_cast<size_t>(len));
-        EXPECT_EQ(Bytes(sent[0].begin(), sent[0].begin() + 5), Bytes(cmd, cmd + 5));
-        EXPECT_EQ(sent[0].back(), 0xAB);
+        EXPECT_EQ(sent[0], Bytes(cmd, cmd + len));
         // With one, the 17-byte answer behind report id 1; the rest of the buffer is untouched.
         unsigned char reply[NKR_BUF_SIZE];
         std::memset(reply, 0xEE, sizeof reply);
@@ -182,53 +164,37 @@ Bytes focuserDescriptor(unsigned char outputCount)
 
 TEST(DeviceDescriptor, ReportSizeAndCountGiveTheLengthsOfReports1And3)
 {
-    // A sysfs tree of our own in the process's HOME (each test runs in a process of its own).
-    namespace fs = std::filesystem;
+    namespace fs = std::filesystem;  // a sysfs tree of our own in the process's HOME
     const fs::path root = fs::path(std::getenv("HOME")) / "sysfs";
     setenv("NKR_SYSFS_ROOT", root.c_str(), 1);
-    struct Case {
-        const char* why;
-        std::string node;
-        std::optional<Bytes> file;  // nullopt: no descriptor file for the node
-        int result, in, out;        // lengths start at -1
-    };
-    const std::string longName(32, 'h');
-    const Case cases[] = {
-        {"64-byte output", "hidraw0", focuserDescriptor(63), 0, 17, 64},
-        {"16-byte output", "hidraw1", focuserDescriptor(15), 0, 17, 16},
+    const std::string longName(32, 'h');  // too long for its 32-byte room: refused, not truncated
+    // node, descriptor file (nullopt: none), result, lengths of input 1 and output 3 (-1: none)
+    const std::tuple<std::string, std::optional<Bytes>, int, int, int> cases[] = {
+        {"hidraw0", focuserDescriptor(63), 0, 17, 64}, {"hidraw1", focuserDescriptor(15), 0, 17, 16},
         // Items of other report ids do not count; 12-bit sizes round down to 1 byte.
-        {"other ids, odd size", "hidraw2",
-         Bytes{0x85, 0x02, 0x75, 0x08, 0x95, 0x20, 0x81, 0x02, 0x91, 0x02, 0x85, 0x03, 0x75, 0x0C, 0x95, 0x05, 0x91, 0x02},
+        {"hidraw2", Bytes{0x85, 0x02, 0x75, 0x08, 0x95, 0x20, 0x81, 0x02, 0x91, 0x02, 0x85, 0x03, 0x75, 0x0C, 0x95, 0x05, 0x91, 0x02},
          0, -1, 6},
         // Logical Minimum 0x81 (-127) under report 1 is taken for an Input item;
         // the 0x91 consumed as Report Count data is not an Output item.
-        {"data bytes scanned as items", "hidraw3",
-         Bytes{0x85, 0x01, 0x75, 0x08, 0x95, 0x04, 0x15, 0x81, 0x85, 0x03, 0x95, 0x91}, 0, 5, -1},
+        {"hidraw3", Bytes{0x85, 0x01, 0x75, 0x08, 0x95, 0x04, 0x15, 0x81, 0x85, 0x03, 0x95, 0x91}, 0, 5, -1},
         // A size/count/id prefix as the last byte ends the scan without reading on.
-        {"truncated", "hidraw4", Bytes{0x85, 0x03, 0x75, 0x08, 0x95, 0x07, 0x91, 0x02, 0x75}, 0, -1, 8},
-        {"empty", "hidraw5", Bytes{}, 0, -1, -1},
-        {"missing", "hidraw9", std::nullopt, -1, -1, -1},
-        // A node name too long for its 32-character room is refused, not truncated.
-        {"name of 32", longName, focuserDescriptor(63), -1, -1, -1},
-        {"name of 31", longName.substr(1), focuserDescriptor(63), 0, 17, 64},
+        {"hidraw4", Bytes{0x85, 0x03, 0x75, 0x08, 0x95, 0x07, 0x91, 0x02, 0x75}, 0, -1, 8},
+        {"hidraw5", Bytes{}, 0, -1, -1}, {"hidraw9", std::nullopt, -1, -1, -1},
+        {longName, focuserDescriptor(63), -1, -1, -1}, {longName.substr(1), focuserDescriptor(63), 0, 17, 64},
     };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.why);
-        if (c.file) {
-            const fs::path dir = root / "class" / "hidraw" / c.node / "device";
-            fs::create_directories(dir);
-            std::ofstream(dir / "report_descriptor", std::ios::binary)
-                .write(reinterpret_cast<const char*>(c.file->data()), static_cast<std::streamsize>(c.file->size()));
-        }
-        int in = -1, out = -1;
-        EXPECT_EQ(get_hid_report_descriptor_linux_mac(nullptr, ("/dev/" + c.node).c_str(), &in, &out), c.result);
-        EXPECT_EQ(std::pair(in, out), std::pair(c.in, c.out));
+    for (const auto& [node, file, result, in, out] : cases) {
+        SCOPED_TRACE(node);
+        const fs::path dir = root / "class" / "hidraw" / node / "device";
+        if (file && fs::create_directories(dir))
+            std::ofstream(dir / "report_descriptor").write(reinterpret_cast<const char*>(file->data()), long(file->size()));
+        int gotIn = -1, gotOut = -1;
+        EXPECT_EQ(get_hid_report_descriptor_linux_mac(nullptr, ("/dev/" + node).c_str(), &gotIn, &gotOut), result);
+        EXPECT_EQ(std::pair(gotIn, gotOut), std::pair(in, out));
     }
     int in = -1, out = -1;
-    EXPECT_EQ(get_hid_report_descriptor_linux_mac(nullptr, "/dev", &in, &out), -1);
-    EXPECT_EQ(get_hid_report_descriptor_linux_mac(nullptr, nullptr, &in, &out), -1);
-    // Null length pointers are skipped.
-    EXPECT_EQ(get_hid_report_descriptor_linux_mac(nullptr, "/dev/hidraw0", nullptr, nullptr), 0);
+    for (const char* path : {"/dev", static_cast<const char*>(nullptr)})
+        EXPECT_EQ(get_hid_report_descriptor_linux_mac(nullptr, path, &in, &out), -1);
+    EXPECT_EQ(get_hid_report_descriptor_linux_mac(nullptr, "/dev/hidraw0", nullptr, nullptr), 0) << "null lengths skipped";
 }
 
 }  // namespace

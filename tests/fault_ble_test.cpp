@@ -1,12 +1,10 @@
-// Bluetooth faults end to end, through the exports only: silence, stale and
-// damaged answers, a link dropped between requests and in the middle of one,
-// a unit switched off, and a helper library that is missing or not a library.
+// Bluetooth faults through the exports: silence, stale and damaged answers,
+// dropped links, a unit switched off, and helper libraries that must not load.
 #include <sys/stat.h>
 
 #include <atomic>
+#include <filesystem>
 #include <fstream>
-#include <string>
-#include <vector>
 
 #include "ble_test_support.h"
 #include "fault_support.h"
@@ -18,8 +16,7 @@ using nkrtest::position;
 std::atomic<int> g_unitToDrop{-1};
 std::atomic<int> g_disconnectReports{0};
 
-// Pair-state callback: drops the link the moment the unit says "new
-// connection", which is in the middle of the exchange that heard it.
+// Drops the link the moment the unit says "new connection": in the middle of the exchange that heard it.
 void dropOnNewConnection(_NKR_ERROR_CODE code)
 {
     if (code == NKR_ERROR_BLE_NEW_CONNECTION && g_unitToDrop.load() >= 0) nkrsim::bleDropConnection(g_unitToDrop.load());
@@ -55,8 +52,7 @@ TEST_F(FaultBle, SilenceStaleAndDamagedAnswers)
     const int id = connectAndPair(4321);
     int pos = -1;
     nkrsim::bleSilence(unit, 1);
-    EXPECT_EQ(NKRGetPosition(id, &pos), NKR_ERROR_BLE_NO_ANSWER);
-    EXPECT_EQ(pos, -1);
+    EXPECT_EQ((std::pair{NKRGetPosition(id, &pos), pos}), std::pair(int(NKR_ERROR_BLE_NO_ANSWER), -1));
     EXPECT_EQ(position(id), 4321) << "one silent wait costs one call";
     nkrsim::bleSilence(unit, 3);
     for (int i = 0; i < 3; ++i) EXPECT_EQ(NKRGetPosition(id, &pos), NKR_ERROR_BLE_NO_ANSWER);
@@ -69,12 +65,10 @@ TEST_F(FaultBle, SilenceStaleAndDamagedAnswers)
     EXPECT_EQ(NKRGetPosition(id, &pos), NKR_ERROR_BLE_CHECKSUM);
     nkrsim::bleRefuseSend(unit, 1);
     EXPECT_EQ(NKRGetPosition(id, &pos), NKR_ERROR_BLE_SEND);
-    // A frame too short to carry a sequence number is refused, not read past.
-    nkrsim::bleRawAnswer(unit, {0x01, 0x00});
+    nkrsim::bleRawAnswer(unit, {0x01, 0x00});  // too short to carry a sequence number: refused, not read past
     EXPECT_EQ(NKRGetPosition(id, &pos), NKR_ERROR_GENERAL);
     EXPECT_EQ(position(id), 1234);
-    // A move whose frame is refused leaves the host's run flag set (no state
-    // is rolled back), so changes wait for a status read or a stop.
+    // A refused move frame leaves the run flag set: changes wait for a status read or a stop.
     nkrsim::bleRefuseSend(unit, 1);
     EXPECT_EQ(NKRMove(id, 3000), NKR_ERROR_BLE_SEND);
     EXPECT_EQ(NKRSetBacklash(id, 5), NKR_ERROR_MOVING);
@@ -86,14 +80,12 @@ TEST_F(FaultBle, LinkDroppedBetweenAndDuringRequestsOrUnitSwitchedOff)
 {
     int id = connectAndPair(777);
     g_disconnectReports = 0;
-    // Between requests: the helper reports it from its own thread, the
-    // object stays in its slot and every request is refused.
+    // Between requests: reported from the helper's thread; the object stays, every request is refused.
     nkrsim::bleDropConnection(unit);
     nkrsim::bleFlushCallbacks();
     EXPECT_EQ(g_disconnectReports.load(), 1);
     int pos = -1;
-    EXPECT_EQ(NKRGetPosition(id, &pos), NKR_ERROR_BLE_SEND);
-    EXPECT_EQ(NKRMove(id, 100), NKR_ERROR_BLE_SEND);
+    for (int rc : {NKRGetPosition(id, &pos), NKRMove(id, 100)}) EXPECT_EQ(rc, NKR_ERROR_BLE_SEND);
     _NKR_ALL_INFO info{};
     EXPECT_EQ(NKRBLEgetAllInfo(id, &info), NKR_ERROR_INVALID_VALUE) << "no answer to fill the record";
     EXPECT_EQ(NKRBLEPair(id), NKR_ERROR_BLE_PAIR);
@@ -102,8 +94,7 @@ TEST_F(FaultBle, LinkDroppedBetweenAndDuringRequestsOrUnitSwitchedOff)
     EXPECT_EQ(NKRGetPosition(id, &pos), NKR_ERROR_BLE_NOT_OPEN);
     EXPECT_EQ(reconnect(), id);
     EXPECT_EQ(position(id), 777);
-    // During a request: the link goes while the exchange waits for its
-    // answer. The exchange waits out its grace and reports no answer.
+    // During a request: the exchange waits out its grace and reports no answer.
     g_unitToDrop = unit;
     ASSERT_EQ(NKRBLERegPairStateCallback(id, &dropOnNewConnection), NKR_SUCCESS);
     nkrsim::bleNewConnection(unit, 0);
@@ -118,8 +109,7 @@ TEST_F(FaultBle, LinkDroppedBetweenAndDuringRequestsOrUnitSwitchedOff)
     EXPECT_EQ(NKRMove(id, 900), NKR_SUCCESS);
     nkrsim::advanceMicros(1000000);
     EXPECT_EQ(position(id), 900);
-    // Switched off: the link drops, and a connect fails, leaves no object
-    // and gives its id back once the unit is on again.
+    // Switched off: the link drops; a connect fails, leaves no object, and its id comes back later.
     nkrsim::unplug(unit);
     nkrsim::bleFlushCallbacks();
     EXPECT_EQ(NKRGetPosition(id, &pos), NKR_ERROR_BLE_SEND);
@@ -136,24 +126,28 @@ TEST_F(FaultBle, LinkDroppedBetweenAndDuringRequestsOrUnitSwitchedOff)
 class FaultHelper : public FaultBle {};
 
 // Missing, not a library, empty, a folder, a library without the entry
-// points, or cut short (a copy that broke off: handed to the dynamic loader
-// it would raise SIGBUS in the host, so the manager refuses it first).
-TEST_F(FaultHelper, MissingOrBrokenHelperLibraryFailsCleanly)
+// points, cut short (the dynamic loader would raise SIGBUS in the host), or a
+// good one that others may write: each is refused before it is loaded.
+TEST_F(FaultHelper, MissingBrokenOrWritableHelperLibraryFailsCleanly)
 {
+    namespace fs = std::filesystem;
     const std::string dir = std::string(std::getenv("HOME")) + "/helpers";
-    ASSERT_EQ(mkdir(dir.c_str(), 0755), 0);
+    ASSERT_TRUE(fs::create_directories(dir + "/dir.so"));
     std::ofstream(dir + "/text.so") << "this is not a shared library\n";
     std::ofstream(dir + "/empty.so");
-    mkdir((dir + "/dir.so").c_str(), 0755);
-    std::vector<char> head(1024);
-    std::ifstream real("./lib/libBlueShim.so", std::ios::binary);
-    ASSERT_EQ(real.read(head.data(), 1024).gcount(), 1024);
-    std::ofstream(dir + "/truncated.so", std::ios::binary).write(head.data(), 1024);
+    const fs::path real = fs::canonical("./lib/libBlueShim.so");
+    for (auto [copy, mode] : {std::pair{"/truncated.so", 0644}, {"/group.so", 0664}, {"/world.so", 0646}}) {
+        fs::copy_file(real, dir + copy);
+        chmod((dir + copy).c_str(), mode_t(mode));
+    }
+    fs::resize_file(dir + "/truncated.so", 1024);
+    fs::create_symlink(real, dir + "/good.so");  // the loaded simulator itself, not a second copy
     spec = bleUnitWithFirmware(382);
     unit = nkrsim::addUnit(spec);
     _BLE_DEVICE_INFO found[4]{};
     int count = -1, pos = -1;
-    for (const char* helper : {"missing.so", "text.so", "empty.so", "dir.so", "truncated.so", "libm.so.6"}) {
+    for (const char* helper :
+         {"missing.so", "text.so", "empty.so", "dir.so", "truncated.so", "libm.so.6", "group.so", "world.so"}) {
         SCOPED_TRACE(helper);
         setenv("NKR_BLE_HELPER", (helper[0] == 'l' ? std::string(helper) : dir + "/" + helper).c_str(), 1);
         EXPECT_EQ(NKRBLEScan(100, found, 4, &count), NKR_ERROR_BLE_UNSUPPORTED);
@@ -164,12 +158,13 @@ TEST_F(FaultHelper, MissingOrBrokenHelperLibraryFailsCleanly)
         EXPECT_EQ(NKRBLEPair(id), NKR_ERROR_BLE_NOT_OPEN);
         EXPECT_EQ(NKRBLEDisconnect(id), NKR_ERROR_INVALID_ID);
     }
-    // With the helper back, the same process scans and connects, from id 50.
-    unsetenv("NKR_BLE_HELPER");
+    // A good helper named by the environment: the same process scans and connects, from id 50.
+    setenv("NKR_BLE_HELPER", (dir + "/good.so").c_str(), 1);
     EXPECT_EQ(NKRBLEScan(100, found, 4, &count), NKR_SUCCESS);
     EXPECT_EQ(count, 1);
     EXPECT_EQ(reconnect(), NKR_BLE_FIRST_ID);
     EXPECT_EQ(position(NKR_BLE_FIRST_ID), 30000);
+    unsetenv("NKR_BLE_HELPER");
 }
 
 }  // namespace

@@ -1,10 +1,7 @@
-// USB faults end to end, through the exports only: a unit unplugged during a
-// move, a status read or a firmware update, and bursts of transfer errors.
-// For each: the code the host sees, that the library serves the unit again
-// afterwards, and that the saved record is never damaged by the fault itself.
+// USB faults through the exports: unplugs and transfer errors. The host gets
+// a code, the unit is served again, the saved record is never damaged.
 #include <cerrno>
 #include <cstring>
-#include <vector>
 
 #include "fault_support.h"
 
@@ -14,16 +11,14 @@ using faulttest::savedRecord;
 using nkrtest::position;
 using nkrtest::unitWithFirmware;
 
-// A saved record from an earlier session: the unit stood at 1000. (The
-// maximum is the unit's own: a restore sets the position, not the maximum.)
+// An earlier session's record (the maximum is the unit's own: a restore sets the position, not the maximum).
 const Saved kEarlier{1000, 20, 1, 60000, 0};
 
 std::string savedText() { return storetest::readFile(faulttest::settingsPath()); }
 
 class FaultUsb : public nkrtest::SimTest {
 protected:
-    // Plugs a unit that has just powered up (30000) and opens it, so that it
-    // takes over the earlier session's record.
+    // Plugs a unit that has just powered up and opens it: it takes over the earlier record.
     int openRestored(nkrsim::UnitId* unit)
     {
         faulttest::writeSavedRecord(kEarlier);
@@ -35,7 +30,6 @@ protected:
     int rescanAndOpen(nkrsim::UnitId unit)
     {
         const int id = scanForSlot(unit);
-        EXPECT_GE(id, 0) << "unit not found after the scan";
         return id >= 0 && NKROpen(id) == NKR_SUCCESS ? id : -1;
     }
 };
@@ -52,8 +46,7 @@ TEST_F(FaultUsb, UnplugDuringAMoveKeepsTheLastSeenPositionForTheNextSession)
     bool moving = false;
     nkrsim::unplug(unit);
     int pos = -1;
-    EXPECT_EQ(NKRGetPosition(id, &pos), NKR_ERROR_REMOVED);
-    EXPECT_EQ(pos, -1);
+    EXPECT_EQ((std::pair{NKRGetPosition(id, &pos), pos}), std::pair(int(NKR_ERROR_REMOVED), -1));
     EXPECT_EQ(NKRIsMoving(id, &moving, nullptr), NKR_ERROR_REMOVED);
     // The last status said "moving": changes stay refused, stopping reports the loss.
     EXPECT_EQ(NKRMove(id, 100), NKR_ERROR_MOVING);
@@ -67,8 +60,7 @@ TEST_F(FaultUsb, UnplugDuringAMoveKeepsTheLastSeenPositionForTheNextSession)
     EXPECT_EQ(savedRecord(), (Saved{seen, 20, 1, 60000, 0}));
     // Power comes back (30000): the new session continues from there.
     nkrsim::replug(unit);
-    id = rescanAndOpen(unit);
-    ASSERT_GE(id, 0);
+    ASSERT_GE(id = rescanAndOpen(unit), 0);
     EXPECT_EQ(position(id), seen);
     EXPECT_TRUE(nkrsim::state(unit).backlash == 20 && nkrsim::state(unit).beep);
     EXPECT_EQ(NKRMove(id, 2000), NKR_SUCCESS);
@@ -123,14 +115,11 @@ TEST_F(FaultUsb, UnplugDuringAFirmwareUpdate)
     EXPECT_EQ(NKRGetNum(), 0);
     nkrsim::replug(unit);
     EXPECT_FALSE(nkrsim::inUpdateMode(unit));
-    id = rescanAndOpen(unit);
-    ASSERT_GE(id, 0);
+    ASSERT_GE(id = rescanAndOpen(unit), 0);
     EXPECT_EQ(nkrsim::state(unit).fwMinor, 8) << "the broken update changed nothing";
     EXPECT_EQ(position(id), kEarlier.position);
     // A fresh update runs to its end.
-    ASSERT_EQ(NKRHidStartUpdate(id), NKR_SUCCESS);
-    EXPECT_EQ(NKRHidWriteUpdateFile(id, block), NKR_SUCCESS);
-    EXPECT_EQ(NKRHidEndUpdate(id), NKR_SUCCESS);
+    for (int rc : {NKRHidStartUpdate(id), NKRHidWriteUpdateFile(id, block), NKRHidEndUpdate(id)}) EXPECT_EQ(rc, NKR_SUCCESS);
     EXPECT_EQ(nkrsim::receivedImage(unit), std::vector<uint8_t>(40, 0xA5));
 }
 
@@ -154,13 +143,10 @@ TEST_F(FaultUsb, TransferErrorBurstsFailEachCallAndAFailedReconnectNeedsACloseAn
     nkrsim::refuseOpen(unit, true);
     for (int i = 0; i < 4; ++i) EXPECT_EQ(NKRGetPosition(id, &pos), NKR_ERROR_GENERAL);
     EXPECT_EQ(NKRGetPosition(id, &pos), NKR_ERROR_INVALID_ID) << "link closed after the failed reconnect";
-    EXPECT_EQ(NKRMove(id, 10), NKR_ERROR_INVALID_ID);
-    // The unit is reachable again, but the library does not retry on its own.
-    nkrsim::refuseOpen(unit, false);
-    EXPECT_EQ(NKRGetPosition(id, &pos), NKR_ERROR_INVALID_ID);
+    nkrsim::refuseOpen(unit, false);  // reachable again, but the library does not retry on its own
+    for (int rc : {NKRMove(id, 10), NKRGetPosition(id, &pos)}) EXPECT_EQ(rc, NKR_ERROR_INVALID_ID);
     EXPECT_EQ(savedText(), before);
-    // A close of an object whose link is down saves nothing: the record
-    // stays the earlier one, whatever the unit did meanwhile.
+    // A close of an object whose link is down saves nothing: the record stays the earlier one.
     EXPECT_EQ(NKRClose(id), NKR_SUCCESS);
     EXPECT_EQ(savedRecord(), kEarlier);
     EXPECT_EQ(NKROpen(id), NKR_SUCCESS);
@@ -171,13 +157,11 @@ TEST_F(FaultUsb, TransferErrorBurstsFailEachCallAndAFailedReconnectNeedsACloseAn
 
 TEST_F(FaultUsb, ErrorsWhileOpeningSkipTheRestore)
 {
-    // The version and status reads of the open fail: the unit stays at its
-    // power-on position and the open still succeeds; the record is untouched
-    // while the unit is open.
+    // The version and status reads of the open fail: the open succeeds, the
+    // unit stays at its power-on position, the record is untouched.
     faulttest::writeSavedRecord(kEarlier);
     nkrsim::UnitId unit;
-    int id = plugAndScan(unitWithFirmware(382), &unit);
-    ASSERT_GE(id, 0);
+    const int id = plugAndScan(unitWithFirmware(382), &unit);
     nkrsim::failTransfers(unit, 2, EIO);
     EXPECT_EQ(NKROpen(id), NKR_SUCCESS);
     EXPECT_EQ(position(id), nkrtest::kPowerOnPosition);

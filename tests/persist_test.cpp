@@ -1,11 +1,4 @@
-// Position persistence through the exports: a close saves position and
-// settings, an open that finds the unit at its power-on position restores
-// them without moving, values the file lacks take the defaults, and per-unit
-// records keep units apart. The file is read and written as text.
-#include <cstdint>
-#include <string>
-#include <vector>
-
+// Position and settings saved at close and restored at open, shared or per unit.
 #include "fault_support.h"
 
 namespace {
@@ -18,9 +11,8 @@ protected:
     // Control frames sent in set-position mode (byte 10 = 1).
     static std::vector<nkrtest::Bytes> setPositionFrames(nkrsim::UnitId unit)
     {
-        std::vector<nkrtest::Bytes> frames;
-        for (const auto& f : nkrtest::controlFrames(unit))
-            if (f[10] == 1) frames.push_back(f);
+        std::vector<nkrtest::Bytes> frames = nkrtest::controlFrames(unit);
+        frames.erase(std::remove_if(frames.begin(), frames.end(), [](const auto& f) { return f[10] != 1; }), frames.end());
         return frames;
     }
     static std::vector<int> readBack(int id)
@@ -46,8 +38,7 @@ TEST_F(Persist, CloseSavesAndAPowerCycledUnitGetsItAllBackWithoutMoving)
     nkrsim::unplug(unit);
     nkrsim::replug(unit);  // powers up at 30000
     nkrsim::clearSentReports(unit);
-    id = scanForSlot(unit);
-    ASSERT_EQ(NKROpen(id), NKR_SUCCESS);
+    ASSERT_EQ(NKROpen(id = scanForSlot(unit)), NKR_SUCCESS);
     const auto frames = setPositionFrames(unit);
     ASSERT_EQ(frames.size(), 1u);
     const auto& f = frames[0];
@@ -86,9 +77,8 @@ TEST_F(Persist, OtherPositionsAreKeptAndCloseSavesTheLastUnit)
     const int idSecond = openUnit(spec);
     ASSERT_EQ(NKRClose(idFirst), NKR_SUCCESS);
     ASSERT_EQ(NKRClose(idSecond), NKR_SUCCESS);
-    const auto saved = savedRecord();
-    ASSERT_TRUE(saved);
-    EXPECT_EQ(std::make_pair(saved->position, saved->maxStep), std::make_pair(2500, 400000));
+    const auto saved = savedRecord().value_or(Saved{});
+    EXPECT_EQ(std::make_pair(saved.position, saved.maxStep), std::make_pair(2500, 400000));
 }
 
 // Two units with their own serial numbers: the shared record hands unit A's
@@ -98,13 +88,7 @@ protected:
     void SetUp() override
     {
         nkrtest::SimTest::SetUp();
-        if (GetParam()) setenv("NKR_STATE_PER_UNIT", "1", 1);
-        else unsetenv("NKR_STATE_PER_UNIT");
-    }
-    void TearDown() override
-    {
-        unsetenv("NKR_STATE_PER_UNIT");
-        nkrtest::SimTest::TearDown();
+        if (GetParam()) setenv("NKR_STATE_PER_UNIT", "1", 1);  // each test has a process of its own
     }
     static nkrsim::UnitSpec unit(uint8_t serialByte)
     {

@@ -7,7 +7,6 @@
 
 #include <cstring>
 #include <regex>
-#include <string>
 
 #include "store/XmlStore.h"
 #include "store_test_support.h"
@@ -33,10 +32,8 @@ TEST(Store, CreatedFileHasTheDocumentedLayoutAndSharedModes)
     EXPECT_EQ(modeOf(configDir()), 0777u) << "looking made the folder, shared with every user";
     ASSERT_EQ(XMLCreateKey("NKRconfig.xml", "software\\HTX_Drevomat", &h, nullptr), 1);
     EXPECT_FALSE(storetest::exists(configDir() + "NKRconfig.xml")) << "nothing until close";
-    XMLSetInt(&h, "Position", 1000);
-    XMLSetInt(&h, "Beep", 1);
-    XMLSetInt(&h, "MaxStep", 60000);
-    XMLSetInt(&h, "Beep", 0);  // replaces, no second element
+    for (auto [name, v] : {std::pair{"Position", 1000}, {"Beep", 1}, {"MaxStep", 60000}, {"Beep", 0}})
+        XMLSetInt(&h, name, v);  // the second Beep replaces the first
     ASSERT_EQ(XMLCloseKey(&h), 1);
     EXPECT_EQ(XMLCloseKey(&h), 0) << "already closed";
     EXPECT_EQ(modeOf(configDir() + "NKRconfig.xml"), 0666u);
@@ -46,8 +43,7 @@ TEST(Store, CreatedFileHasTheDocumentedLayoutAndSharedModes)
     const tinyxml2::XMLElement* software = doc.FirstChildElement("software");
     const tinyxml2::XMLElement* key = software->FirstChildElement("HTX_Drevomat");
     const std::regex date("\\d{8}_\\d{6}");
-    EXPECT_TRUE(std::regex_match(software->Attribute("date"), date));
-    EXPECT_TRUE(std::regex_match(key->Attribute("date"), date));
+    EXPECT_TRUE(std::regex_match(software->Attribute("date"), date) && std::regex_match(key->Attribute("date"), date));
     std::string values;
     for (auto* v = key->FirstChildElement(); v; v = v->NextSiblingElement())
         values += std::string(v->Name()) + ":" + v->Attribute("type") + ":" + v->GetText() + " ";
@@ -115,8 +111,7 @@ TEST(Store, FailedSaveKeepsTheOldFileByteForByte)
     signal(SIGXFSZ, SIG_IGN);
     struct rlimit old {};
     getrlimit(RLIMIT_FSIZE, &old);
-    struct rlimit small = old;
-    small.rlim_cur = 64;
+    const struct rlimit small = {64, old.rlim_max};
     ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &small), 0);
     const int result = XMLCloseKey(&h);
     setrlimit(RLIMIT_FSIZE, &old);

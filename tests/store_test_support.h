@@ -1,5 +1,4 @@
-// Helpers for the settings-store tests: the per-process HOME's config
-// directory, whole-file reads and writes, directory listings.
+// Store tests: the per-process HOME's config folder, file reads and writes.
 #pragma once
 #include <dirent.h>
 #include <sys/stat.h>
@@ -18,7 +17,7 @@ inline std::string readFile(const std::string& path)
 {
     std::ifstream in(path, std::ios::binary);
     std::ostringstream out;
-    out << in.rdbuf();
+    out << in.rdbuf();  // a folder reads as empty, no exception
     return out.str();
 }
 
@@ -33,7 +32,6 @@ inline bool exists(const std::string& path)
     struct stat st {};
     return lstat(path.c_str(), &st) == 0;
 }
-
 inline unsigned modeOf(const std::string& path)
 {
     struct stat st {};

@@ -3,6 +3,7 @@
 #pragma once
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -35,13 +36,8 @@ protected:
     // Scans and returns the unit's slot id (-1 when not found).
     static int scanForSlot(nkrsim::UnitId unit)
     {
-        int n = NKRGetNum();
-        std::string path = nkrsim::usbPath(unit);
-        for (int i = 0; i < n; ++i) {
-            int id = -1;
-            if (NKRGetID(i, &id) != NKR_SUCCESS) continue;
-            if (slotPath(id) == path) return id;
-        }
+        for (int i = 0, n = NKRGetNum(), id = -1; i < n; ++i)
+            if (NKRGetID(i, &id) == NKR_SUCCESS && slotPath(id) == nkrsim::usbPath(unit)) return id;
         return -1;
     }
     // Adds a USB unit, scans and returns its slot id (-1 when not found).
@@ -51,21 +47,18 @@ protected:
         if (unit) *unit = u;
         return scanForSlot(u);
     }
-    // Adds, scans and opens a USB unit; returns its slot id.
-    int openUnit(const nkrsim::UnitSpec& spec, nkrsim::UnitId* unit = nullptr)
+    // Adds, scans and opens a USB unit; returns its slot id. Quiet: forgets the traffic of the open.
+    int openUnit(const nkrsim::UnitSpec& spec, nkrsim::UnitId* unit = nullptr, bool quiet = false)
     {
-        int id = plugAndScan(spec, unit);
+        nkrsim::UnitId u;
+        const int id = plugAndScan(spec, &u);
         EXPECT_GE(id, 0);
         EXPECT_EQ(NKROpen(id), NKR_SUCCESS);
+        if (quiet) nkrsim::clearSentReports(u);
+        if (unit) *unit = u;
         return id;
     }
-    // Opens a unit and forgets the traffic of the open itself.
-    int openQuiet(const nkrsim::UnitSpec& spec, nkrsim::UnitId* unit)
-    {
-        int id = openUnit(spec, unit);
-        nkrsim::clearSentReports(*unit);
-        return id;
-    }
+    int openQuiet(const nkrsim::UnitSpec& spec, nkrsim::UnitId* unit) { return openUnit(spec, unit, true); }
     // The one seam into the registry: which device path a slot stands for.
     static std::string slotPath(int id) { return slotInRange(id) ? DevPathArray[id] : ""; }
 };
@@ -86,14 +79,13 @@ inline bool isControlFrame(const Bytes& r)
 }
 inline std::vector<Bytes> controlFrames(nkrsim::UnitId unit)
 {
-    std::vector<Bytes> out;
-    for (Bytes& r : nkrsim::sentReports(unit))
-        if (isControlFrame(r)) out.push_back(r);
+    std::vector<Bytes> out = nkrsim::sentReports(unit);
+    out.erase(std::remove_if(out.begin(), out.end(), [](const Bytes& r) { return !isControlFrame(r); }), out.end());
     return out;
 }
 inline Bytes lastControlFrame(nkrsim::UnitId unit)
 {
-    std::vector<Bytes> frames = controlFrames(unit);
+    const std::vector<Bytes> frames = controlFrames(unit);
     return frames.empty() ? Bytes{} : frames.back();
 }
 
@@ -101,14 +93,11 @@ inline Bytes lastControlFrame(nkrsim::UnitId unit)
 inline nkrsim::UnitSpec unitWithFirmware(int fw)
 {
     nkrsim::UnitSpec s;
-    s.fwMajor = fw / 100;
-    s.fwMinor = fw / 10 % 10;
-    s.fwBuild = fw % 10;
+    s.fwMajor = fw / 100, s.fwMinor = fw / 10 % 10, s.fwBuild = fw % 10;
     return s;
 }
 
-// A unit of the newer family (model letter 'E'), which has the battery,
-// LED, type and Bluetooth-name commands.
+// A unit of the newer family (model letter 'E'): battery, LED, type and Bluetooth name.
 inline nkrsim::UnitSpec proUnitWithFirmware(int fw)
 {
     nkrsim::UnitSpec s = unitWithFirmware(fw);

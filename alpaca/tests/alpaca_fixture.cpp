@@ -5,9 +5,8 @@
 #include "log.h"
 
 #if defined(__SANITIZE_THREAD__)
-// The device registry's scan opens and closes units, and NKRClose holds more
-// locks at once than ThreadSanitizer's lock-order detector can track (it
-// aborts past 64). Data races are still reported; TSAN_OPTIONS can override.
+// NKRClose holds more locks at once than ThreadSanitizer's lock-order
+// detector can track (it aborts past 64); data races are still reported.
 extern "C" const char* __tsan_default_options() { return "detect_deadlocks=0"; }
 #endif
 
@@ -29,16 +28,14 @@ void AlpacaTest::SetUp()
     setLogQuiet(true);
 
     nkrsim::reset();
+    // Both start at 30000: the scan closes each unit (saving a position) and
+    // the library may restore the last one saved on the next open.
     nkrsim::UnitSpec a;
     a.serial = {'A', 'L', 'P', 'A', 'C', 'A', '0', '1'};
     a.position = 30000;
-    nkrsim::UnitSpec b = a;
-    b.serial = {'A', 'L', 'P', 'A', 'C', 'A', '0', '2'};
-    // Same start as A: the scan closes each unit (saving a position) and the
-    // library may restore the last one saved on the next open.
-    b.position = 30000;
     unitA_ = nkrsim::addUnit(a);
-    unitB_ = nkrsim::addUnit(b);
+    a.serial.back() = '2';
+    unitB_ = nkrsim::addUnit(a);
     startServer();
 }
 
@@ -72,11 +69,8 @@ void AlpacaTest::stopServer()
 
 json AlpacaTest::answer(const httplib::Result& res)
 {
-    if (!res) {
-        lastStatus_ = -1;
-        return {};
-    }
-    lastStatus_ = res->status;
+    lastStatus_ = res ? res->status : -1;
+    if (!res) return {};
     lastBody_ = res->body;
     return res->status == 200 ? json::parse(res->body, nullptr, false) : json();
 }
@@ -97,11 +91,9 @@ void AlpacaTest::connect(int n)
 
 bool AlpacaTest::runUntilStopped(int n)
 {
-    for (int i = 0; i < 2000; ++i) {
+    for (int i = 0; i < 2000; ++i, nkrsim::advanceMicros(50'000)) {
         json moving = get(device(n, "ismoving"));
-        if (moving["ErrorNumber"] != 0) return false;
-        if (moving["Value"] == false) return true;
-        nkrsim::advanceMicros(50'000);
+        if (moving["ErrorNumber"] != 0 || moving["Value"] == false) return moving["ErrorNumber"] == 0;
     }
     return false;
 }

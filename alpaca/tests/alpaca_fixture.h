@@ -2,7 +2,6 @@
 // simulator with two USB units of distinct serials, HOME and XDG dirs in a
 // temporary directory, and an HTTP client talking to it.
 #pragma once
-
 #include <gtest/gtest.h>
 #include <httplib.h>
 #include <nkr_sim.h>
@@ -23,7 +22,6 @@ class AlpacaTest : public ::testing::Test {
 protected:
     void SetUp() override;
     void TearDown() override;
-
     // Starts (or restarts) registry + server over the current simulator world.
     void startServer();
     void stopServer();
@@ -31,15 +29,11 @@ protected:
     // GET / PUT answers of the device API; HTTP status in lastStatus_.
     json get(const std::string& path);
     json put(const std::string& path, const std::string& form);
-    std::string device(int n, const std::string& member) const
-    {
-        return "/api/v1/focuser/" + std::to_string(n) + "/" + member;
-    }
+    std::string device(int n, const std::string& member) const { return "/api/v1/focuser/" + std::to_string(n) + "/" + member; }
     // Connects device n (PUT Connected=true) and checks it answered without error.
     void connect(int n);
     // Advances the simulator clock until device n stops moving (bounded).
     bool runUntilStopped(int n);
-
     // Records status and body of a response; its JSON when the status is 200.
     json answer(const httplib::Result& res);
 
@@ -49,8 +43,7 @@ protected:
     std::unique_ptr<DeviceRegistry> registry_;
     std::unique_ptr<AlpacaServer> server_;
     std::unique_ptr<httplib::Client> client_;
-    int port_ = -1;
-    int lastStatus_ = 0;
+    int port_ = -1, lastStatus_ = 0;
     std::string lastBody_;
 };
 

@@ -40,7 +40,6 @@ TEST_F(AlpacaBluetoothTest, AttachedByNameBeginningOrAddressOnceOnly)
     ASSERT_TRUE(byStart.ok()) << byStart.message;
     EXPECT_NE(byStart.message.find("NKR Dome_A1B2"), std::string::npos) << byStart.message;
     EXPECT_EQ(nkrsim::bleConnections(dome_), 1);
-
     // The same unit again, by its full name or its address in lower case:
     // the same device number and still one link.
     ASSERT_TRUE(registry_->attachBle("NKR Dome_A1B2").ok());
@@ -49,13 +48,11 @@ TEST_F(AlpacaBluetoothTest, AttachedByNameBeginningOrAddressOnceOnly)
     ASSERT_TRUE(registry_->attachBle(address).ok());
     EXPECT_EQ(nkrsim::bleConnections(dome_), 1);
     EXPECT_EQ(registry_->all().size(), 3u);
-
     json position = get(device(2, "position"));
     EXPECT_EQ(position["ErrorNumber"], 0) << position.dump();
     EXPECT_EQ(position["Value"], 12000);
     json names = get("/management/v1/configureddevices");
     EXPECT_EQ(names["Value"].size(), 3u);
-
     // A beginning shared by two units, and a name nobody has, say what was seen.
     AttachResult shared = registry_->attachBle("NKR ");
     EXPECT_FALSE(shared.ok());
@@ -64,7 +61,6 @@ TEST_F(AlpacaBluetoothTest, AttachedByNameBeginningOrAddressOnceOnly)
     EXPECT_FALSE(missing.ok());
     EXPECT_NE(missing.message.find("NKR Guide_A1B3"), std::string::npos) << missing.message;
     EXPECT_FALSE(registry_->attachBle("").ok());
-
     nkrsim::bleRefuseConnect(guide_, true);
     AttachResult refused = registry_->attachBle("NKR Guide_A1B3");
     EXPECT_FALSE(refused.ok());
@@ -75,7 +71,6 @@ TEST_F(AlpacaBluetoothTest, DroppedLinkAnswersNotConnectedThenComesBack)
 {
     ASSERT_TRUE(registry_->attachBle("NKR Dome_A1B2").ok());
     ASSERT_EQ(get(device(2, "position"))["Value"], 12000);
-
     // The link drops: the request that meets it says NotConnected, the next
     // one makes the link again.
     nkrsim::bleDropConnection(dome_);
@@ -86,7 +81,6 @@ TEST_F(AlpacaBluetoothTest, DroppedLinkAnswersNotConnectedThenComesBack)
     EXPECT_EQ(back["ErrorNumber"], 0) << back.dump();
     EXPECT_EQ(back["Value"], 12000);
     EXPECT_EQ(nkrsim::bleConnections(dome_), 1);
-
     // Out of reach: one attempt, then requests are answered at once with
     // NotConnected until the retry period ends, while an explicit connect
     // tries again straight away.

@@ -18,7 +18,6 @@ TEST_F(AlpacaTest, ConcurrencyASlowUnitNeverBlocksAnother)
     connect(1);
     std::shared_ptr<Unit> slow = registry_->find(0);
     ASSERT_TRUE(slow);
-
     // Hold unit 0 inside an SDK call, as a slow Bluetooth exchange would.
     std::mutex m;
     std::condition_variable cv;
@@ -36,7 +35,6 @@ TEST_F(AlpacaTest, ConcurrencyASlowUnitNeverBlocksAnother)
         std::unique_lock lock(m);
         ASSERT_TRUE(cv.wait_for(lock, std::chrono::seconds(10), [&] { return inside; }));
     }
-
     // A client of unit 0 waits; a client of unit 1 is answered meanwhile.
     auto waiting = std::async(std::launch::async, [this] {
         httplib::Client other("127.0.0.1", port_);
@@ -46,7 +44,6 @@ TEST_F(AlpacaTest, ConcurrencyASlowUnitNeverBlocksAnother)
     EXPECT_EQ(get(device(1, "position"))["Value"], 30000);
     EXPECT_EQ(get(device(1, "temperature"))["ErrorNumber"], 0);
     EXPECT_EQ(waiting.wait_for(std::chrono::milliseconds(0)), std::future_status::timeout);
-
     {
         std::lock_guard lock(m);
         release = true;

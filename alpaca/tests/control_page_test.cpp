@@ -64,7 +64,6 @@ TEST_F(AlpacaTest, BrowserRequestsFromOtherSitesAreRefusedAndAlpacaClientsAreNot
     auto state = client_->Get("/control/v1/state", {{"Host", "evil.example:" + port}});
     ASSERT_TRUE(state);
     EXPECT_EQ(state->status, 403);
-
     // An Alpaca client sends no Origin, under whatever name it knows the host by.
     auto alpaca = client_->Put(device(0, "connected"), {{"Host", "observatory.lan:" + port}}, "Connected=true",
                                "application/x-www-form-urlencoded");
@@ -117,7 +116,6 @@ TEST_F(AlpacaTest, SettingsAreAllCheckedBeforeAnyIsApplied)
     EXPECT_EQ(get(device(0, "ismoving"))["Value"], false);
     EXPECT_EQ(get(device(0, "maxstep"))["Value"], 60000);
     EXPECT_EQ(get(device(0, "stepsize"))["ErrorNumber"], kNotImplemented);
-
     json saved = post(settings, "maxstep=50000&backlash=77&reverse=true&alias=Main&stepsize=2.5");
     EXPECT_EQ(lastStatus_, 200) << saved.dump();
     EXPECT_EQ(nkrsim::state(unitA_).backlash, 77);

@@ -1,6 +1,5 @@
-// What the host layer adds to the Alpaca focuser: the user's maximum, named
-// positions, temperature compensation and the final approach, all kept in
-// the host settings that every front-end shares.
+// What the host layer adds to the Alpaca focuser (user's maximum, named positions,
+// temperature compensation, final approach), kept in the shared host settings.
 #include "alpaca_fixture.h"
 #include "nkrhost/settings.h"
 
@@ -21,17 +20,13 @@ void tickFor(DeviceRegistry& registry, Clock::time_point& now, int rounds)
 
 TEST_F(AlpacaTest, HostSettingsLimitMovesAndNamePositions)
 {
-    nkrhost::HostSettings().update(kSerialA, [](nkrhost::UnitSettings& s) {
-        s.maxPosition = 50000;
-        return nkrhost::Status::success();
-    });
+    nkrhost::HostSettings().update(kSerialA, [](nkrhost::UnitSettings& s) { s.maxPosition = 50000; return nkrhost::Status::success(); });
     connect(0);
     EXPECT_EQ(get(device(0, "maxstep"))["Value"], 50000);
     json beyond = put(device(0, "move"), "Position=55000");
     EXPECT_EQ(beyond["ErrorNumber"], 0x401);
     EXPECT_NE(beyond["ErrorMessage"].get<std::string>().find("maximum position set for this focuser"),
               std::string::npos) << beyond.dump();
-
     EXPECT_EQ(put(device(0, "action"), "Action=Positions&Parameters=flat%3D31000")["Value"], R"({"flat":31000})");
     EXPECT_EQ(put(device(0, "action"), "Action=Positions&Parameters=far%3D51000")["ErrorNumber"], 0x401);
     EXPECT_EQ(put(device(0, "action"), "Action=GotoPosition&Parameters=flat")["ErrorNumber"], 0);
@@ -39,7 +34,6 @@ TEST_F(AlpacaTest, HostSettingsLimitMovesAndNamePositions)
     EXPECT_EQ(get(device(0, "position"))["Value"], 31000);
     EXPECT_EQ(put(device(0, "action"), "Action=GotoPosition&Parameters=dark")["ErrorNumber"], 0x401);
     EXPECT_EQ(put(device(0, "action"), "Action=Positions&Parameters=-flat")["Value"], "{}");
-
     EXPECT_EQ(put(device(0, "action"), "Action=StepSize&Parameters=3.5")["Value"], "3.5");
     EXPECT_EQ(get(device(0, "stepsize"))["Value"], 3.5);
     EXPECT_EQ(put(device(0, "action"), "Action=StepSize&Parameters=-1")["ErrorNumber"], 0x401);
@@ -57,7 +51,6 @@ TEST_F(AlpacaTest, TempCompMovesByTheCoefficientAndAClientMoveResetsTheReference
     nkrsim::setTemperature(unitA_, 15.0);
     tickFor(*registry_, now, 10);  // the median follows, one correction of +50
     EXPECT_EQ(get(device(0, "position"))["Value"], 30050);
-
     // A client's move is made (interface version 4) and becomes the new reference.
     ASSERT_EQ(put(device(0, "move"), "Position=32000")["ErrorNumber"], 0);
     ASSERT_TRUE(runUntilStopped(0));
@@ -79,7 +72,6 @@ TEST_F(AlpacaTest, FinalApproachEndsFromOneSideAndHaltStopsBetweenLegs)
     EXPECT_EQ(nkrsim::state(unitA_).target, 30300);
     ASSERT_TRUE(runUntilStopped(0));
     EXPECT_EQ(nkrsim::state(unitA_).position, 30500);
-
     ASSERT_EQ(put(device(0, "move"), "Position=29000")["ErrorNumber"], 0);
     nkrsim::advanceMicros(100'000);
     EXPECT_EQ(put(device(0, "halt"), "")["ErrorNumber"], 0);

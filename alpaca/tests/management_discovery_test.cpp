@@ -16,18 +16,15 @@ TEST_F(AlpacaTest, ManagementListsVersionsDescriptionAndDevices)
     json versions = get("/management/apiversions?ClientTransactionID=3");
     EXPECT_EQ(versions["Value"], json::array({1}));
     EXPECT_EQ(versions["ClientTransactionID"], 3);
-
     json description = get("/management/v1/description")["Value"];
     for (const char* key : {"ServerName", "Manufacturer", "ManufacturerVersion", "Location"})
         EXPECT_TRUE(description[key].is_string()) << key;
-
     json devices = get("/management/v1/configureddevices")["Value"];
     ASSERT_EQ(devices.size(), 2u);
     for (int i = 0; i < 2; ++i) {
         EXPECT_EQ(devices[i]["DeviceType"], "Focuser");
         EXPECT_EQ(devices[i]["DeviceNumber"], i);
-        EXPECT_TRUE(devices[i]["DeviceName"].is_string());
-        EXPECT_TRUE(devices[i]["UniqueID"].is_string());
+        EXPECT_TRUE(devices[i]["DeviceName"].is_string() && devices[i]["UniqueID"].is_string());
     }
     EXPECT_NE(devices[0]["UniqueID"], devices[1]["UniqueID"]);
 }
@@ -45,7 +42,6 @@ TEST_F(AlpacaTest, DeviceNumbersFollowSerialsAcrossRestarts)
     EXPECT_EQ(after[0]["UniqueID"], before[1]["UniqueID"]);
     EXPECT_EQ(get(device(0, "absolute")).is_null(), true);  // unknown in this run: 400
     EXPECT_EQ(lastStatus_, 400);
-
     nkrsim::replug(unitA_);
     json replugged = get("/management/v1/configureddevices")["Value"];
     ASSERT_EQ(replugged.size(), 2u);

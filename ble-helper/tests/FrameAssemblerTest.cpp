@@ -63,7 +63,6 @@ TEST(FrameAssembler, RawBytesPassAsTheyCameAndAFrameCutShortIsHandedOnAfterTheGa
     Link link(20);
     const Bytes raw = {0x7E, 0x5A, 0x02, 0x03, 0x09};
     EXPECT_EQ(link.deliver(raw, 20), std::vector<Bytes>{raw});
-
     std::mt19937 random(2);
     const Bytes f = frame(0x01, 45, Length::HeaderAndPayload, random);
     link.assembler.feed(f.data(), 20, link.now);  // the radio goes after one piece
@@ -123,7 +122,6 @@ TEST(FrameAssembler, AFullNotificationThatClosesWaitsForItsContinuationOnlyWhenT
     EXPECT_EQ(link.deliver(f, 20), std::vector<Bytes>{f});
     EXPECT_EQ(link.assembler.stats().continued, 1u) << "the first piece waited, and the rest came";
     EXPECT_EQ(link.assembler.stats().held, 2u) << "the end too, since this length byte tells nothing";
-
     // A unit whose length byte does tell ends such a frame at once, once known.
     Link told(20);
     for (int k = 0; k < 2; ++k) told.deliver(frame(0x01, 30, Length::HeaderAndPayload, random), 20);

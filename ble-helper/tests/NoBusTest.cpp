@@ -10,15 +10,9 @@ namespace {
 
 struct Helper {
     void* lib = dlopen(BLUESHIM_PATH, RTLD_NOW | RTLD_LOCAL);
-    ~Helper()
-    {
-        if (lib != nullptr) dlclose(lib);
-    }
+    ~Helper() { if (lib) dlclose(lib); }
     template <typename Fn>
-    Fn get(const char* name)
-    {
-        return reinterpret_cast<Fn>(dlsym(lib, name));
-    }
+    Fn get(const char* name) { return reinterpret_cast<Fn>(dlsym(lib, name)); }
 };
 
 }  // namespace
@@ -40,14 +34,12 @@ TEST(NoBus, CreateFailsCleanlyEveryEntryPointToleratesNoManagerAndNothingElseIsE
     EXPECT_FALSE(h.get<pfn_ble_manager_is_ble_supported>("ble_manager_is_ble_supported")(mgr));
     EXPECT_STREQ(h.get<pfn_ble_manager_last_error>("ble_manager_last_error")(mgr), "");
     h.get<pfn_ble_manager_destroy>("ble_manager_destroy")(mgr);
-
     // Only the entry points are exported.
     for (const char* name : {"ble_manager_create", "ble_manager_destroy", "ble_manager_scan", "ble_manager_connect",
                              "ble_manager_disconnect", "ble_manager_receive", "ble_manager_send",
                              "ble_manager_wait_for_data", "ble_manager_get_received_data",
                              "ble_manager_is_ble_supported", "ble_manager_get_mac", "ble_set_is_read",
-                             "ble_set_connect_state_callback", "ble_manager_last_error"}) {
+                             "ble_set_connect_state_callback", "ble_manager_last_error"})
         EXPECT_NE(h.get<void*>(name), nullptr) << name;
-    }
     EXPECT_EQ(h.get<void*>("_ZN8blueshim9isSigUuidERKNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE"), nullptr);
 }

@@ -1,5 +1,4 @@
-// Picking the adapter, the units and the serial service out of BlueZ's
-// object tree.
+// Picking the adapter, the units and the serial service out of BlueZ's object tree.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -20,15 +19,17 @@ Value flag(bool b) { Value v; v.signature = "b"; v.boolean = b; return v; }
 Value flags(std::vector<std::string> list) { Value v; v.signature = "as"; v.texts = std::move(list); return v; }
 Value number(long n, const char* sig) { Value v; v.signature = sig; v.number = n; return v; }
 
-void addService(ObjectTree& tree, const std::string& path, const std::string& uuid, bool primary = true)
+// A service at kDev + "/" + name.
+void addService(ObjectTree& tree, const std::string& name, const std::string& uuid, bool primary = true)
 {
-    tree[path][kServiceIface] = {{"UUID", text(uuid)}, {"Primary", flag(primary)}, {"Device", text(kDev, "o")}};
+    tree[kDev + "/" + name][kServiceIface] = {{"UUID", text(uuid)}, {"Primary", flag(primary)}, {"Device", text(kDev, "o")}};
 }
-
-void addChar(ObjectTree& tree, const std::string& path, const std::string& service, const std::string& uuid,
+// A characteristic at kDev + "/" + service + "/" + name.
+void addChar(ObjectTree& tree, const std::string& service, const std::string& name, const std::string& uuid,
              std::vector<std::string> f)
 {
-    tree[path][kCharIface] = {{"UUID", text(uuid)}, {"Service", text(service, "o")}, {"Flags", flags(std::move(f))}};
+    tree[kDev + "/" + service + "/" + name][kCharIface] = {
+        {"UUID", text(uuid)}, {"Service", text(kDev + "/" + service, "o")}, {"Flags", flags(std::move(f))}};
 }
 
 }  // namespace
@@ -50,26 +51,19 @@ TEST(Uuid, SigBaseUuidsAndAddresses)
 TEST(ServiceSearch, StandardServicesAndIncompleteServicesAreSkipped)
 {
     ObjectTree tree;
-    // A SIG service with write and notify comes first in path order.
-    addService(tree, kDev + "/service0001", "0000180a-0000-1000-8000-00805f9b34fb");
-    addChar(tree, kDev + "/service0001/char0002", kDev + "/service0001", "00002a29-0000-1000-8000-00805f9b34fb",
-            {"read", "write", "notify"});
-    // A vendor service that only notifies.
-    addService(tree, kDev + "/service0010", "11111111-2222-3333-4444-555555555555");
-    addChar(tree, kDev + "/service0010/char0011", kDev + "/service0010", "11111111-2222-3333-4444-555555555556",
-            {"notify"});
+    // A SIG service with write and notify comes first in path order; then a vendor service that only notifies.
+    addService(tree, "service0001", "0000180a-0000-1000-8000-00805f9b34fb");
+    addChar(tree, "service0001", "char0002", "00002a29-0000-1000-8000-00805f9b34fb", {"read", "write", "notify"});
+    addService(tree, "service0010", "11111111-2222-3333-4444-555555555555");
+    addChar(tree, "service0010", "char0011", "11111111-2222-3333-4444-555555555556", {"notify"});
     // The serial service: separate write and notify characteristics.
-    addService(tree, kDev + "/service0020", kSerial);
-    addChar(tree, kDev + "/service0020/char0021", kDev + "/service0020", "6e400003-b5a3-f393-e0a9-e50e24dcca9e",
-            {"notify"});
-    addChar(tree, kDev + "/service0020/char0023", kDev + "/service0020", "6e400002-b5a3-f393-e0a9-e50e24dcca9e",
-            {"write-without-response", "write"});
-
+    addService(tree, "service0020", kSerial);
+    addChar(tree, "service0020", "char0021", "6e400003-b5a3-f393-e0a9-e50e24dcca9e", {"notify"});
+    addChar(tree, "service0020", "char0023", "6e400002-b5a3-f393-e0a9-e50e24dcca9e", {"write-without-response", "write"});
     SerialService found;
     ASSERT_TRUE(findSerialService(tree, kDev, {}, found));
-    EXPECT_EQ(found.servicePath, kDev + "/service0020");
-    EXPECT_EQ(found.writePath, kDev + "/service0020/char0023");
-    EXPECT_EQ(found.notifyPath, kDev + "/service0020/char0021");
+    EXPECT_EQ(found.servicePath + " " + found.writePath + " " + found.notifyPath,
+              kDev + "/service0020 " + kDev + "/service0020/char0023 " + kDev + "/service0020/char0021");
     EXPECT_TRUE(found.writeWithoutResponse);
     EXPECT_EQ(found.mtu, 23u);
 }
@@ -77,48 +71,40 @@ TEST(ServiceSearch, StandardServicesAndIncompleteServicesAreSkipped)
 TEST(ServiceSearch, OneCharacteristicMayWriteAndIndicateAndReportsItsMtu)
 {
     ObjectTree tree;
-    addService(tree, kDev + "/service0020", kSerial);
-    addChar(tree, kDev + "/service0020/char0021", kDev + "/service0020", "6e400002-b5a3-f393-e0a9-e50e24dcca9e",
-            {"write", "indicate"});
+    addService(tree, "service0020", kSerial);
+    addChar(tree, "service0020", "char0021", "6e400002-b5a3-f393-e0a9-e50e24dcca9e", {"write", "indicate"});
     tree[kDev + "/service0020/char0021"][kCharIface]["MTU"] = number(185, "q");
     SerialService found;
     ASSERT_TRUE(findSerialService(tree, kDev, {}, found));
-    EXPECT_EQ(found.writePath, found.notifyPath);
-    EXPECT_FALSE(found.writeWithoutResponse);
-    EXPECT_EQ(found.mtu, 185u);
+    EXPECT_EQ(std::tuple(found.writePath == found.notifyPath, found.writeWithoutResponse, found.mtu), std::tuple(true, false, 185u));
 }
 
 TEST(ServiceSearch, SecondaryServicesOtherDevicesAndOverrides)
 {
     {
         ObjectTree tree;
-        addService(tree, kDev + "/service0020", kSerial, /*primary=*/false);
-        addChar(tree, kDev + "/service0020/char0021", kDev + "/service0020", "x", {"write", "notify"});
+        addService(tree, "service0020", kSerial, /*primary=*/false);
+        addChar(tree, "service0020", "char0021", "x", {"write", "notify"});
         SerialService found;
         EXPECT_FALSE(findSerialService(tree, kDev, {}, found));
-        addService(tree, kDev + "/service0030", kSerial);
-        addChar(tree, kDev + "/service0030/char0031", kDev + "/service0030", "x", {"write", "notify"});
+        addService(tree, "service0030", kSerial);
+        addChar(tree, "service0030", "char0031", "x", {"write", "notify"});
         EXPECT_FALSE(findSerialService(tree, "/org/bluez/hci0/dev_00_00_00_00_00_02", {}, found));
         EXPECT_TRUE(findSerialService(tree, kDev, {}, found));
     }
     // Overrides name the service and characteristics in any case.
     ObjectTree tree;
-    addService(tree, kDev + "/service0001", "0000fff0-0000-1000-8000-00805f9b34fb");
-    addChar(tree, kDev + "/service0001/char0002", kDev + "/service0001", "0000fff1-0000-1000-8000-00805f9b34fb",
-            {"write", "notify"});
-    addChar(tree, kDev + "/service0001/char0004", kDev + "/service0001", "0000fff2-0000-1000-8000-00805f9b34fb",
-            {"notify"});
-    addService(tree, kDev + "/service0020", kSerial);
-    addChar(tree, kDev + "/service0020/char0021", kDev + "/service0020", "y", {"write", "notify"});
-
+    addService(tree, "service0001", "0000fff0-0000-1000-8000-00805f9b34fb");
+    addChar(tree, "service0001", "char0002", "0000fff1-0000-1000-8000-00805f9b34fb", {"write", "notify"});
+    addChar(tree, "service0001", "char0004", "0000fff2-0000-1000-8000-00805f9b34fb", {"notify"});
+    addService(tree, "service0020", kSerial);
+    addChar(tree, "service0020", "char0021", "y", {"write", "notify"});
     ServiceOverrides overrides;
     overrides.service = "0000fff0-0000-1000-8000-00805f9b34fb";
     overrides.notify = "0000fff2-0000-1000-8000-00805f9b34fb";
     SerialService found;
     ASSERT_TRUE(findSerialService(tree, kDev, overrides, found));
-    EXPECT_EQ(found.writePath, kDev + "/service0001/char0002");
-    EXPECT_EQ(found.notifyPath, kDev + "/service0001/char0004");
-
+    EXPECT_EQ(found.writePath + " " + found.notifyPath, kDev + "/service0001/char0002 " + kDev + "/service0001/char0004");
     overrides.write = "0000ffff-0000-1000-8000-00805f9b34fb";  // not there
     EXPECT_FALSE(findSerialService(tree, kDev, overrides, found));
 }
@@ -136,21 +122,14 @@ TEST(AdapterTree, FirstOrNamedAdapterAndOnlyItsNkrUnitsAreListed)
                                                                     {"Address", text("AA:BB:CC:DD:EE:03")}};
     tree["/org/bluez/hci1/dev_AA_BB_CC_DD_EE_04"][kDeviceIface] = {{"Name", text("NKR Other")},
                                                                     {"Address", text("AA:BB:CC:DD:EE:04")}};
-
     EXPECT_EQ(findAdapter(tree, ""), "/org/bluez/hci0");
     EXPECT_EQ(findAdapter(tree, "hci1"), "/org/bluez/hci1");
     EXPECT_EQ(findAdapter(tree, "hci2"), "");
-
     BleScanRecord records[4];
     ASSERT_EQ(collectUnits(tree, "/org/bluez/hci0", records, 4), 2);
-    EXPECT_STREQ(records[0].name, "NKR Pro");
-    EXPECT_STREQ(records[0].address, "AA:BB:CC:DD:EE:01");
-    EXPECT_EQ(records[0].rssi, -60);
-    EXPECT_EQ(records[0].btAddress, 0xAABBCCDDEE01LL);
-    EXPECT_STREQ(records[1].name, "NKR Mini");
-    EXPECT_EQ(records[1].rssi, 0);
+    EXPECT_EQ(std::string(records[0].name) + "|" + records[0].address + "|" + records[1].name, "NKR Pro|AA:BB:CC:DD:EE:01|NKR Mini");
+    EXPECT_EQ(std::tuple(records[0].rssi, records[0].btAddress, records[1].rssi), std::tuple(-60, 0xAABBCCDDEE01LL, 0));
     EXPECT_EQ(collectUnits(tree, "/org/bluez/hci0", records, 1), 1) << "capacity is respected";
-
     EXPECT_EQ(findDevice(tree, "/org/bluez/hci0", "aa:bb:cc:dd:ee:02"), "/org/bluez/hci0/dev_AA_BB_CC_DD_EE_02");
     EXPECT_EQ(findDevice(tree, "/org/bluez/hci0", "NKR Pro"), "/org/bluez/hci0/dev_AA_BB_CC_DD_EE_01");
     EXPECT_EQ(findDevice(tree, "/org/bluez/hci0", "NKR Other"), "") << "a device of another adapter";

@@ -26,10 +26,7 @@ protected:
         BlueZTest::TearDown();
     }
     template <typename Fn>
-    Fn get(const char* name)
-    {
-        return reinterpret_cast<Fn>(dlsym(lib_, name));
-    }
+    Fn get(const char* name) { return reinterpret_cast<Fn>(dlsym(lib_, name)); }
     void* lib_ = nullptr;
 };
 
@@ -58,7 +55,6 @@ TEST_F(BlueZAbsent, EveryCallFailsCleanlyAndManagersDoNotLeak)
     EXPECT_EQ(get<pfn_ble_manager_disconnect>("ble_manager_disconnect")(mgr), 0);
     EXPECT_EQ(get<pfn_ble_manager_receive>("ble_manager_receive")(mgr, 0, 0), 0);
     destroy(mgr);
-
     auto filesAndThreads = [] {
         long n = 0;
         for ([[maybe_unused]] auto& e : fs::directory_iterator("/proc/self/fd")) ++n;

@@ -80,11 +80,9 @@ TEST_F(BlueZFaults, RefusedWriteConnectAndAdapterPoweredOff)
     EXPECT_EQ(requestsSeen(), before);
     EXPECT_EQ(NKRGetPosition(id, &position), NKR_SUCCESS);
     EXPECT_EQ(NKRBLEDisconnect(id), NKR_SUCCESS);
-
     control("RefuseConnect", "b", 1);
     EXPECT_EQ(NKRBLEConnect(kUnitName, "", &id), NKR_ERROR_BLE_CONNECT);
     control("RefuseConnect", "b", 0);
-
     control("SetPowered", "b", 0);
     _BLE_DEVICE_INFO found[4] = {};
     int count = -1;
@@ -96,7 +94,6 @@ TEST_F(BlueZFaults, RefusedWriteConnectAndAdapterPoweredOff)
     EXPECT_EQ(NKRBLEConnect(kUnitName, "", &id), NKR_SUCCESS);
     EXPECT_EQ(id, 50);
     EXPECT_EQ(NKRBLEDisconnect(id), NKR_SUCCESS);
-
     // A copy of the helper that anyone could have replaced is not loaded.
     const fs::path copy = fs::path(tmp_) / "libBlueShim.so";
     fs::copy_file(NKR_BLE_HELPER_PATH, copy);

@@ -96,14 +96,12 @@ void BlueZTest::SetUp()
                   "--print-address=1"}, {});
     ASSERT_GT(bus_.pid, 0) << "dbus-daemon did not start";
     ASSERT_TRUE(bus_.readLine(busAddress_, 10000)) << "dbus-daemon printed no address";
-
     setenv("DBUS_SYSTEM_BUS_ADDRESS", busAddress_.c_str(), 1);
     setenv("NKR_BLE_HELPER", NKR_BLE_HELPER_PATH, 1);
     setenv("HOME", (tmp_ + "/home").c_str(), 1);
     setenv("XDG_STATE_HOME", (tmp_ + "/home/state").c_str(), 1);
     setenv("NKR_BLE_TIMEOUT_MS", "1000", 1);
     if (!serveBluez()) return;
-
     std::vector<std::string> argv = {"/usr/bin/python3", NKR_SIM_BLUEZ, "--bus", busAddress_};
     for (auto& a : simArgs()) argv.push_back(a);
     std::vector<std::string> env = {"NKR_SIM_LIBRARY=" NKR_SIM_LIBRARY};

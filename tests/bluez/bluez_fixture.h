@@ -1,7 +1,6 @@
-// Each test gets its own world: a private dbus-daemon, nkr-sim-bluez serving
-// the simulator's Bluetooth units on it as org.bluez, and the SDK pointed at
-// that bus through the real Bluetooth helper. Nothing touches the machine's
-// system bus, its bluetoothd or the user's HOME.
+// Each test gets a private dbus-daemon with nkr-sim-bluez on it as org.bluez,
+// and the SDK pointed at that bus through the real helper; the machine's
+// system bus, bluetoothd and the user's HOME are never touched.
 #pragma once
 #include <gtest/gtest.h>
 #include <sys/types.h>
@@ -34,7 +33,6 @@ protected:
 
     void SetUp() override;
     void TearDown() override;
-
     // Calls a fault switch of nkr-sim-bluez (interface org.nkr.SimControl1).
     // signature "" (no argument), "u" or "b"; returns the answer of "Requests".
     unsigned control(const char* method, const char* signature = "", unsigned value = 0);
@@ -45,8 +43,7 @@ protected:
     // Polls the unit until it stops (bounded); false on an error or time-out.
     bool waitStopped(int id, int timeoutMs = 10000);
 
-    std::string tmp_;
-    std::string busAddress_;
+    std::string tmp_, busAddress_;
     Child bus_, sim_;
 };
 

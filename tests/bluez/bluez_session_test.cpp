@@ -1,9 +1,6 @@
-// A whole Bluetooth session through the real helper and D-Bus: scan, connect
-// by name and by address, pair, read, move, stop, sync, settings, the
-// all-information query and a firmware update.
+// A whole Bluetooth session through the real helper and D-Bus: scan, connect,
+// pair, read, move, stop, sync, settings, all information, firmware update.
 #include <cstring>
-#include <string>
-#include <vector>
 
 #include "bluez_fixture.h"
 
@@ -18,8 +15,7 @@ TEST_F(BlueZSession, ScanListsTheUnitWithItsAddressAndNotTheNearbySensor)
     int count = -1;
     ASSERT_EQ(NKRBLEScan(1000, found, 8, &count), NKR_SUCCESS);
     ASSERT_EQ(count, 1);
-    EXPECT_STREQ(found[0].Name, kUnitName);
-    EXPECT_STREQ(found[0].Address, kUnitAddress);
+    EXPECT_EQ(std::string(found[0].Name) + " " + found[0].Address, std::string(kUnitName) + " " + kUnitAddress);
 }
 
 TEST_F(BlueZSession, ConnectByNameDrivesTheUnit)
@@ -28,7 +24,6 @@ TEST_F(BlueZSession, ConnectByNameDrivesTheUnit)
     int position = -1;
     ASSERT_EQ(NKRGetPosition(id, &position), NKR_SUCCESS);
     EXPECT_EQ(position, 30000);
-
     // Sync near the end, then move to the end: both seen in the status.
     int maxStep = 0;
     ASSERT_EQ(NKRGetMaxStep(id, &maxStep), NKR_SUCCESS);
@@ -39,15 +34,12 @@ TEST_F(BlueZSession, ConnectByNameDrivesTheUnit)
     ASSERT_TRUE(waitStopped(id));
     ASSERT_EQ(NKRGetPosition(id, &position), NKR_SUCCESS);
     EXPECT_EQ(position, maxStep);
-
     // A long move stopped part-way ends short of its target.
     ASSERT_EQ(NKRMove(id, 0), NKR_SUCCESS);
     ASSERT_EQ(NKRStop(id), NKR_SUCCESS);
     ASSERT_TRUE(waitStopped(id));
     ASSERT_EQ(NKRGetPosition(id, &position), NKR_SUCCESS);
-    EXPECT_GT(position, 0);
-    EXPECT_LT(position, maxStep);
-
+    EXPECT_TRUE(position > 0 && position < maxStep) << position;
     // Settings go out and come back, in the all-information answer (longer than one notification).
     ASSERT_EQ(NKRSetBacklash(id, 37) | NKRSetReverse(id, true) | NKRSetBeep(id, true), NKR_SUCCESS);
     _NKR_ALL_INFO info{};
@@ -55,7 +47,6 @@ TEST_F(BlueZSession, ConnectByNameDrivesTheUnit)
     EXPECT_EQ(std::vector<int>({info.Backlash, info.Reverse, info.Beep, info.Step}),
               std::vector<int>({37, 1, 1, position}));
     EXPECT_NEAR(info.Temperature, 25.0, 0.01);
-
     EXPECT_EQ(NKRBLEClearPair(id), NKR_SUCCESS);
     EXPECT_EQ(NKRBLEDisconnect(id), NKR_SUCCESS);
 }
@@ -63,7 +54,6 @@ TEST_F(BlueZSession, ConnectByNameDrivesTheUnit)
 TEST_F(BlueZSession, ConnectByAddressAndUpdateFirmware)
 {
     int id = connectAndPair(kUnitAddress);
-
     // An image in 480-byte blocks, each frame cut into 20-byte writes.
     std::vector<unsigned char> image(480 * 5 + 123);
     for (size_t i = 0; i < image.size(); ++i) image[i] = static_cast<unsigned char>(i * 7 + 3);
@@ -75,7 +65,6 @@ TEST_F(BlueZSession, ConnectByAddressAndUpdateFirmware)
         ASSERT_EQ(NKRBLEWriteUpdateFile(id, block), NKR_SUCCESS) << off;
     }
     EXPECT_EQ(NKRBLEDisconnect(id), NKR_SUCCESS);
-
     // The unit restarts with the new firmware.
     id = connectAndPair(kUnitAddress);
     unsigned char major = 0, minor = 0, build = 0;
