@@ -204,3 +204,14 @@ messages_with()
 {
     cat "$work"/*.islog 2>/dev/null | grep -c -- "$1" || true
 }
+
+# wait_for_message <seconds> <text> <failure>: a driver's message reaches the
+# log after the property update it goes with, so wait (bounded) for it.
+wait_for_message()
+{
+    local deadline=$((SECONDS + $1))
+    until [ "$(messages_with "$2")" -ge 1 ]; do
+        [ "$SECONDS" -lt "$deadline" ] || fail "$3"
+        sleep 0.1
+    done
+}
