@@ -12,6 +12,7 @@
 
 #include "arguments.h"
 #include "commands.h"
+#include "nkrhost/settings.h"
 #include "errors.h"
 #include "output.h"
 #include "session.h"
@@ -118,6 +119,16 @@ double decimalNumber(const std::string& name, const std::string& text, double lo
     return v;
 }
 
+int boundedNumber(const std::string& name, const std::string& text, nkrhost::SettingRange range)
+{
+    return boundedNumber(name, text, static_cast<long long>(range.low), static_cast<long long>(range.high));
+}
+
+double decimalNumber(const std::string& name, const std::string& text, nkrhost::SettingRange range)
+{
+    return decimalNumber(name, text, range.low, range.high);
+}
+
 Change parseAssignment(const std::string& assignment)
 {
     size_t eq = assignment.find('=');
@@ -127,7 +138,7 @@ Change parseAssignment(const std::string& assignment)
     std::string value = assignment.substr(eq + 1);
 
     if (name == "backlash")
-        return intChange(name, boundedNumber(name, value, 0, 255), NKRSetBacklash, NKRGetBacklash);
+        return intChange(name, boundedNumber(name, value, nkrhost::kBacklashRange), NKRSetBacklash, NKRGetBacklash);
     if (name == "max-step") {
         // The user's maximum: on the unit and in the host settings, so every
         // program keeps moves within it.
@@ -145,18 +156,18 @@ Change parseAssignment(const std::string& assignment)
     if (name == "force")
         return intChange(name, boundedNumber(name, value, 0, 15), NKRSetMaxForce, NKRGetMaxForce);
     if (name == "speed")
-        return intChange(name, boundedNumber(name, value, 0, 65535), NKRSetSpeed, NKRGetSpeed);
+        return intChange(name, boundedNumber(name, value, nkrhost::kSpeedRange), NKRSetSpeed, NKRGetSpeed);
     if (name == "temp-coefficient") {
-        const double v = decimalNumber(name, value, -10000, 10000);
+        const double v = decimalNumber(name, value, nkrhost::kTempCoefficientRange);
         return hostChange(name, v, formatFixed(v, 2) + " steps per" + degreesC(),
                           "{\"temp_comp\": {\"coefficient\": " + std::to_string(v) + "}}");
     }
     if (name == "temp-deadband") {
-        const double v = decimalNumber(name, value, 0, 100);
+        const double v = decimalNumber(name, value, nkrhost::kTempDeadbandRange);
         return hostChange(name, v, formatFixed(v, 2) + degreesC(), "{\"temp_comp\": {\"deadband\": " + std::to_string(v) + "}}");
     }
     if (name == "step-size") {
-        const double v = decimalNumber(name, value, 0.001, 10000);
+        const double v = decimalNumber(name, value, nkrhost::kStepSizeRange);
         return hostChange(name, v, formatFixed(v, 3) + " microns per step", "{\"step_size_um\": " + std::to_string(v) + "}");
     }
     if (name == "approach") {

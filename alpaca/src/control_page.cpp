@@ -14,6 +14,7 @@
 #include "alpaca_request.h"
 #include "alpaca_server.h"
 #include "focuser_actions.h"
+#include "nkrhost/settings.h"
 #include "focuser_members.h"
 #include "web_assets.h"
 
@@ -138,14 +139,16 @@ struct FieldRule {
 const FieldRule kRules[] = {
     {"alias", "Alias", Kind::Alias, 0, 8, ""},
     {"maxstep", "Maximum step", Kind::Whole, 1, INT_MAX, " steps"},
-    {"backlash", "Backlash", Kind::Whole, 0, 255, " steps"},
-    {"speed", "Speed", Kind::Whole, 0, 65535, ""},
+    {"backlash", "Backlash", Kind::Whole, nkrhost::kBacklashRange.low, nkrhost::kBacklashRange.high, " steps"},
+    {"speed", "Speed", Kind::Whole, nkrhost::kSpeedRange.low, nkrhost::kSpeedRange.high, ""},
     {"reverse", "Reverse", Kind::Flag, 0, 0, ""},
     {"beep", "Beep", Kind::Flag, 0, 0, ""},
-    {"stepsize", "Step size", Kind::OptionalDecimal, 0.001, 10000, " µm"},
+    {"stepsize", "Step size", Kind::OptionalDecimal, nkrhost::kStepSizeRange.low, nkrhost::kStepSizeRange.high, " µm"},
     {"tempcomp", "Temperature compensation", Kind::Flag, 0, 0, ""},
-    {"tempcoefficient", "Coefficient", Kind::Decimal, -10000, 10000, " steps per °C"},
-    {"tempdeadband", "Dead band", Kind::Decimal, 0, 100, " °C"},
+    {"tempcoefficient", "Coefficient", Kind::Decimal, nkrhost::kTempCoefficientRange.low,
+     nkrhost::kTempCoefficientRange.high, " steps per °C"},
+    {"tempdeadband", "Dead band", Kind::Decimal, nkrhost::kTempDeadbandRange.low, nkrhost::kTempDeadbandRange.high,
+     " °C"},
 };
 
 std::optional<double> decimal(const std::string& text)
