@@ -140,7 +140,7 @@ MoveOutcome moveUnit(Tour& tour, UnitSession& session)
     m.target = m.start + kMoveSteps <= std::min(range, 34000) ? m.start + kMoveSteps : m.start - kMoveSteps;
     m.target = std::clamp(m.target, 0, range);
     tour.note("from " + std::to_string(m.start) + " to " + std::to_string(m.target) + " at 2000 steps/s");
-    MoveResult r = moveAndFollow(session.unit(), m.start, m.target, false);
+    MoveResult r = moveAndFollow(session.session(), m.start, m.target, false);
     if (r.interrupted) throw ToolError(std::string("demo stopped by ") + signalDescription(receivedSignal()) + " (the motor was stopped)", -1, kExitInterrupted);
     m.position = r.position;
     tour.note(m.position == m.target ? "reached " + std::to_string(m.position)

@@ -67,16 +67,30 @@ int switchTo(UnitSession& unit, bool on)
         s.tempComp.enabled = on;
         return nkrhost::Status{};
     }));
-    unit.leaveOpen();
     return showStatus(unit);
 }
 
 int follow(UnitSession& unit, const TempCompOptions& options)
 {
-    fail(unit.unit().hostSettings().update(unit.unit().key(), [](nkrhost::UnitSettings& s) {
+    // On for as long as this command runs; as it was when it ends.
+    bool wasOn = false;
+    fail(unit.unit().hostSettings().update(unit.unit().key(), [&](nkrhost::UnitSettings& s) {
+        wasOn = s.tempComp.enabled;
         s.tempComp.enabled = true;
         return nkrhost::Status{};
     }));
+    struct Restore {
+        UnitSession& unit;
+        bool wasOn;
+        ~Restore()
+        {
+            if (wasOn) return;
+            unit.unit().hostSettings().update(unit.unit().key(), [](nkrhost::UnitSettings& s) {
+                s.tempComp.enabled = false;
+                return nkrhost::Status{};
+            });
+        }
+    } restore{unit, wasOn};
     nkrhost::TempCompRunner runner(unit.unit(), "nkr tempcomp --follow");
     if (interactive()) say(paint(Colour::Dim, "Compensating " + unit.label() + " (Ctrl-C ends)"));
     std::string lastLine;
@@ -174,7 +188,8 @@ int runTempComp(const TempCompOptions& options, const GlobalOptions& globals)
     if (args.size() > 1) rejectExtraArgs({args.begin() + 1, args.end()}, target);
     if (what != "on" && what != "off" && what != "status")
         usageError("'" + clipped(what) + "' is not on, off, status or fit FILE");
-    UnitSession unit(target, UnitSession::Access::ReadOnly);
+    // Switching compensation on or off drives the unit: only its holder may.
+    UnitSession unit(target, what == "status" ? UnitSession::Access::ReadOnly : UnitSession::Access::Drive);
     if (what == "status") return showStatus(unit);
     return switchTo(unit, what == "on");
 }
@@ -234,7 +249,7 @@ int runGoto(const GotoOptions& options, const GlobalOptions& globals)
     int start = 0;
     fail(unit.unit().position(start));
     say("Moving " + unit.label() + " to '" + args.front() + "' (" + std::to_string(goal) + ").");
-    MoveResult result = moveAndFollow(unit.unit(), start, goal, true);
+    MoveResult result = moveAndFollow(unit.session(), start, goal, true);
     if (result.interrupted) {
         say("Stopped at position " + std::to_string(result.position) + " on " + signalDescription(receivedSignal()) + ".");
         return kExitInterrupted;

@@ -58,7 +58,7 @@ int runMove(const MoveOptions& options, const GlobalOptions& globals)
     const int goal = static_cast<int>(wanted);
 
     if (options.noWait) {
-        fail(unit.unit().moveTo(goal));
+        fail(unit.session().moveTo(goal));
         // Closing the unit would stop the motor: leave it running.
         unit.leaveOpen();
         if (jsonMode())
@@ -74,17 +74,13 @@ int runMove(const MoveOptions& options, const GlobalOptions& globals)
 
     say("Moving " + unit.label() + " from " + std::to_string(start) + " to " + std::to_string(goal) +
         (interactive() ? " (Ctrl-C stops the motor)" : "") + ".");
-    MoveResult result = moveAndFollow(unit.unit(), start, goal, true);
+    MoveResult result = moveAndFollow(unit.session(), start, goal, true);
     if (result.interrupted) {
         say(std::string("Stopped at position ") + std::to_string(result.position) + " on " +
             signalDescription(receivedSignal()) + ".");
         return kExitInterrupted;
     }
-    if (result.position == goal)
-        say(paint(Colour::Green, "Reached position " + std::to_string(result.position) + "."));
-    else
-        say("Stopped at position " + std::to_string(result.position) + " (target " +
-            std::to_string(goal) + ").");
+    say(paint(Colour::Green, "Reached position " + std::to_string(result.position) + "."));
     return kExitOk;
 }
 
@@ -93,8 +89,9 @@ int runStop(const PositionOptions& options, const GlobalOptions& globals)
     std::vector<std::string> args = givenArgs({options.id, options.step});
     UnitTarget target = takeTarget(args, globals.ble, globals.bleScanSeconds);
     rejectExtraArgs(args, target);
-    UnitSession unit(target);
-    fail(unit.unit().stop());
+    // A stop is never refused, whoever holds the unit; the holder is told who stopped it.
+    UnitSession unit(target, UnitSession::Access::Stop);
+    fail(nkrhost::stopUnit(unit.unit(), "nkr stop"));
     int position = readPosition(unit);
     if (jsonMode())
         emitJson(Json::object().set("id", unit.id()).set("stopped", true).set("position", position));
@@ -113,7 +110,7 @@ int runSync(const PositionOptions& options, const GlobalOptions& globals)
     int before = readPosition(unit);
     bool relative = false;
     long long step = parseStepTarget(stepText, before, relative);
-    fail(unit.unit().sync(step));
+    fail(unit.session().sync(step));
     int after = readPosition(unit);
     if (jsonMode())
         emitJson(Json::object().set("id", unit.id()).set("previous", before).set("position", after));

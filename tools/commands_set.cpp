@@ -12,7 +12,7 @@
 
 #include "arguments.h"
 #include "commands.h"
-#include "nkrhost/settings.h"
+#include "nkrhost/setting_catalogue.h"
 #include "errors.h"
 #include "output.h"
 #include "session.h"
@@ -26,107 +26,36 @@ struct SetOptions {
     std::vector<std::string> assignments;
 };
 
-// One checked change, ready to send.
+// One checked change, ready to send: a setting of the host layer's
+// catalogue and a value it accepts.
 struct Change {
-    std::string name;
-    Json value;        // as the user asked, for the report
-    std::string text;  // as shown to people
-    std::function<nkrhost::Status(UnitSession& unit)> apply;
-    std::function<int(int id, Json& value, std::string& text)> readBack;  // null: none
-    // Checks the value against the unit before anything is sent (null: none needed).
-    std::function<nkrhost::Status(UnitSession& unit)> precheck;
+    const nkrhost::SettingInfo* info;
+    nkrhost::SettingValue value;
+    std::string name() const { return info->name; }
 };
 
-bool printableAscii(const std::string& s)
+Json jsonOf(const nkrhost::SettingInfo& info, const nkrhost::SettingValue& v)
 {
-    return std::all_of(s.begin(), s.end(), [](unsigned char c) { return c >= 0x20 && c < 0x7F; });
+    switch (info.type) {
+    case nkrhost::SettingType::Whole: return Json(static_cast<long long>(v.number));
+    case nkrhost::SettingType::Decimal: return Json(v.number);
+    case nkrhost::SettingType::Switch: return Json(v.number != 0);
+    default: return v.text.empty() ? Json() : Json(v.text);
+    }
 }
 
-int boundedNumber(const std::string& name, const std::string& text, long long low, long long high)
+std::string shownText(const nkrhost::SettingInfo& info, const nkrhost::SettingValue& v)
 {
-    long long v = parseNumber(text, name);
-    if (v < low || v > high)
-        usageError(name + " must be between " + std::to_string(low) + " and " + std::to_string(high) +
-                   " (got " + clipped(text) + ")");
-    return static_cast<int>(v);
-}
-
-using IntGetter = int (*)(int, int*);
-using BoolGetter = int (*)(int, bool*);
-
-std::function<int(int, Json&, std::string&)> readInt(IntGetter get)
-{
-    return [get](int id, Json& value, std::string& text) {
-        int v = 0;
-        int rc = get(id, &v);
-        if (rc == NKR_SUCCESS) {
-            value = v;
-            text = std::to_string(v);
-        }
-        return rc;
-    };
-}
-
-std::function<int(int, Json&, std::string&)> readBool(BoolGetter get)
-{
-    return [get](int id, Json& value, std::string& text) {
-        bool v = false;
-        int rc = get(id, &v);
-        if (rc == NKR_SUCCESS) {
-            value = v;
-            text = onOff(v);
-        }
-        return rc;
-    };
-}
-
-// A plain library setter as a change: its failure reads "setting NAME to VALUE: ...".
-template <typename T>
-std::function<nkrhost::Status(UnitSession&)> sdkSetter(const std::string& name, const std::string& text,
-                                                       int (*set)(int, T), T v)
-{
-    return [=](UnitSession& unit) {
-        return nkrhost::Status::fromSdk(set(unit.id(), v), "setting " + name + " to " + text);
-    };
-}
-
-Change intChange(const std::string& name, int v, int (*set)(int, int), IntGetter get)
-{
-    return {name, v, std::to_string(v), sdkSetter(name, std::to_string(v), set, v), readInt(get)};
-}
-
-Change boolChange(const std::string& name, bool v, int (*set)(int, bool), BoolGetter get)
-{
-    return {name, v, onOff(v), sdkSetter(name, onOff(v), set, v), readBool(get)};
-}
-
-// A setting kept by the host programs rather than the unit: merged into the
-// unit's host settings (checked there as a whole).
-Change hostChange(const std::string& name, Json value, std::string text, std::string patch)
-{
-    return {name, std::move(value), std::move(text),
-            [patch](UnitSession& unit) { return unit.unit().hostSettings().mergeJson(unit.unit().key(), patch); },
-            nullptr};
-}
-
-double decimalNumber(const std::string& name, const std::string& text, double low, double high)
-{
-    char* end = nullptr;
-    const double v = std::strtod(text.c_str(), &end);
-    if (text.empty() || end != text.c_str() + text.size() || !(v >= low && v <= high))
-        usageError(name + " must be a number from " + formatFixed(low, 1) + " to " + formatFixed(high, 1) + " (got '" +
-                   clipped(text) + "')");
-    return v;
-}
-
-int boundedNumber(const std::string& name, const std::string& text, nkrhost::SettingRange range)
-{
-    return boundedNumber(name, text, static_cast<long long>(range.low), static_cast<long long>(range.high));
-}
-
-double decimalNumber(const std::string& name, const std::string& text, nkrhost::SettingRange range)
-{
-    return decimalNumber(name, text, range.low, range.high);
+    const std::string name = info.name;
+    if (name == "alias" && v.text.empty()) return "cleared (the unit has no alias now)";
+    if (name == "approach")
+        return v.text == "off" ? "off" : v.text == "out" ? "every move ends moving outward" : "every move ends moving inward";
+    std::string text = nkrhost::settingText(info, v);
+    if (name == "temp-coefficient") return formatFixed(v.number, 2) + " steps per" + degreesC();
+    if (name == "temp-deadband") return formatFixed(v.number, 2) + degreesC();
+    if (name == "step-size") return formatFixed(v.number, 3) + " microns per step";
+    if (name == "approach-overshoot") return text + " steps";
+    return text;
 }
 
 Change parseAssignment(const std::string& assignment)
@@ -134,110 +63,30 @@ Change parseAssignment(const std::string& assignment)
     size_t eq = assignment.find('=');
     if (eq == std::string::npos || eq == 0)
         usageError("'" + clipped(assignment) + "' is not NAME=VALUE (for example backlash=20)");
-    std::string name = assignment.substr(0, eq);
-    std::string value = assignment.substr(eq + 1);
-
-    if (name == "backlash")
-        return intChange(name, boundedNumber(name, value, nkrhost::kBacklashRange), NKRSetBacklash, NKRGetBacklash);
-    if (name == "max-step") {
-        // The user's maximum: on the unit and in the host settings, so every
-        // program keeps moves within it.
-        const long long v = parseNumber(value, name);
-        return {name, v, std::to_string(v), [v](UnitSession& unit) { return unit.unit().setMaximum(v); },
-                [](int id, Json& out, std::string& text) {
-                    int max = 0;
-                    int rc = NKRGetMaxStep(id, &max);
-                    out = max;
-                    text = std::to_string(max);
-                    return rc;
-                },
-                [v](UnitSession& unit) { return unit.unit().checkMaximum(v); }};
-    }
-    if (name == "force")
-        return intChange(name, boundedNumber(name, value, 0, 15), NKRSetMaxForce, NKRGetMaxForce);
-    if (name == "speed")
-        return intChange(name, boundedNumber(name, value, nkrhost::kSpeedRange), NKRSetSpeed, NKRGetSpeed);
-    if (name == "temp-coefficient") {
-        const double v = decimalNumber(name, value, nkrhost::kTempCoefficientRange);
-        return hostChange(name, v, formatFixed(v, 2) + " steps per" + degreesC(),
-                          "{\"temp_comp\": {\"coefficient\": " + std::to_string(v) + "}}");
-    }
-    if (name == "temp-deadband") {
-        const double v = decimalNumber(name, value, nkrhost::kTempDeadbandRange);
-        return hostChange(name, v, formatFixed(v, 2) + degreesC(), "{\"temp_comp\": {\"deadband\": " + std::to_string(v) + "}}");
-    }
-    if (name == "step-size") {
-        const double v = decimalNumber(name, value, nkrhost::kStepSizeRange);
-        return hostChange(name, v, formatFixed(v, 3) + " microns per step", "{\"step_size_um\": " + std::to_string(v) + "}");
-    }
-    if (name == "approach") {
-        std::string v = value;
-        std::transform(v.begin(), v.end(), v.begin(), [](unsigned char c) { return std::tolower(c); });
-        if (v == "off")
-            return hostChange(name, v, "off", R"({"approach": {"enabled": false}})");
-        if (v == "out" || v == "in")
-            return hostChange(name, v, v == "out" ? "every move ends moving outward" : "every move ends moving inward",
-                              std::string(R"({"approach": {"enabled": true, "direction": )") + (v == "out" ? "1" : "-1") + "}}");
-        usageError("approach must be out, in or off (got '" + clipped(value) + "')");
-    }
-    if (name == "approach-overshoot") {
-        const int v = boundedNumber(name, value, 0, 100000);
-        return hostChange(name, v, std::to_string(v) + " steps", R"({"approach": {"overshoot": )" + std::to_string(v) + "}}");
-    }
-    if (name == "beep") return boolChange(name, parseSwitch(value, name), NKRSetBeep, NKRGetBeep);
-    if (name == "reverse")
-        return boolChange(name, parseSwitch(value, name), NKRSetReverse, NKRGetReverse);
-    if (name == "led")
-        return boolChange(name, parseSwitch(value, name), NKRSetLedState, NKRGetLedState);
-    if (name == "alias") {
-        if (value.size() > sizeof(_NKR_ID::id) || !printableAscii(value))
-            usageError("alias must be at most 8 plain characters (got '" + clipped(value) + "')");
-        _NKR_ID alias{};
-        std::memcpy(alias.id, value.data(), value.size());
-        return {name, value.empty() ? Json() : Json(value), value.empty() ? "cleared (the unit has no alias now)" : value,
-                [alias, value](UnitSession& unit) {
-                    return nkrhost::Status::fromSdk(NKRSetID(unit.id(), alias), "setting alias to '" + value + "'");
-                },
-                [](int id, Json& v, std::string& text) {
-                    _NKR_INFO info{};
-                    int rc = NKRGetProperty(id, &info);
-                    if (rc == NKR_SUCCESS) {
-                        const std::string alias = nkrhost::aliasFromName(info.Name, sizeof info.Name);
-                        v = alias.empty() ? Json() : Json(alias);
-                        text = alias.empty() ? "cleared (the unit has no alias now)" : alias;
-                    }
-                    return rc;
-                }};
-    }
-    if (name == "ble-name") {
-        if (value.empty() || value.size() > 11 || !printableAscii(value))
-            usageError("ble-name must be 1 to 11 plain characters (got '" + clipped(value) + "')");
-        _NKR_BLE_NAME bleName{};
-        std::memcpy(bleName.name, value.data(), value.size());
-        return {name, value, value,
-                [bleName, value](UnitSession& unit) {
-                    return nkrhost::Status::fromSdk(NKRSetBLEName(unit.id(), bleName), "setting ble-name to " + value);
-                },
-                nullptr};
-    }
-    usageError("unknown setting '" + clipped(name) +
-               "'; settings are backlash, max-step, beep, reverse, force, speed, led, alias, ble-name, "
-               "temp-coefficient, temp-deadband, step-size, approach, approach-overshoot");
+    const std::string name = assignment.substr(0, eq);
+    const nkrhost::SettingInfo* info = nkrhost::findSetting(name);
+    if (info == nullptr) usageError("unknown setting '" + clipped(name) + "'; settings are " + nkrhost::settingNames());
+    Change change{info, {}};
+    fail(nkrhost::parseSetting(*info, assignment.substr(eq + 1), change.value));
+    return change;
 }
 
 // Every change is checked against the unit before any is sent: a setting
 // the unit cannot read is one it cannot take either.
-void refuseUnsupported(const std::vector<Change>& changes, const UnitSession& unit)
+void refuseUnsupported(const std::vector<Change>& changes, UnitSession& unit)
 {
     for (const Change& c : changes) {
-        if (!c.readBack) continue;
-        Json value;
-        std::string text;
-        int rc = c.readBack(unit.id(), value, text);
-        if (rc == NKR_ERROR_NOT_SUPPORTED)
-            throw ToolError(unit.label() + " has no " + c.name + " setting, so nothing was changed: " +
-                                formatErrorCode(rc),
-                            rc, kExitDeviceError);
+        if (c.info->home != nkrhost::SettingHome::Unit) continue;
+        if (c.name() == "ble-name" && !unit.isBle())
+            usageError("ble-name can only be changed over Bluetooth, and " + unit.label() +
+                       " is on USB; nothing was changed");
+        if (c.name() == "max-step") fail(unit.unit().checkMaximum(static_cast<long long>(c.value.number)));
+        nkrhost::SettingValue now;
+        nkrhost::Status read = nkrhost::readSetting(unit.unit(), *c.info, now);
+        if (read.code == NKR_ERROR_NOT_SUPPORTED)
+            throw ToolError(unit.label() + " has no " + c.name() + " setting, so nothing was changed: " +
+                                formatErrorCode(read.code),
+                            read.code, kExitDeviceError);
     }
 }
 
@@ -251,19 +100,17 @@ int runSet(const SetOptions& options, const GlobalOptions& globals)
     for (const std::string& a : args) {
         Change change = parseAssignment(a);
         for (const Change& earlier : changes)
-            if (earlier.name == change.name)
-                usageError(change.name + " is given twice (" + earlier.text + " and " + change.text +
-                           "); give each setting once");
+            if (earlier.info == change.info)
+                usageError(change.name() + " is given twice (" + nkrhost::settingText(*earlier.info, earlier.value) +
+                           " and " + nkrhost::settingText(*change.info, change.value) + "); give each setting once");
         changes.push_back(std::move(change));
     }
 
-    UnitSession unit(target);
-    for (const Change& c : changes)
-        if (c.precheck) fail(c.precheck(unit));
-    for (const Change& c : changes)
-        if (c.name == "ble-name" && !unit.isBle())
-            usageError("ble-name can only be changed over Bluetooth, and " + unit.label() +
-                       " is on USB; nothing was changed");
+    // The unit's own settings are written by its holder only; the host
+    // programs' settings may be changed from anywhere, and reach the holder.
+    const bool onUnit = std::any_of(changes.begin(), changes.end(),
+                                    [](const Change& c) { return c.info->home == nkrhost::SettingHome::Unit; });
+    UnitSession unit(target, onUnit ? UnitSession::Access::Drive : UnitSession::Access::ReadOnly);
     refuseUnsupported(changes, unit);
 
     // Newer firmware runs at a fixed speed: the value is not sent at all.
@@ -271,39 +118,26 @@ int runSet(const SetOptions& options, const GlobalOptions& globals)
     bool speedIgnored = fw.code == NKR_SUCCESS && fw.number() >= 336;
     std::vector<Change> sent;
     for (Change& c : changes) {
-        if (c.name == "speed" && speedIgnored) {
+        if (c.name() == "speed" && speedIgnored) {
             warn("firmware " + fw.text() +
                  " ignores the speed setting (3.3.6 and later run at a fixed speed); speed not changed");
             continue;
         }
         sent.push_back(c);
     }
-    for (const Change& c : sent) fail(c.apply(unit));
+    for (const Change& c : sent)
+        fail(onUnit ? unit.session().writeSetting(*c.info, c.value) : nkrhost::writeSetting(unit.unit(), *c.info, c.value));
 
     Json applied = Json::object();
-    Json adjusted = Json::object();
-    bool anyAdjusted = false;
     for (Change& c : sent) {
-        Json value = c.value;
-        std::string text = c.text;
-        // Show what the unit now reports, which may differ (a clamped maximum).
-        if (c.readBack && c.readBack(unit.id(), value, text) != NKR_SUCCESS) {
-            value = c.value;
-            text = c.text;
-        }
-        if (value.dump() != c.value.dump() && c.name != "alias") {
-            warn(c.name + " " + c.text + " was not taken as is: the unit keeps " + text +
-                 (c.name == "max-step" ? " (the largest its step range allows)" : ""));
-            adjusted.set(jsonKey(c.name), c.value);
-            anyAdjusted = true;
-        }
-        applied.set(jsonKey(c.name), value);
-        if (!jsonMode()) sayField(c.name, text);
+        // Show what the unit now reports.
+        nkrhost::SettingValue now = c.value;
+        if (!nkrhost::readSetting(unit.unit(), *c.info, now).ok()) now = c.value;
+        applied.set(jsonKey(c.name()), jsonOf(*c.info, now));
+        if (!jsonMode()) sayField(c.name(), shownText(*c.info, now));
     }
     if (jsonMode()) {
-        Json doc = Json::object().set("id", unit.id()).set("set", applied);
-        if (anyAdjusted) doc.set("requested", adjusted);
-        emitJson(doc);
+        emitJson(Json::object().set("id", unit.id()).set("set", applied));
     } else if (sent.empty()) {
         say("Nothing was changed on " + unit.label() + ".");
     } else {

@@ -6,6 +6,7 @@ namespace nkrtool {
 
 int exitStatusFor(int code)
 {
+    if (code == nkrhost::kMoveNotArrived) return kExitNotArrived;
     return nkrhost::describeError(code).kind == nkrhost::ErrorKind::BadArgument ? kExitUsage : kExitDeviceError;
 }
 

@@ -15,6 +15,7 @@ enum ExitStatus : int {
     kExitOk = 0,
     kExitDeviceError = 1,   // the unit or the library refused or failed
     kExitUsage = 2,         // bad argument, unknown id or unit
+    kExitNotArrived = 3,    // a move ended short of its target (stopped by someone, a hand, a limit)
     kExitInterrupted = 130  // stopped by a signal; main turns it into 128 + the signal
 };
 

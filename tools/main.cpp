@@ -17,6 +17,7 @@
 #include "errors.h"
 #include "interrupt.h"
 #include "output.h"
+#include "session.h"
 #include "nkrhost/settings.h"
 #include "nkrhost/simulation.h"
 
@@ -85,7 +86,10 @@ void addGlobalOptions(CLI::App& app, GlobalOptions& g)
 int runChosen(const std::vector<Command>& commands)
 {
     for (const Command& c : commands)
-        if (c.app->parsed()) return c.run();
+        if (c.app->parsed()) {
+            setHolderName("nkr " + c.app->get_name());
+            return c.run();
+        }
     return kExitUsage;
 }
 

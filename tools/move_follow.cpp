@@ -24,14 +24,11 @@ Json progressLine(const char* event, int id, const nkrhost::MoveProgress& p)
 
 }  // namespace
 
-MoveResult moveAndFollow(nkrhost::Unit& unit, int start, int target, bool emitLines)
+MoveResult moveAndFollow(nkrhost::Session& session, int start, int target, bool emitLines)
 {
+    const int id = session.unit().slot();
     const bool lines = emitLines && jsonMode();
     ProgressBar bar;
-    nkrhost::FollowOptions options;
-    options.start = start;
-    options.target = target;
-    options.poll = std::chrono::milliseconds(250);
     nkrhost::FollowHooks hooks;
     hooks.interrupted = [] { return interrupted(); };
     hooks.sleep = [](std::chrono::milliseconds d) { sleepUnlessInterrupted(static_cast<int>(d.count())); };
@@ -39,24 +36,36 @@ MoveResult moveAndFollow(nkrhost::Unit& unit, int start, int target, bool emitLi
         const std::string where = std::to_string(p.position) + arrow() + std::to_string(target);
         bar.update(p.percent / 100.0, {"position " + where + "  " + std::to_string(p.speed) + " steps/s",
                                        "position " + where, where, std::to_string(p.position)});
-        if (lines) emitJson(progressLine("progress", unit.slot(), p));
+        if (lines) emitJson(progressLine("progress", id, p));
     };
     // With the unit's final approach, if set: one leg or two.
-    nkrhost::FollowResult r = unit.moveAndFollow(target, options, hooks);
+    nkrhost::FollowOptions options;
+    options.poll = std::chrono::milliseconds(250);
+    fail(session.moveTo(target, options));
+    const nkrhost::MoveReport report = session.waitForMove(hooks);
+    const nkrhost::FollowResult& r = report.result;
     nkrhost::MoveProgress last{start, target, r.position, false, 0, 0};
     last.percent = target == start ? 100
                    : std::clamp(static_cast<int>(100.0 * (r.position - start) / (target - start)), 0, 100);
-    if (r.end == nkrhost::MoveEnd::Reached)
+    if (report.arrived())
         bar.update(1.0, {"position " + std::to_string(r.position) + arrow() + std::to_string(target),
                          std::to_string(r.position)});
     bar.finish();
 
     switch (r.end) {
     case nkrhost::MoveEnd::Reached:
-    case nkrhost::MoveEnd::StoppedShort:
-        fail(r.status);  // refused before it began, or a leg could not start
-        if (lines) emitJson(progressLine("done", unit.slot(), last).set("reached", r.end == nkrhost::MoveEnd::Reached));
+        if (lines) emitJson(progressLine("done", id, last).set("reached", true));
         return {r.position, false};
+    case nkrhost::MoveEnd::StoppedShort: {
+        // A move that did not arrive is a failure: a script must not take it for focus.
+        const nkrhost::Status why = report.status();
+        if (lines) {
+            Json done = progressLine("done", id, last).set("reached", false).set("why", report.sentence());
+            if (!report.stoppedBy.empty()) done.set("stopped_by", report.stoppedBy);
+            emitJson(done);
+        }
+        throw ToolError(why.message, why.code, why.code == nkrhost::kMoveNotArrived ? kExitNotArrived : exitStatusFor(why.code));
+    }
     case nkrhost::MoveEnd::Interrupted:
         if (!r.stop.ok())
             throw ToolError(std::string("interrupted by ") + signalName(receivedSignal()) + ", but " + r.stop.message +
@@ -64,7 +73,7 @@ MoveResult moveAndFollow(nkrhost::Unit& unit, int start, int target, bool emitLi
                                 std::to_string(r.position) + ")",
                             r.stop.code, kExitDeviceError);
         if (lines)
-            emitJson(progressLine("stopped", unit.slot(), last).set("signal", signalName(receivedSignal())));
+            emitJson(progressLine("stopped", id, last).set("signal", signalName(receivedSignal())));
         return {r.position, true};
     default:
         // Gone, timed out, stalled: the host's sentence, with a failed stop if any.

@@ -4,7 +4,7 @@
 // failed), and a clear error (no hang) when the unit vanishes mid-move.
 #pragma once
 
-#include "nkrhost/unit.h"
+#include "nkrhost/session.h"
 
 namespace nkrtool {
 
@@ -13,10 +13,12 @@ struct MoveResult {
     bool interrupted = false;  // stopped with Ctrl-C (and the stop went through)
 };
 
-// Starts a move from start to target (refused beyond the user's maximum),
-// then follows it to its end. Throws ToolError on a device error, on a unit
-// that went away, and on an interrupt whose stop failed. emitLines: whether
-// to print JSON progress lines (the demo gathers its JSON itself).
-MoveResult moveAndFollow(nkrhost::Unit& unit, int start, int target, bool emitLines);
+// Starts a move of the held unit from start to target (refused beyond the
+// user's maximum), with its final approach, then follows it to its end.
+// Throws ToolError on a device error, on a unit that went away, on an
+// interrupt whose stop failed, and on a move that ended short of its target
+// (kExitNotArrived, with who stopped it when known). emitLines: whether to
+// print JSON progress lines (the demo gathers its JSON itself).
+MoveResult moveAndFollow(nkrhost::Session& session, int start, int target, bool emitLines);
 
 }  // namespace nkrtool

@@ -36,6 +36,12 @@ void rejectExtraArgs(const std::vector<std::string>& args, const UnitTarget& tar
     usageError("unexpected argument" + std::string(args.size() > 1 ? "s " : " ") + extra);
 }
 
+namespace {
+std::string holderName = "nkr";
+}  // namespace
+
+void setHolderName(const std::string& name) { holderName = name; }
+
 UnitSession::UnitSession(const UnitTarget& target, Access access)
 {
     nkrhost::OpenRequest request;
@@ -45,18 +51,26 @@ UnitSession::UnitSession(const UnitTarget& target, Access access)
     request.bluetooth = !target.bluetoothOnly;
     request.bleScanMillis = target.bleScanMillis;
     fail(nkrhost::Unit::open(request, unit_));
-    if (access == Access::ReadOnly) unit_->keepOpen();
+    if (access != Access::Drive) {
+        unit_->keepOpen();
+        return;
+    }
+    nkrhost::Session::Options options;
+    options.holder = holderName;
+    options.compensate = false;  // a command does not compensate; nkr tempcomp --follow runs its own loop
+    options.poll = std::chrono::milliseconds(250);
+    fail(nkrhost::Session::hold(unit_, options, session_));
 }
 
 UnitSession::~UnitSession() = default;
 
 void UnitSession::reopen(int retrySeconds)
 {
-    unit_->close();
+    unit().close();
     // Four tries a second until the unit is back or time is up.
     const int attempts = std::max(1, retrySeconds * 4);
     for (int attempt = 1;; ++attempt) {
-        nkrhost::Status back = unit_->reconnect();
+        nkrhost::Status back = unit().reconnect();
         if (back.ok()) return;
         if (attempt >= attempts || sleepUnlessInterrupted(250)) fail(back);
     }

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "nkrhost/session.h"
 #include "nkrhost/unit.h"
 
 namespace nkrtool {
@@ -27,42 +28,54 @@ UnitTarget takeTarget(std::vector<std::string>& args, const std::string& ble, in
 // given as well is named as such.
 void rejectExtraArgs(const std::vector<std::string>& args, const UnitTarget& target);
 
+// The program name a holding command gives itself ("nkr move"), shown to
+// the programs it refuses. main sets it from the command line.
+void setHolderName(const std::string& name);
+
 class UnitSession {
 public:
-    // How the session ends: a command that changes something closes the unit,
-    // which stops a move and saves position and settings; a read-only command
-    // leaves the unit as it found it (no close, so the saved record is not
-    // rewritten and a move started elsewhere goes on).
-    enum class Access { Change, ReadOnly };
+    // What the command does with the unit:
+    // - Drive: moves it or writes to it, so it holds the unit (refused, with
+    //   nothing sent, while another program holds it) and closes it at the
+    //   end, which saves position and settings.
+    // - Stop: stops it, which any program may do, held or not.
+    // - ReadOnly: only looks.
+    // Stop and ReadOnly leave the unit as they found it: no close, so the
+    // saved record is not rewritten and a move started elsewhere goes on.
+    enum class Access { Drive, Stop, ReadOnly };
 
-    // Opens the unit; throws ToolError when it is unknown or cannot be opened.
-    explicit UnitSession(const UnitTarget& target, Access access = Access::Change);
+    // Opens the unit (and holds it for Drive); throws ToolError when it is
+    // unknown, cannot be opened, or is held by another program.
+    explicit UnitSession(const UnitTarget& target, Access access = Access::Drive);
     ~UnitSession();
     UnitSession(const UnitSession&) = delete;
     UnitSession& operator=(const UnitSession&) = delete;
 
-    nkrhost::Unit& unit() { return *unit_; }
-    const nkrhost::Unit& unit() const { return *unit_; }
-    int id() const { return unit_->slot(); }
-    bool isBle() const { return unit_->link() == nkrhost::Link::Ble; }
+    nkrhost::Unit& unit() { return session_ ? session_->unit() : *unit_; }
+    const nkrhost::Unit& unit() const { return session_ ? session_->unit() : *unit_; }
+    // The held unit's session (Drive only).
+    nkrhost::Session& session() { return *session_; }
+    int id() const { return unit().slot(); }
+    bool isBle() const { return unit().link() == nkrhost::Link::Ble; }
     // "USB unit 0" or "Bluetooth unit NKR Pro_A1B2".
-    std::string label() const { return unit_->label(); }
-    const std::string& bleName() const { return unit_->identity().bleName; }
-    const std::string& bleAddress() const { return unit_->identity().bleAddress; }
+    std::string label() const { return unit().label(); }
+    const std::string& bleName() const { return unit().identity().bleName; }
+    const std::string& bleAddress() const { return unit().identity().bleAddress; }
 
     // Leaves the unit as it is when the session ends: no close, so a move
     // that was started keeps running after the tool exits.
-    void leaveOpen() { unit_->keepOpen(); }
+    void leaveOpen() { unit().keepOpen(); }
 
     // Closes and opens the unit again (a USB unit may have restarted; a
     // Bluetooth unit is reconnected and paired), trying for retrySeconds.
     void reopen(int retrySeconds);
 
     // Closes now (the destructor then does nothing).
-    void close() { unit_->close(); }
+    void close() { unit().close(); }
 
 private:
     std::unique_ptr<nkrhost::Unit> unit_;
+    std::unique_ptr<nkrhost::Session> session_;
 };
 
 }  // namespace nkrtool

@@ -1,15 +1,21 @@
 #include "nkrhost/settings.h"
 
+#include "nkrhost/setting_catalogue.h"
+
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <ctime>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <map>
+#include <mutex>
 #include <nlohmann/json.hpp>
 #include <sstream>
 
@@ -205,35 +211,48 @@ json toJson(const UnitSettings& s)
 
 Status badSetting(const std::string& what) { return Status::failure(kBadSetting, what); }
 
+// A number of the settings file, checked by the setting it stands for.
+Status numberOf(const char* setting, const json& v, double& out)
+{
+    const SettingInfo& info = *findSetting(setting);
+    if (!v.is_number()) return badSetting(badValueSentence(info, v.dump()));
+    out = v.get<double>();
+    return checkSettingNumber(info, out);
+}
+
 // Checks one key of a merge and applies it; unknown keys are refused so a
-// typing error never passes for a saved setting.
+// typing error never passes for a saved setting. Every value is checked by
+// the setting catalogue, in the words people see elsewhere.
 Status mergeKey(UnitSettings& s, const std::string& key, const json& v)
 {
+    double n = 0;
     if (key == "name") {
         if (v.is_null()) return s.name.clear(), Status{};
-        if (!v.is_string()) return badSetting("name must be text");
+        const SettingInfo& info = *findSetting("name");
+        if (!v.is_string()) return badSetting(badValueSentence(info, v.dump()));
+        if (Status bad = checkUnitText(info, v.get<std::string>()); !bad.ok()) return bad;
         s.name = v.get<std::string>();
     } else if (key == "max_position") {
         if (v.is_null()) return s.maxPosition.reset(), Status{};
-        if (!v.is_number_integer() || v.get<long long>() < 0 || v.get<long long>() > 1000000)
-            return badSetting("max_position must be a whole number of steps, 0 or more");
-        s.maxPosition = v.get<int>();
+        if (Status bad = numberOf("max-step", v, n); !bad.ok()) return bad;
+        s.maxPosition = static_cast<int>(n);
     } else if (key == "step_size_um") {
         if (v.is_null()) return s.stepSizeMicrons.reset(), Status{};
-        if (!v.is_number() || !(v.get<double>() > 0) || v.get<double>() > 10000)
-            return badSetting("step_size_um must be a number of microns above 0 (at most 10000)");
-        s.stepSizeMicrons = v.get<double>();
+        if (Status bad = numberOf("step-size", v, n); !bad.ok()) return bad;
+        s.stepSizeMicrons = n;
     } else if (key == "temp_comp") {
-        if (!v.is_object()) return badSetting("temp_comp must be an object");
+        if (!v.is_object()) return badSetting("temp_comp must be an object of enabled, coefficient and deadband");
         for (auto& [k, x] : v.items()) {
-            if (k == "enabled" && x.is_boolean())
+            if (k == "enabled") {
+                if (!x.is_boolean()) return badSetting(badValueSentence(*findSetting("temp-comp"), x.dump()));
                 s.tempComp.enabled = x.get<bool>();
-            else if (k == "coefficient" && x.is_number() && std::abs(x.get<double>()) <= 100000)
-                s.tempComp.coefficient = x.get<double>();
-            else if (k == "deadband" && x.is_number() && x.get<double>() >= 0 && x.get<double>() <= 100)
-                s.tempComp.deadband = x.get<double>();
-            else
-                return badSetting("temp_comp." + k + " is not a setting or has a bad value");
+            } else if (k == "coefficient" || k == "deadband") {
+                if (Status bad = numberOf(k == "coefficient" ? "temp-coefficient" : "temp-deadband", x, n); !bad.ok())
+                    return bad;
+                (k == "coefficient" ? s.tempComp.coefficient : s.tempComp.deadband) = n;
+            } else {
+                return badSetting("'" + k + "' is not a temperature compensation setting (enabled, coefficient, deadband)");
+            }
         }
     } else if (key == "positions") {
         if (!v.is_object()) return badSetting("positions must be an object of name: position");
@@ -246,16 +265,19 @@ Status mergeKey(UnitSettings& s, const std::string& key, const json& v)
                 return badSetting("position '" + name + "' must be a whole number of steps, 0 or more");
         }
     } else if (key == "approach") {
-        if (!v.is_object()) return badSetting("approach must be an object");
+        if (!v.is_object()) return badSetting("approach must be an object of enabled, direction and overshoot");
         for (auto& [k, x] : v.items()) {
-            if (k == "enabled" && x.is_boolean())
+            if (k == "enabled" && x.is_boolean()) {
                 s.approach.enabled = x.get<bool>();
-            else if (k == "direction" && x.is_number_integer() && (x.get<int>() == 1 || x.get<int>() == -1))
+            } else if (k == "direction" && x.is_number_integer() && (x.get<int>() == 1 || x.get<int>() == -1)) {
                 s.approach.direction = x.get<int>();
-            else if (k == "overshoot" && x.is_number_integer() && x.get<int>() >= 0 && x.get<int>() <= 100000)
-                s.approach.overshoot = x.get<int>();
-            else
-                return badSetting("approach." + k + " is not a setting or has a bad value");
+            } else if (k == "overshoot") {
+                if (Status bad = numberOf("approach-overshoot", x, n); !bad.ok()) return bad;
+                s.approach.overshoot = static_cast<int>(n);
+            } else {
+                return badSetting("the final approach's " + k + " must be " +
+                                  (k == "direction" ? "1 (outward) or -1 (inward)" : k == "enabled" ? "true or false" : "one of enabled, direction, overshoot"));
+            }
         }
     } else {
         return badSetting("'" + key + "' is not a unit setting");
@@ -277,13 +299,53 @@ std::string HostSettings::defaultPath() { return (fs::path(configHome()) / "nkr"
 
 HostSettings::HostSettings(std::string path) : m_path(std::move(path)) {}
 
+namespace {
+
+// The file as last parsed, by path: a read costs one stat until another
+// program (or this one) replaces the file, which every write does by rename.
+struct ParsedFile {
+    dev_t device = 0;
+    ino_t inode = 0;
+    struct timespec modified {};
+    off_t size = -1;
+    json doc;
+};
+
+Status loadCached(const std::string& path, json& doc)
+{
+    static std::mutex mutex;
+    static std::map<std::string, ParsedFile> cache;
+    struct stat st {};
+    const bool exists = ::stat(path.c_str(), &st) == 0;
+    std::lock_guard lock(mutex);
+    ParsedFile& entry = cache[path];
+    if (exists && entry.size >= 0 && entry.device == st.st_dev && entry.inode == st.st_ino &&
+        entry.size == st.st_size && entry.modified.tv_sec == st.st_mtim.tv_sec &&
+        entry.modified.tv_nsec == st.st_mtim.tv_nsec) {
+        doc = entry.doc;
+        return {};
+    }
+    entry.size = -1;
+    FileGuard guard(path, false);
+    struct stat locked {};
+    Status loaded = load(path, doc);
+    // A file changed within the last second may change again with the same
+    // stamp (coarse clocks, a reused inode): it is not kept until it is older.
+    struct timespec now {};
+    ::clock_gettime(CLOCK_REALTIME, &now);
+    if (loaded.ok() && exists && ::stat(path.c_str(), &locked) == 0 && now.tv_sec - locked.st_mtim.tv_sec >= 2)
+        entry = ParsedFile{locked.st_dev, locked.st_ino, locked.st_mtim, locked.st_size, doc};
+    return loaded;
+}
+
+}  // namespace
+
 Status HostSettings::read(const std::string& unitKey, UnitSettings& out) const
 {
     out = {};
     try {
-        FileGuard guard(m_path, false);
         json doc;
-        Status loaded = load(m_path, doc);
+        Status loaded = loadCached(m_path, doc);
         if (!loaded.ok()) return loaded;
         if (doc.contains("units") && doc["units"].is_object() && doc["units"].contains(unitKey))
             out = fromJson(doc["units"][unitKey]);

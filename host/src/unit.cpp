@@ -27,7 +27,6 @@ Inventory takeInventory(bool withBluetooth, int bleScanMillis)
 Unit::Unit(Identity identity, const HostSettings& settings)
     : m_identity(std::move(identity)), m_settings(settings), m_watch(m_identity.link)
 {
-    applyStoredMaximum();
 }
 
 Unit::~Unit()
@@ -144,20 +143,32 @@ Status maximumOf(const Identity& identity, const HostSettings& settings, int& ou
 
 Status Unit::maximum(int& out) const { return maximumOf(m_identity, m_settings, out); }
 
-Status Unit::checkMaximum(long long value) const
+Status Unit::checkMaximum(long long value)
 {
-    if (value >= 0 && (stepRange() <= 0 || value <= stepRange())) return {};
-    return Status::failure(kBadSetting, "the maximum position " + std::to_string(value) + " is outside " +
-                                            rangeText(0, stepRange()) + ", the unit's step range");
+    // One rule everywhere: 1 .. the step range, and never below where the
+    // focuser stands (a maximum it is already past would strand it).
+    const std::string range = rangeText(1, stepRange());
+    if (value < 1 || (stepRange() > 0 && value > stepRange()))
+        return Status::failure(kBadSetting, "max-step must be a whole number of steps from " + range +
+                                                ", the unit's step range (got " + std::to_string(value) + ")");
+    int at = 0;
+    if (Status read = position(at); !read.ok()) return read;
+    if (value < at)
+        return Status::failure(kBadSetting, "max-step " + std::to_string(value) + " is below the position " +
+                                                std::to_string(at) + " the focuser stands at; move it to " +
+                                                std::to_string(value) + " or less first");
+    return {};
 }
 
-Status Unit::setMaximum(long long value)
+Status Unit::setMaximum(long long value, bool onUnit)
 {
     Status allowed = checkMaximum(value);
     if (!allowed.ok()) return allowed;
-    const int rc = NKRSetMaxStep(slot(), static_cast<int>(value));
-    noteResult(rc);
-    if (rc != NKR_SUCCESS) return Status::fromSdk(rc, "setting the maximum position");
+    if (onUnit) {
+        const int rc = NKRSetMaxStep(slot(), static_cast<int>(value));
+        noteResult(rc);
+        if (rc != NKR_SUCCESS) return Status::fromSdk(rc, "setting the maximum position");
+    }
     return m_settings.update(key(), [&](UnitSettings& s) {
         s.maxPosition = static_cast<int>(value);
         return Status{};
@@ -170,6 +181,9 @@ Status Unit::checkTarget(long long target) const
     Status read = maximum(max);
     if (!read.ok()) return read;
     if (target >= 0 && target <= max) return {};
+    if (target < 0)
+        return Status::failure(kBeyondLimit, "position " + std::to_string(target) + " is outside " + rangeText(0, max) +
+                                                 ": 0 is the inner end of travel");
     return Status::failure(kBeyondLimit, "position " + std::to_string(target) + " is outside " + rangeText(0, max) +
                                              ", the maximum position set for this focuser; raise its maximum "
                                              "position to go further");
@@ -241,9 +255,8 @@ Status Unit::stop()
 
 Status Unit::sync(long long position)
 {
-    if (position < 0 || (stepRange() > 0 && position > stepRange()))
-        return Status::failure(kBeyondLimit, "position " + std::to_string(position) + " is outside " +
-                                                 rangeText(0, stepRange()) + ", the unit's step range");
+    // The user's maximum holds for a declared position as for a move.
+    if (Status allowed = checkTarget(position); !allowed.ok()) return allowed;
     const int rc = NKRResetPostion(slot(), static_cast<int>(position));
     noteResult(rc);
     return Status::fromSdk(rc, "setting the position");

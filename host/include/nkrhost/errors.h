@@ -35,6 +35,7 @@ enum HostCode : int {
     kBadSetting = 1007,     // a value that cannot be a setting (wrong type or range)
     kSettingsFile = 1008,   // the host settings file cannot be read or written
     kUpdatePending = 1009,  // the unit waits in update mode for an update to complete
+    kMoveNotArrived = 1010, // a move ended short of its target
 };
 
 struct ErrorEntry {

@@ -34,17 +34,6 @@ struct PendingUpdate {
     long long total = 0;
 };
 
-// What every front-end accepts for a setting a user types, so that the tool,
-// the control page and the others refuse the same values with the same bounds.
-struct SettingRange {
-    double low, high;
-};
-inline constexpr SettingRange kBacklashRange{0, 255};
-inline constexpr SettingRange kSpeedRange{0, 65535};
-inline constexpr SettingRange kStepSizeRange{0.001, 10000};          // microns per step
-inline constexpr SettingRange kTempCoefficientRange{-10000, 10000};  // steps per degree Celsius
-inline constexpr SettingRange kTempDeadbandRange{0, 100};            // degrees Celsius
-
 struct UnitSettings {
     std::string name;                       // display name; "" = none
     std::optional<int> maxPosition;         // the user's maximum, as the host programs enforce it

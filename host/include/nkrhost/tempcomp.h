@@ -88,6 +88,8 @@ public:
     void userMoveEnded();
 
     State state() const { return m_state; }
+    // A correction of ours is under way (the unit moves for compensation).
+    bool correcting() const { return m_correcting; }
     // Who compensates the unit when another program does.
     const std::string& otherHolder() const { return m_otherHolder; }
     const TempCompensator& compensator() const { return m_comp; }

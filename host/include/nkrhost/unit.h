@@ -63,11 +63,12 @@ public:
     // The user's maximum as every host program enforces it: the one in the
     // host settings, else the unit's own, never above the step range.
     Status maximum(int& out) const;
-    // ok, or kBadSetting when a maximum is outside 0 .. step range.
-    Status checkMaximum(long long value) const;
-    // Sets the maximum on the unit and in the host settings; refused outside
-    // 0 .. step range.
-    Status setMaximum(long long value);
+    // The one rule for the user's maximum: 1 .. the step range, and not
+    // below the position the focuser stands at. ok, or kBadSetting.
+    Status checkMaximum(long long value);
+    // Sets the maximum in the host settings, and on the unit too when
+    // onUnit (its holder), by that rule.
+    Status setMaximum(long long value, bool onUnit = true);
     // ok, or kBeyondLimit with a sentence that names the limit.
     Status checkTarget(long long target) const;
 
@@ -79,7 +80,7 @@ public:
     // absolute target.
     Status moveBy(long long steps, int* target = nullptr);
     Status stop();
-    // Declares the current position without moving; refused outside the step range.
+    // Declares the current position without moving; refused outside 0 .. the user's maximum.
     Status sync(long long position);
     FollowResult follow(const FollowOptions& options, const FollowHooks& hooks = {});
     // A move as the user asked for it, with the unit's final approach (one
@@ -114,6 +115,11 @@ public:
     Status reconnect();
     Backoff& backoff() { return m_backoff; }
 
+    // Gives the unit back the maximum the user chose in the host settings
+    // (it may have lost power, or been set by another program). A write:
+    // only the holder does it.
+    void applyStoredMaximum();
+
     // Closes (USB: which saves position and settings) or disconnects now.
     void close();
     // The unit stays open when this object goes (a move keeps running).
@@ -121,7 +127,6 @@ public:
 
 private:
     Unit(Identity identity, const HostSettings& settings);
-    void applyStoredMaximum();
 
     Identity m_identity;
     HostSettings m_settings;
