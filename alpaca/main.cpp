@@ -65,6 +65,8 @@ int main(int argc, char** argv)
     alpaca::logInfo("nkr-alpaca " + alpaca::driverVersion() + ", SDK " + NKRGetSDKVersion());
     std::string statePath = alpaca::DeviceRegistry::defaultStatePath();
     alpaca::DeviceRegistry registry(statePath);
+    registry.setAddress("its page http://" + (bind == "0.0.0.0" ? std::string("localhost") : bind) + ":" +
+                        std::to_string(port) + "/control");
     registry.rescan();
     for (const std::string& name : bleNames) {
         alpaca::AttachResult attached = registry.attachBle(name);

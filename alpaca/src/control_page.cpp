@@ -14,6 +14,7 @@
 #include "alpaca_request.h"
 #include "alpaca_server.h"
 #include "focuser_actions.h"
+#include "nkrhost/setting_catalogue.h"
 #include "nkrhost/settings.h"
 #include "focuser_members.h"
 #include "web_assets.h"
@@ -135,20 +136,22 @@ struct FieldRule {
     const char* unit;   // of the value, for the message
 };
 
-// The maximum's upper end is the unit's step range, filled in when checked.
+const nkrhost::SettingInfo& setting(const char* name) { return *nkrhost::findSetting(name); }
+
+// Ranges from the host layer's setting catalogue; the maximum's upper end is
+// the unit's step range, filled in when checked.
 const FieldRule kRules[] = {
-    {"alias", "Alias", Kind::Alias, 0, 8, ""},
+    {"alias", "Alias", Kind::Alias, 0, setting("alias").high, ""},
     {"maxstep", "Maximum step", Kind::Whole, 1, INT_MAX, " steps"},
-    {"backlash", "Backlash", Kind::Whole, nkrhost::kBacklashRange.low, nkrhost::kBacklashRange.high, " steps"},
-    {"speed", "Speed", Kind::Whole, nkrhost::kSpeedRange.low, nkrhost::kSpeedRange.high, ""},
+    {"backlash", "Backlash", Kind::Whole, setting("backlash").low, setting("backlash").high, " steps"},
+    {"speed", "Speed", Kind::Whole, setting("speed").low, setting("speed").high, ""},
     {"reverse", "Reverse", Kind::Flag, 0, 0, ""},
     {"beep", "Beep", Kind::Flag, 0, 0, ""},
-    {"stepsize", "Step size", Kind::OptionalDecimal, nkrhost::kStepSizeRange.low, nkrhost::kStepSizeRange.high, " µm"},
+    {"stepsize", "Step size", Kind::OptionalDecimal, setting("step-size").low, setting("step-size").high, " µm"},
     {"tempcomp", "Temperature compensation", Kind::Flag, 0, 0, ""},
-    {"tempcoefficient", "Coefficient", Kind::Decimal, nkrhost::kTempCoefficientRange.low,
-     nkrhost::kTempCoefficientRange.high, " steps per °C"},
-    {"tempdeadband", "Dead band", Kind::Decimal, nkrhost::kTempDeadbandRange.low, nkrhost::kTempDeadbandRange.high,
-     " °C"},
+    {"tempcoefficient", "Coefficient", Kind::Decimal, setting("temp-coefficient").low, setting("temp-coefficient").high,
+     " steps per °C"},
+    {"tempdeadband", "Dead band", Kind::Decimal, setting("temp-deadband").low, setting("temp-deadband").high, " °C"},
 };
 
 std::optional<double> decimal(const std::string& text)
@@ -202,10 +205,9 @@ Checked check(const httplib::Params& form, int stepRange)
         }
         switch (rule->kind) {
         case Kind::Alias: {
-            bool plain = text.size() <= 8;
-            for (unsigned char c : text) plain = plain && c >= 0x20 && c < 0x7f;
-            if (plain) out.values[name] = text;
-            else out.errors[name] = label + " must be at most 8 plain characters (letters, digits, punctuation); got " + quoted(text);
+            const nkrhost::Status plain = nkrhost::checkUnitText(setting("alias"), text);
+            if (plain.ok()) out.values[name] = text;
+            else out.errors[name] = plain.message;
             break;
         }
         case Kind::Whole: {

@@ -16,9 +16,9 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr const char* kDriverClaim = "driver";
-// Temperature compensation looks at a unit this often.
-constexpr auto kTempCompPeriod = std::chrono::seconds(2);
+// A unit plugged in (or switched on) after the server started is found
+// within this time.
+constexpr auto kRescanPeriod = std::chrono::seconds(5);
 
 std::string notConnected(const Unit& unit, const std::string& why = {})
 {
@@ -32,13 +32,10 @@ DeviceRegistry::DeviceRegistry(std::string statePath) : statePath_(std::move(sta
 DeviceRegistry::~DeviceRegistry()
 {
     stopSupervisor();
-    // Close what we opened so positions are saved; a move keeps its current leg.
+    // Close what we opened so positions are saved.
     for (auto& unit : all()) {
         std::lock_guard lock(unit->io);
-        unit->tempComp.reset();
-        unit->move.reset();
-        unit->host.reset();
-        unit->claim.release();
+        unit->session.reset();
         unit->connected = false;
         // The scan left the units it identified open.
         if (unit->bleName.empty() && unit->slot >= 0) NKRClose(unit->slot);
@@ -87,57 +84,55 @@ void DeviceRegistry::save() const
     if (ec) logWarn("cannot write device map " + statePath_ + ": " + ec.message());
 }
 
-std::shared_ptr<Unit> DeviceRegistry::adopt(const std::string& reported, int slot, const std::string& bleName,
+std::shared_ptr<Unit> DeviceRegistry::adopt(const std::string& key, int slot, const std::string& bleName,
                                             const std::string& bleAddress)
 {
     std::lock_guard lock(listMutex_);
-    // Units that report the same serial (factory default) are told apart by
-    // a suffix in the order they are found.
-    std::string serial = reported;
-    for (int k = 2;; ++k) {
-        bool taken = false;
-        for (auto& unit : units_)
-            if (unit->serial == serial && unit->slot >= 0 && unit->slot != slot) taken = true;
-        if (!taken) break;
-        serial = reported + "-" + std::to_string(k);
-    }
     for (auto& unit : units_) {
-        if (unit->serial == serial) {
+        if (unit->serial == key) {
             unit->slot = slot;
             return unit;
         }
     }
     int number = -1;
-    for (auto& [s, n] : known_)
-        if (s == serial) number = n;
+    for (auto& [k, n] : known_)
+        if (k == key) number = n;
     if (number < 0) {
         number = 0;
-        for (auto& [s, n] : known_) number = std::max(number, n + 1);
-        known_.emplace_back(serial, number);
+        for (auto& [k, n] : known_) number = std::max(number, n + 1);
+        known_.emplace_back(key, number);
         save();
     }
     auto unit = std::make_shared<Unit>();
     unit->number = number;
-    unit->serial = serial;
-    unit->uniqueId = "nkr-focuser-" + serial;
+    unit->serial = key;
+    unit->uniqueId = "nkr-focuser-" + key;
     unit->bleName = bleName;
     unit->bleAddress = bleAddress;
     unit->slot = slot;
     units_.push_back(unit);
     std::sort(units_.begin(), units_.end(), [](auto& a, auto& b) { return a->number < b->number; });
-    logInfo(unit->label() + " is unit " + serial + (bleName.empty() ? " (USB)" : " (Bluetooth " + bleName + ")"));
+    logInfo(unit->label() + " is unit " + key + (bleName.empty() ? " (USB)" : " (Bluetooth " + bleName + ")"));
     return unit;
 }
 
 void DeviceRegistry::rescan()
 {
     std::lock_guard scan(scanMutex_);
-    for (const nkrhost::Identity& id : nkrhost::identifyUsbUnits()) {
-        bool held = false;
+    nextRescan_ = Clock::now() + kRescanPeriod;
+    // Only slots no unit of ours stands in are opened and identified.
+    for (int slot : nkrhost::scanUsbSlots()) {
+        bool known = false;
         for (auto& unit : all())
-            if (unit->slot == id.slot && unit->bleName.empty()) held = true;
-        if (!held) adopt(id.key(), id.slot, "", "");
+            if (unit->slot == slot && unit->bleName.empty()) known = true;
+        if (known || NKROpen(slot) != NKR_SUCCESS) continue;
+        adopt(nkrhost::readIdentity(slot, nkrhost::Link::Usb).key(), slot, "", "");
     }
+}
+
+std::string DeviceRegistry::holderName(const Unit& unit) const
+{
+    return "nkr-alpaca (" + unit.label() + (address_.empty() ? "" : ", " + address_) + ")";
 }
 
 AttachResult DeviceRegistry::attachBle(const std::string& wanted)
@@ -152,7 +147,7 @@ AttachResult DeviceRegistry::attachBle(const std::string& wanted)
         if (unit->bleName.empty() || (unit->bleName != wanted && strcasecmp(unit->bleAddress.c_str(), wanted.c_str()) != 0))
             continue;
         std::lock_guard lock(unit->io);
-        if (unit->host && !unit->host->gone()) {
+        if (unit->session && !unit->session->unit().gone()) {
             unit->wanted = true;
             unit->connected = true;
             return {{}, unit->label() + " is already attached"};
@@ -170,9 +165,18 @@ AttachResult DeviceRegistry::attachBle(const std::string& wanted)
     auto host = nkrhost::Unit::adoptBluetooth(slot, which.bleName, which.bleAddress);
     auto unit = adopt(host->key(), slot, which.bleName, which.bleAddress);
     std::lock_guard lock(unit->io);
-    unit->host = std::move(host);
+    nkrhost::Session::Options options;
+    options.holder = holderName(*unit);
+    nkrhost::Status held = nkrhost::Session::hold(host, options, unit->session);
+    if (!held.ok()) {
+        // Another program holds it: the link we made is ours to drop.
+        host->keepOpen();
+        NKRBLEDisconnect(slot);
+        return {held, held.message};
+    }
     unit->wanted = true;
     unit->connected = true;
+    unit->state = static_cast<int>(nkrhost::UnitState::Ready);
     return {{}, unit->label() + " is Bluetooth unit " + which.bleName + " [" + which.bleAddress + "]"};
 }
 
@@ -193,15 +197,40 @@ std::vector<std::shared_ptr<Unit>> DeviceRegistry::all() const
 nkrhost::Status DeviceRegistry::open(Unit& unit)
 {
     std::lock_guard scan(scanMutex_);
-    nkrhost::OpenRequest request;
-    // The serial names the unit wherever it is plugged in now.
-    request.name = unit.serial.rfind("usb-slot-", 0) == 0 ? unit.serial.substr(9) : unit.serial;
     std::unique_ptr<nkrhost::Unit> host;
-    nkrhost::Status opened = nkrhost::Unit::open(request, host);
-    if (!opened.ok()) return opened;
-    unit.slot = host->slot();
-    unit.host = std::move(host);
+    if (!unit.bleName.empty()) {
+        int slot = -1;
+        nkrhost::Status connected = nkrhost::connectBluetooth(unit.bleName, unit.bleAddress, slot);
+        if (!connected.ok()) return connected;
+        host = nkrhost::Unit::adoptBluetooth(slot, unit.bleName, unit.bleAddress);
+    } else {
+        // The same key rule as everywhere: wherever the unit is plugged in now.
+        for (const nkrhost::Identity& id : nkrhost::identifyUsbUnits())
+            if (id.key() == unit.serial) host = nkrhost::Unit::adopt(id.slot, nkrhost::Link::Usb);
+        if (!host) return nkrhost::Status::failure(NKR_ERROR_REMOVED, "cannot find " + unit.label() + " (" + unit.serial +
+                                                                          "); is it plugged in and switched on?");
+    }
+    nkrhost::Session::Options options;
+    options.holder = holderName(unit);
+    nkrhost::Status held = nkrhost::Session::hold(host, options, unit.session);
+    if (!held.ok()) {
+        if (!unit.bleName.empty()) NKRBLEDisconnect(host->slot());
+        return held;
+    }
+    unit.slot = unit.session->unit().slot();
     return {};
+}
+
+void DeviceRegistry::look(Unit& unit, Clock::time_point now)
+{
+    std::vector<std::string> lines;
+    unit.session->tick(now, lines);
+    for (const std::string& line : lines) logInfo(unit.label() + ": " + line);
+    const nkrhost::UnitState state = unit.session->state(now);
+    unit.state = static_cast<int>(state);
+    unit.lastPosition = unit.session->lastPosition();
+    unit.connected = state != nkrhost::UnitState::Gone;
+    unit.slot = state == nkrhost::UnitState::Gone && unit.bleName.empty() ? -1 : unit.session->unit().slot();
 }
 
 // With io held: whether the unit can be used now. A unit that went away is
@@ -209,54 +238,56 @@ nkrhost::Status DeviceRegistry::open(Unit& unit)
 bool DeviceRegistry::reachable(Unit& unit)
 {
     if (!unit.wanted) return false;
-    if (unit.host && !unit.host->gone()) return true;
-    if (unit.host) {
-        if (!unit.host->backoff().due(Clock::now())) return false;
-        nkrhost::Status back;
-        {
-            std::lock_guard scan(scanMutex_);
-            back = unit.host->reconnect();
+    if (!unit.session) {
+        if (Clock::now() < unit.nextOpen) return false;
+        unit.state = static_cast<int>(nkrhost::UnitState::Connecting);
+        nkrhost::Status opened = open(unit);
+        if (!opened.ok()) {
+            unit.nextOpen = Clock::now() + std::chrono::seconds(2);
+            unit.lastError = opened.message;
+            unit.state = static_cast<int>(nkrhost::UnitState::Absent);
+            return false;
         }
-        if (!back.ok()) return false;
-        unit.slot = unit.host->slot();
-        logInfo(unit.label() + " is back");
-    } else if (!open(unit).ok()) {
-        return false;
+        unit.lastError.clear();
     }
-    unit.connected = true;
-    return true;
-}
-
-void DeviceRegistry::noteGone(Unit& unit, int code)
-{
-    logWarn(unit.label() + " (" + unit.serial + ") is gone: " + nkrhost::describeError(code).text);
-    unit.move.reset();
-    unit.connected = false;
-    if (unit.bleName.empty()) unit.slot = -1;
+    if (unit.session->unit().gone()) {
+        std::lock_guard scan(scanMutex_);
+        look(unit, Clock::now());
+    } else {
+        unit.state = static_cast<int>(unit.session->state());
+    }
+    unit.connected = !unit.session->unit().gone();
+    return unit.connected;
 }
 
 DeviceError DeviceRegistry::call(Unit& unit, const std::function<int(int)>& fn)
 {
     std::lock_guard lock(unit.io);
-    if (!reachable(unit)) return {kNotConnected, notConnected(unit)};
-    const int rc = fn(unit.host->slot());
-    if (rc != NKR_SUCCESS && unit.host->noteResult(rc)) {
-        noteGone(unit, rc);
+    if (!reachable(unit)) return {kNotConnected, notConnected(unit, unit.lastError)};
+    const int rc = fn(unit.session->unit().slot());
+    if (rc != NKR_SUCCESS && unit.session->unit().noteResult(rc)) {
+        look(unit, Clock::now());
         return {kNotConnected, notConnected(unit, nkrhost::describeError(rc).text)};
     }
     return fromSdk(rc);
 }
 
-DeviceError DeviceRegistry::withHost(Unit& unit, const std::function<nkrhost::Status(nkrhost::Unit&)>& fn)
+DeviceError DeviceRegistry::withSession(Unit& unit, const std::function<nkrhost::Status(nkrhost::Session&)>& fn)
 {
     std::lock_guard lock(unit.io);
-    if (!reachable(unit)) return {kNotConnected, notConnected(unit)};
-    const nkrhost::Status status = fn(*unit.host);
-    if (!status.ok() && unit.host->noteResult(status.code)) {
-        noteGone(unit, status.code);
+    if (!reachable(unit)) return {kNotConnected, notConnected(unit, unit.lastError)};
+    // The host layer has already noted the result of every call it made.
+    const nkrhost::Status status = fn(*unit.session);
+    if (!status.ok() && unit.session->unit().gone()) {
+        look(unit, Clock::now());
         return {kNotConnected, notConnected(unit, status.message)};
     }
     return fromStatus(status);
+}
+
+DeviceError DeviceRegistry::withHost(Unit& unit, const std::function<nkrhost::Status(nkrhost::Unit&)>& fn)
+{
+    return withSession(unit, [&](nkrhost::Session& session) { return fn(session.unit()); });
 }
 
 bool DeviceRegistry::connected(Unit& unit)
@@ -265,22 +296,30 @@ bool DeviceRegistry::connected(Unit& unit)
     return reachable(unit);
 }
 
+nkrhost::UnitState DeviceRegistry::state(Unit& unit)
+{
+    std::lock_guard lock(unit.io);
+    if (unit.session) unit.state = static_cast<int>(unit.session->state());
+    return static_cast<nkrhost::UnitState>(unit.state.load());
+}
+
 DeviceError DeviceRegistry::connect(Unit& unit)
 {
     std::lock_guard lock(unit.io);
-    if (!unit.claim.held()) {
-        nkrhost::Status claimed = unit.claim.take(kDriverClaim, unit.serial, "nkr-alpaca (" + unit.label() + ")");
-        if (!claimed.ok()) return fromStatus(claimed);
-    }
+    const bool wasWanted = unit.wanted;
     unit.wanted = true;
-    if (unit.host) unit.host->backoff().reset();  // a client asking now is tried at once
+    // A client asking now is tried at once.
+    if (unit.session) unit.session->unit().backoff().reset();
+    unit.nextOpen = {};
     if (!reachable(unit)) {
-        unit.wanted = false;
-        unit.claim.release();
+        // A unit already wanted (gone, or not found yet) stays wanted: it is
+        // held again when it comes back. Another program's hold is final.
+        const bool heldElsewhere = unit.lastError.find(" is held by ") != std::string::npos;
+        unit.wanted = wasWanted && !heldElsewhere;
+        if (heldElsewhere) return {kInvalidOperation, unit.lastError};
         if (!unit.bleName.empty()) return {kNotConnected, "Bluetooth unit " + unit.bleName + " is out of reach"};
         return {kNotConnected, "cannot open " + unit.label() + " (" + unit.serial + "); is it plugged in?"};
     }
-    if (!unit.tempComp) unit.tempComp = std::make_unique<nkrhost::TempCompRunner>(*unit.host, "nkr-alpaca (" + unit.label() + ")");
     logInfo(unit.label() + " connected");
     return {};
 }
@@ -291,88 +330,42 @@ DeviceError DeviceRegistry::disconnect(Unit& unit)
     const bool was = unit.wanted;
     unit.wanted = false;
     unit.connected = false;
-    unit.tempComp.reset();  // gives compensation up for another program
-    unit.move.reset();      // the current leg runs to its end
-    unit.claim.release();
-    // A USB unit is closed, which saves its position and settings; a
-    // Bluetooth link is kept so that the next connect is quick.
-    if (unit.bleName.empty()) unit.host.reset();
+    unit.state = static_cast<int>(nkrhost::UnitState::Absent);
+    // The hold is given up. A USB unit is closed, which saves its position
+    // and settings; a Bluetooth link is kept open so the next connect is quick.
+    if (unit.session && !unit.bleName.empty()) unit.session->unit().keepOpen();
+    unit.session.reset();
     if (was) logInfo(unit.label() + " disconnected");
     return {};
 }
 
-void DeviceRegistry::endMove(Unit& unit, const nkrhost::FollowResult& result)
-{
-    unit.move.reset();
-    if (unit.tempComp) unit.tempComp->userMoveEnded();
-    if (!result.ok()) {
-        const std::string why = !result.status.ok() ? result.status.message : result.stop.message;
-        logWarn(unit.label() + ": move " + nkrhost::moveEndName(result.end) + " at " + std::to_string(result.position) +
-                (why.empty() ? "" : ": " + why));
-    }
-    if (result.end == nkrhost::MoveEnd::Gone && unit.host) {
-        unit.host->noteResult(NKR_ERROR_REMOVED);
-        noteGone(unit, result.status.code ? result.status.code : NKR_ERROR_REMOVED);
-    }
-}
-
-void DeviceRegistry::pollMove(Unit& unit, Clock::time_point now)
-{
-    if (!unit.move) return;
-    if (auto result = unit.move->poll(now)) endMove(unit, *result);
-}
-
 DeviceError DeviceRegistry::move(Unit& unit, long long target)
 {
-    std::lock_guard lock(unit.io);
-    if (!reachable(unit)) return {kNotConnected, notConnected(unit)};
-    nkrhost::Status status = unit.host->checkNotInUpdateMode();
-    std::unique_ptr<nkrhost::PlannedMove> planned;
-    int from = 0;
-    if (status.ok()) status = unit.host->position(from);
-    if (status.ok()) {
-        nkrhost::FollowOptions options;
-        options.start = from;
-        status = unit.host->planMove(target, options, planned);
-    }
-    if (status.ok()) status = planned->start(Clock::now());
-    if (!status.ok()) {
-        if (unit.host->noteResult(status.code)) {
-            noteGone(unit, status.code);
-            return {kNotConnected, notConnected(unit, status.message)};
-        }
-        return fromStatus(status);
-    }
-    unit.move = std::move(planned);
-    return {};
+    return withSession(unit, [&](nkrhost::Session& session) {
+        nkrhost::Status st = session.moveTo(target);
+        if (st.ok()) unit.state = static_cast<int>(nkrhost::UnitState::Moving);
+        return st;
+    });
 }
 
 DeviceError DeviceRegistry::halt(Unit& unit)
 {
-    std::lock_guard lock(unit.io);
-    if (!reachable(unit)) return {kNotConnected, notConnected(unit)};
-    if (unit.move) {
-        const nkrhost::FollowResult result = unit.move->interrupt();
-        unit.move.reset();
-        if (unit.tempComp) unit.tempComp->userMoveEnded();
-        return fromStatus(result.stop);
-    }
-    return fromStatus(unit.host->stop());
+    return withSession(unit, [](nkrhost::Session& session) { return session.stop(); });
 }
 
 DeviceError DeviceRegistry::isMoving(Unit& unit, bool& moving)
 {
     std::lock_guard lock(unit.io);
-    if (!reachable(unit)) return {kNotConnected, notConnected(unit)};
-    pollMove(unit, Clock::now());
-    if (unit.move) {
-        moving = true;  // between legs the motor may stand for a moment
+    if (!reachable(unit)) return {kNotConnected, notConnected(unit, unit.lastError)};
+    look(unit, Clock::now());
+    if (unit.session->unit().gone()) return {kNotConnected, notConnected(unit)};
+    if (unit.session->moving()) {
+        moving = true;  // between legs, or during a compensation correction
         return {};
     }
-    if (!unit.connected) return {kNotConnected, notConnected(unit)};
-    const int rc = NKRIsMoving(unit.host->slot(), &moving, nullptr);
-    if (rc != NKR_SUCCESS && unit.host->noteResult(rc)) {
-        noteGone(unit, rc);
+    const int rc = NKRIsMoving(unit.session->unit().slot(), &moving, nullptr);
+    if (rc != NKR_SUCCESS && unit.session->unit().noteResult(rc)) {
+        look(unit, Clock::now());
         return {kNotConnected, notConnected(unit, nkrhost::describeError(rc).text)};
     }
     return fromSdk(rc);
@@ -381,23 +374,21 @@ DeviceError DeviceRegistry::isMoving(Unit& unit, bool& moving)
 std::string DeviceRegistry::tempCompSummary(Unit& unit)
 {
     std::lock_guard lock(unit.io);
-    return unit.tempComp ? unit.tempComp->describe() : std::string();
+    return unit.session ? unit.session->tempCompSummary() : std::string();
 }
 
 void DeviceRegistry::tick(Clock::time_point now)
 {
+    if (now >= nextRescan_) rescan();
     for (auto& unit : all()) {
         std::unique_lock lock(unit->io, std::try_to_lock);
-        if (!lock.owns_lock() || !unit->host || !unit->wanted || unit->host->gone()) continue;
-        if (unit->move) {
-            pollMove(*unit, now);
+        if (!lock.owns_lock() || !unit->wanted) continue;
+        if (!unit->session) {
+            // Wanted but not found yet (unplugged when a client connected it).
+            reachable(*unit);
             continue;
         }
-        if (!unit->tempComp || now < unit->nextTempTick) continue;
-        unit->nextTempTick = now + kTempCompPeriod;
-        std::vector<std::string> lines;
-        unit->tempComp->tick(lines);
-        for (const std::string& line : lines) logInfo(unit->label() + ": " + line);
+        look(*unit, now);
     }
 }
 

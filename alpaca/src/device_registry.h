@@ -1,7 +1,10 @@
-// The units the server offers, keyed by serial number so that each keeps its
-// Alpaca device number (and UniqueID) across restarts and re-plugging. The
-// host layer does the rest: opening, the user's maximum, planned moves, the
-// "unit is gone" rule, reconnecting with back-off, temperature compensation.
+// The units the server offers, keyed by the host layer's unit key (the
+// serial number) so that each keeps its Alpaca device number (and UniqueID)
+// across restarts and re-plugging, and a unit plugged in after the server
+// started joins with a number of its own. A connected unit is held through
+// the host layer's unit session, which does the rest: the hold against other
+// programs, the user's maximum, planned moves, "gone" and reconnecting with
+// back-off, temperature compensation.
 #pragma once
 
 #include <atomic>
@@ -15,10 +18,7 @@
 #include <vector>
 
 #include "ascom_errors.h"
-#include "nkrhost/claim.h"
-#include "nkrhost/motion.h"
-#include "nkrhost/tempcomp.h"
-#include "nkrhost/unit.h"
+#include "nkrhost/session.h"
 
 namespace alpaca {
 
@@ -28,21 +28,21 @@ using Clock = std::chrono::steady_clock;
 // serialised while different units never wait for each other.
 struct Unit {
     int number = 0;          // Alpaca device number (stable)
-    std::string serial;      // registry key: the host layer's unit key
+    std::string serial;      // the host layer's unit key
     std::string uniqueId;    // derived from the serial, stable
     std::string bleName;     // non-empty for a Bluetooth unit
     std::string bleAddress;  // as the scan reported it
     std::mutex io;
     // Guarded by io.
-    std::unique_ptr<nkrhost::Unit> host;             // while the server holds the unit
-    bool wanted = false;                             // a client connected it (reopen after a re-plug)
-    nkrhost::UnitClaim claim;                        // held while connected: one server drives a unit
-    std::unique_ptr<nkrhost::PlannedMove> move;      // a client's move, leg by leg
-    std::unique_ptr<nkrhost::TempCompRunner> tempComp;
-    Clock::time_point nextTempTick{};
+    std::unique_ptr<nkrhost::Session> session;  // while the server holds the unit
+    bool wanted = false;                        // a client connected it (held again after a re-plug)
+    std::string lastError;                      // why the last connect failed ("" once it worked)
+    Clock::time_point nextOpen{};               // a wanted unit not found yet is looked for again then
     // Read without io by listings.
     std::atomic<int> slot{-1};
     std::atomic<bool> connected{false};
+    std::atomic<int> state{static_cast<int>(nkrhost::UnitState::Absent)};  // nkrhost::UnitState
+    std::atomic<int> lastPosition{-1};
 
     std::string label() const { return "focuser " + std::to_string(number); }
 };
@@ -75,6 +75,10 @@ public:
     DeviceError call(Unit& unit, const std::function<int(int slot)>& fn);
     // Runs fn on the host unit under the unit's lock, as call() does.
     DeviceError withHost(Unit& unit, const std::function<nkrhost::Status(nkrhost::Unit&)>& fn);
+    // Runs fn on the unit's session under its lock, as call() does.
+    DeviceError withSession(Unit& unit, const std::function<nkrhost::Status(nkrhost::Session&)>& fn);
+    // What the page shows: absent, connecting, ready, moving, gone, back.
+    nkrhost::UnitState state(Unit& unit);
 
     // ASCOM Connect / Disconnect (a USB unit is closed, which saves its position).
     DeviceError connect(Unit& unit);
@@ -103,24 +107,27 @@ public:
 
     // Where the mapping lives by default: $XDG_CONFIG_HOME/nkr-alpaca/devices.json.
     static std::string defaultStatePath();
+    // Where clients drive the units from, named to the programs this server refuses.
+    void setAddress(const std::string& where) { address_ = where; }
 
 private:
-    std::shared_ptr<Unit> adopt(const std::string& serial, int slot, const std::string& bleName,
+    std::shared_ptr<Unit> adopt(const std::string& key, int slot, const std::string& bleName,
                                 const std::string& bleAddress);
     void load();
     void save() const;
     bool reachable(Unit& unit);                 // with io held
     nkrhost::Status open(Unit& unit);           // with io held
-    void noteGone(Unit& unit, int code);        // with io held
-    void pollMove(Unit& unit, Clock::time_point now);  // with io held
-    void endMove(Unit& unit, const nkrhost::FollowResult& result);
+    void look(Unit& unit, Clock::time_point now);  // with io held: one session tick, logged
+    std::string holderName(const Unit& unit) const;
     void stopSupervisor();
 
     std::string statePath_;
+    std::string address_;
     mutable std::mutex listMutex_;  // units_ and the persisted map
     std::mutex scanMutex_;          // scans and opens: one thread at a time
     std::vector<std::shared_ptr<Unit>> units_;
-    std::vector<std::pair<std::string, int>> known_;  // serial -> number, persisted
+    std::vector<std::pair<std::string, int>> known_;  // key -> number, persisted
+    Clock::time_point nextRescan_{};
 
     std::thread supervisor_;
     std::mutex supervisorMutex_;

@@ -1,5 +1,7 @@
 #include "focuser_actions.h"
 
+#include "nkrhost/setting_catalogue.h"
+
 #include <NKR_focuser.h>
 
 #include <algorithm>
@@ -24,89 +26,36 @@ Answer finish(const DeviceError& error, const std::string& value)
     return {nlohmann::json(value), {}};
 }
 
-std::optional<bool> parseFlag(const std::string& text)
+// A setting of the host layer's catalogue: "" reads it, a value writes it
+// (checked there: refused outside its range, never clamped or wrapped).
+Answer catalogueSetting(DeviceRegistry& registry, Unit& unit, const char* name, const std::string& parameters)
 {
-    std::string v = lower(text);
-    if (v == "true" || v == "1" || v == "on") return true;
-    if (v == "false" || v == "0" || v == "off") return false;
-    return std::nullopt;
-}
-
-using IntGet = int (*)(int, int*);
-using IntSet = int (*)(int, int);
-using BoolGet = int (*)(int, bool*);
-using BoolSet = int (*)(int, bool);
-
-Answer intSetting(DeviceRegistry& registry, Unit& unit, const std::string& parameters, IntGet get, IntSet set)
-{
-    int value = 0;
+    const nkrhost::SettingInfo& info = *nkrhost::findSetting(name);
+    nkrhost::SettingValue value;
     if (!parameters.empty()) {
-        auto parsed = parseInt32(parameters);
-        if (!parsed) return invalid("not an integer: '" + parameters + "'");
-        value = *parsed;
-        DeviceError error = registry.call(unit, [&](int slot) { return set(slot, value); });
-        if (error.number != kOk) return {std::nullopt, error};
+        const nkrhost::Status parsed = nkrhost::parseSetting(info, parameters, value);
+        if (!parsed.ok()) return invalid(parsed.message);
     }
-    DeviceError error = registry.call(unit, [&](int slot) { return get(slot, &value); });
-    return finish(error, std::to_string(value));
-}
-
-Answer boolSetting(DeviceRegistry& registry, Unit& unit, const std::string& parameters, BoolGet get, BoolSet set)
-{
-    bool value = false;
-    if (!parameters.empty()) {
-        auto parsed = parseFlag(parameters);
-        if (!parsed) return invalid("not true or false: '" + parameters + "'");
-        DeviceError error = registry.call(unit, [&](int slot) { return set(slot, *parsed); });
-        if (error.number != kOk) return {std::nullopt, error};
-    }
-    DeviceError error = registry.call(unit, [&](int slot) { return get(slot, &value); });
-    return finish(error, value ? "true" : "false");
-}
-
-Answer alias(DeviceRegistry& registry, Unit& unit, const std::string& parameters)
-{
-    if (!parameters.empty()) {
-        if (parameters.size() > 8) return invalid("the alias has at most 8 characters");
-        _NKR_ID id{};
-        std::memcpy(id.id, parameters.data(), parameters.size());
-        DeviceError error = registry.call(unit, [&](int slot) { return NKRSetID(slot, id); });
-        if (error.number != kOk) return {std::nullopt, error};
-    }
-    std::string value;
-    DeviceError error = registry.withHost(unit, [&](nkrhost::Unit& host) {
-        host.refreshIdentity();
-        value = host.identity().alias;
-        return nkrhost::Status::fromSdk(host.identity().propertyCode, "reading the alias");
-    });
-    return finish(error, value);
-}
-
-// A number kept in the host settings (the same ones every host program
-// uses), at a path such as {"temp_comp", "coefficient"}; the settings check it.
-Answer hostNumber(DeviceRegistry& registry, Unit& unit, const std::string& parameters,
-                  const std::vector<std::string>& path,
-                  std::optional<double> (*current)(const nkrhost::UnitSettings&))
-{
-    nlohmann::json number;
-    if (!parameters.empty()) {
-        number = nlohmann::json::parse(parameters, nullptr, false);
-        if (!number.is_number()) return invalid("not a number: '" + parameters + "'");
-    }
-    std::string value;
-    DeviceError error = registry.withHost(unit, [&](nkrhost::Unit& host) {
+    std::string text;
+    DeviceError error = registry.withSession(unit, [&](nkrhost::Session& session) {
         if (!parameters.empty()) {
-            nlohmann::json patch = number;
-            for (auto it = path.rbegin(); it != path.rend(); ++it) patch = nlohmann::json{{*it, patch}};
-            nkrhost::Status merged = host.hostSettings().mergeJson(host.key(), patch.dump());
-            if (!merged.ok()) return merged;
+            nkrhost::Status written = session.writeSetting(info, value);
+            if (!written.ok()) return written;
+            if (info.type == nkrhost::SettingType::Text) session.unit().refreshIdentity();
         }
-        nkrhost::UnitSettings settings;
-        nkrhost::Status read = host.settings(settings);
-        if (auto v = current(settings)) value = nlohmann::json(*v).dump();
+        nkrhost::SettingValue now;
+        nkrhost::Status read = nkrhost::readSetting(session.unit(), info, now);
+        switch (info.type) {
+        case nkrhost::SettingType::Switch: text = now.number != 0 ? "true" : "false"; break;
+        case nkrhost::SettingType::Decimal:
+            // A step size nobody set reads as nothing.
+            text = now.number >= info.low ? nlohmann::json(now.number).dump() : "";
+            break;
+        default: text = nkrhost::settingText(info, now);
+        }
         return read;
     });
-    return finish(error, value);
+    return finish(error, text);
 }
 
 // Named positions: "" lists them as JSON, "NAME" or "NAME=POSITION" saves
@@ -163,22 +112,16 @@ const std::vector<std::string>& actionNames()
 
 Answer runAction(DeviceRegistry& registry, Unit& unit, const std::string& name, const std::string& parameters)
 {
-    std::string action = lower(name);
-    if (action == "backlash") return intSetting(registry, unit, parameters, NKRGetBacklash, NKRSetBacklash);
-    if (action == "maxforce") return intSetting(registry, unit, parameters, NKRGetMaxForce, NKRSetMaxForce);
-    if (action == "speed") return intSetting(registry, unit, parameters, NKRGetSpeed, NKRSetSpeed);
-    if (action == "reverse") return boolSetting(registry, unit, parameters, NKRGetReverse, NKRSetReverse);
-    if (action == "beep") return boolSetting(registry, unit, parameters, NKRGetBeep, NKRSetBeep);
-    if (action == "led") return boolSetting(registry, unit, parameters, NKRGetLedState, NKRSetLedState);
-    if (action == "alias") return alias(registry, unit, parameters);
+    const std::string action = lower(name);
+    static const std::map<std::string, const char*> settings{
+        {"backlash", "backlash"},   {"maxforce", "force"}, {"speed", "speed"},
+        {"reverse", "reverse"},     {"beep", "beep"},      {"led", "led"},
+        {"alias", "alias"},         {"tempcoefficient", "temp-coefficient"},
+        {"tempdeadband", "temp-deadband"}, {"stepsize", "step-size"}};
+    if (auto it = settings.find(action); it != settings.end())
+        return catalogueSetting(registry, unit, it->second, parameters);
     if (action == "positions") return positions(registry, unit, parameters);
     if (action == "gotoposition") return gotoPosition(registry, unit, parameters);
-    if (action == "tempcoefficient") return hostNumber(registry, unit, parameters, {"temp_comp", "coefficient"},
-                                                         [](const nkrhost::UnitSettings& s) -> std::optional<double> { return s.tempComp.coefficient; });
-    if (action == "tempdeadband") return hostNumber(registry, unit, parameters, {"temp_comp", "deadband"},
-                                                      [](const nkrhost::UnitSettings& s) -> std::optional<double> { return s.tempComp.deadband; });
-    if (action == "stepsize") return hostNumber(registry, unit, parameters, {"step_size_um"},
-                                                  [](const nkrhost::UnitSettings& s) { return s.stepSizeMicrons; });
     return {std::nullopt, {kActionNotImplemented, "action '" + name + "' is not implemented"}};
 }
 

@@ -172,7 +172,7 @@ UnitState Session::state(Clock::time_point now) const
 {
     if (m_unit->gone()) return UnitState::Gone;
     if (moving()) return UnitState::Moving;
-    if (m_backAt != Clock::time_point{} && now < m_backAt + kBackShown) return UnitState::Back;
+    if (m_cameBack && now < m_backAt + kBackShown) return UnitState::Back;
     return UnitState::Ready;
 }
 
@@ -299,6 +299,7 @@ void Session::tick(Clock::time_point now, std::vector<std::string>& log)
         if (!m_unit->reconnect().ok()) return;
         m_goneSince = {};
         m_backAt = now;
+        m_cameBack = true;
         m_unit->position(m_lastPosition);
         log.push_back("the focuser " + m_unit->key() + " is back at position " + std::to_string(m_lastPosition));
         return;

@@ -159,13 +159,16 @@ std::string badValueSentence(const SettingInfo& info, const std::string& got)
                             : "at most " + number(info.high) + " plain characters (printable ASCII)";
         break;
     case SettingType::Choice: {
-        std::string choices = info.choices;
-        std::replace(choices.begin(), choices.end(), '|', ',');
-        const auto last = choices.rfind(',');
-        if (last != std::string::npos) choices.replace(last, 1, " or");
-        for (std::size_t at = choices.find(','); at != std::string::npos; at = choices.find(',', at + 2))
-            choices.insert(at + 1, " ");
-        what = choices;
+        // "out|in|off" -> "out, in or off"
+        std::vector<std::string> choices;
+        std::string rest = info.choices;
+        for (auto bar = rest.find('|'); bar != std::string::npos; bar = rest.find('|')) {
+            choices.push_back(rest.substr(0, bar));
+            rest.erase(0, bar + 1);
+        }
+        choices.push_back(rest);
+        for (std::size_t i = 0; i < choices.size(); ++i)
+            what += (i == 0 ? "" : i + 1 == choices.size() ? " or " : ", ") + choices[i];
         break;
     }
     }

@@ -3,6 +3,7 @@
 #include <cerrno>
 
 #include "host_fixture.h"
+#include "nkrhost/session.h"
 #include "nkrhost/unit.h"
 
 using namespace nkrhost;
@@ -64,10 +65,15 @@ TEST_F(UnitLimits, TheUsersMaximumIsEnforcedByEveryProgramThatReadsTheSettings)
     EXPECT_EQ(unit->sync(unit->stepRange() + 1LL).code, kBeyondLimit);
 
     // Another program (a fresh object over the same file) sees the same limit,
-    // and a unit that forgot it (power loss) gets it back when opened.
+    // and a unit that forgot it (power loss) gets it back from its holder;
+    // a program that only opens it to look writes nothing.
     unit->close();
     nkrsim::update(0, [](nkrsim::UnitState& s) { s.maxStep = 60000; });
-    auto again = openUnit("0", settings());
+    auto opened = openUnit("0", settings());
+    EXPECT_EQ(nkrsim::state(0).maxStep, 60000);
+    std::unique_ptr<Session> held;
+    ASSERT_TRUE(Session::hold(opened, {"test"}, held).ok());
+    Unit* again = &held->unit();
     ASSERT_TRUE(again->maximum(max).ok());
     EXPECT_EQ(max, 50000);
     EXPECT_EQ(nkrsim::state(0).maxStep, 50000);

@@ -153,6 +153,7 @@ private:
     int m_lastPosition = 0;
     std::chrono::system_clock::time_point m_goneSince{};
     Clock::time_point m_backAt{};
+    bool m_cameBack = false;
 };
 
 }  // namespace nkrhost
