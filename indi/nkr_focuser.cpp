@@ -152,6 +152,7 @@ void NkrFocuser::TimerHit()
         if (m_mover == Mover::None) m_temperatureTurn = true;
     }
     if (m_mover == Mover::None) {
+        followHostSettings();
         pollPowerState();  // every few seconds, on their own clocks
         const auto now = std::chrono::steady_clock::now();
         if (now - m_lastTempCompTick >= kTempCompInterval) {

@@ -105,6 +105,9 @@ private:
     void loseUnit();
     void tryReconnect();
     void restoreAfterReturn();
+    // What other programs changed in the host settings (the maximum) reaches
+    // the unit and this panel: one look of the unit's session.
+    void followHostSettings();
 
     // nkr_focuser_units.cpp: unit list, unit choice, own position record.
     void initUnitProperties();

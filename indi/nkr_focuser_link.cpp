@@ -93,3 +93,14 @@ void NkrFocuser::restoreAfterReturn()
     m_temperatureNP.setState(IPS_IDLE);  // the next reading shows it again
     pollTemperature();
 }
+
+void NkrFocuser::followHostSettings()
+{
+    std::vector<std::string> log;
+    m_unit.session().tick(std::chrono::steady_clock::now(), log);
+    int maximum = 0;
+    if (!m_unit.session().maximum(maximum).ok() || maximum == static_cast<int>(FocusMaxPosN[0].value)) return;
+    FocusMaxPosN[0].value = maximum;
+    FocusMaxPosNP.s = IPS_OK;
+    IDSetNumber(&FocusMaxPosNP, "The maximum position is now %d (changed by another program).", maximum);
+}

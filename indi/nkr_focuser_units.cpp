@@ -64,7 +64,11 @@ void NkrFocuser::scanUnits(bool withBluetooth)
     if (m_unit.isOpen()) {
         const nkrhost::SeenUnit mine = nkrhost::seenFrom(m_unit.unit().identity());
         for (nkrindi::FoundUnit& unit : m_found)
-            if (nkrindi::claimKey(unit.seen) == nkrindi::claimKey(mine)) unit.own = true;
+            if (unit.seen.link == mine.link &&
+                (mine.link == nkrhost::Link::Ble ? unit.seen.bleAddress == mine.bleAddress
+                                                 : !mine.serial.empty() ? unit.seen.serial == mine.serial
+                                                                        : unit.seen.slot == mine.slot))
+                unit.own = true;
     }
 
     deleteProperty(m_unitListSP.getName());

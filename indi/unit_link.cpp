@@ -6,41 +6,42 @@ namespace nkrindi {
 
 namespace {
 
-constexpr const char* kPurpose = "driver";
-
 std::string inUse(const std::string& what, const std::string& holder)
 {
-    return "The unit " + what + " is in use by " + holder + "; choose another unit";
+    return "The unit " + what + " is held by " + holder + "; choose another unit";
 }
 
 }  // namespace
 
-std::string claimKey(const nkrhost::SeenUnit& unit)
+std::string holderOf(const nkrhost::SeenUnit& unit)
 {
-    if (unit.link == nkrhost::Link::Ble) return "ble-" + unit.bleAddress;
-    if (!unit.serial.empty()) return unit.serial;
-    return "usb-slot-" + std::to_string(unit.slot);
+    if (unit.link == nkrhost::Link::Ble) return nkrhost::bluetoothHolder(unit.bleAddress);
+    if (!unit.serial.empty()) return nkrhost::unitHolder(unit.serial);
+    return nkrhost::unitHolder("usb-slot-" + std::to_string(unit.slot));
 }
 
 std::string UnitLink::description() const
 {
-    if (!m_unit) return {};
-    const nkrhost::Identity& id = m_unit->identity();
+    if (!m_session) return {};
+    const nkrhost::Identity& id = m_session->unit().identity();
     if (id.link == nkrhost::Link::Ble) return "Bluetooth " + id.bleName + " (slot " + std::to_string(id.slot) + ")";
     return "USB slot " + std::to_string(id.slot);
 }
 
 std::string UnitLink::take(std::unique_ptr<nkrhost::Unit> unit, const std::string& owner)
 {
-    const std::string key = claimKey(nkrhost::seenFrom(unit->identity()));
-    nkrhost::Status claimed = m_claim.take(kPurpose, key, owner);
-    if (!claimed.ok()) {
-        // Another instance drives it: leave it open, as closing would stop its motor.
-        unit->keepOpen();
-        return inUse(unit->identity().serial.empty() ? unit->label() : "with serial number " + unit->identity().serial,
-                     nkrhost::UnitClaim::holder(kPurpose, key));
+    nkrhost::Session::Options options;
+    options.holder = "INDI " + owner;
+    options.compensate = false;  // the driver runs its own compensation loop
+    const bool ble = unit->link() == nkrhost::Link::Ble;
+    const int slot = unit->slot();
+    nkrhost::Status held = nkrhost::Session::hold(unit, options, m_session);
+    if (!held.ok()) {
+        // Another program holds it: nothing is sent and nothing closed (closing
+        // would stop its motor); a Bluetooth link we made is ours to drop.
+        if (ble) NKRBLEDisconnect(slot);
+        return held.message;
     }
-    m_unit = std::move(unit);
     return {};
 }
 
@@ -52,7 +53,7 @@ std::string UnitLink::openUsb(const std::string& selector, const std::string& ow
         // A serial number that another instance holds is refused before any unit is touched.
         const std::string serial = nkrhost::normalizedSerial(wanted);
         if (!serial.empty()) {
-            const std::string holder = nkrhost::UnitClaim::holder(kPurpose, serial);
+            const std::string holder = nkrhost::unitHolder(serial);
             if (!holder.empty()) return inUse("with serial number " + serial, holder);
         }
         nkrhost::OpenRequest request;
@@ -68,9 +69,9 @@ std::string UnitLink::openUsb(const std::string& selector, const std::string& ow
     std::string seen;
     for (const nkrhost::Identity& id : units) {
         const nkrhost::SeenUnit s = nkrhost::seenFrom(id);
-        const std::string holder = nkrhost::UnitClaim::holder(kPurpose, claimKey(s));
+        const std::string holder = holderOf(s);
         if (holder.empty()) return take(nkrhost::Unit::adopt(id.slot, nkrhost::Link::Usb), owner);
-        seen += (seen.empty() ? "" : "; ") + s.describe() + " in use by " + holder;
+        seen += (seen.empty() ? "" : "; ") + s.describe() + " held by " + holder;
     }
     return "No free USB focuser (" + seen + ")";
 }
@@ -85,7 +86,7 @@ std::string UnitLink::openBle(const std::string& selector, const std::string& ow
     if (!r.status.ok()) return r.status.message;
     const nkrhost::SeenUnit& match = found[static_cast<size_t>(r.index)];
     // A Bluetooth unit is known by its address before any connection.
-    const std::string holder = nkrhost::UnitClaim::holder(kPurpose, claimKey(match));
+    const std::string holder = holderOf(match);
     if (!holder.empty()) return inUse(match.bleName, holder);
     int slot = -1;
     nkrhost::Status connected = nkrhost::connectBluetooth(match.bleName, match.bleAddress, slot);
@@ -95,20 +96,19 @@ std::string UnitLink::openBle(const std::string& selector, const std::string& ow
 
 bool UnitLink::reconnectDue() const
 {
-    return m_unit && const_cast<nkrhost::Unit&>(*m_unit).backoff().due(nkrhost::Backoff::Clock::now());
+    return m_session && m_session->unit().backoff().due(nkrhost::Backoff::Clock::now());
 }
 
 std::string UnitLink::reconnect()
 {
-    if (!m_unit) return "no unit";
-    nkrhost::Status back = m_unit->reconnect();
+    if (!m_session) return "no unit";
+    nkrhost::Status back = m_session->unit().reconnect();
     return back.ok() ? std::string() : back.message;
 }
 
 void UnitLink::close()
 {
-    m_unit.reset();  // closes (saving the position) or disconnects
-    m_claim.release();
+    m_session.reset();  // closes (saving the position) or disconnects, and gives up the hold
 }
 
 std::vector<FoundUnit> scanUnits(bool withBluetooth, std::string& problem)
@@ -117,7 +117,7 @@ std::vector<FoundUnit> scanUnits(bool withBluetooth, std::string& problem)
     nkrhost::Inventory inv = nkrhost::takeInventory(withBluetooth);
     if (!inv.bluetooth.ok() && inv.bluetooth.code != NKR_ERROR_BLE_UNSUPPORTED) problem = inv.bluetooth.message;
     for (const nkrhost::SeenUnit& s : inv.units)
-        units.push_back({s, nkrhost::UnitClaim::holder(kPurpose, claimKey(s)), false});
+        units.push_back({s, holderOf(s), false});
     return units;
 }
 

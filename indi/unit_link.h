@@ -1,16 +1,16 @@
-// The driver's hold on one focuser unit, through the host layer: finds and
-// opens it over USB (the first unit no other instance has, or the one named
-// by serial number or alias) or over Bluetooth LE, holds the unit's "driver"
-// claim so that no other driver instance drives it too, gets it back when it
-// went away, and closes it again.
+// The driver's hold on one focuser unit, through the host layer's unit
+// session: finds and opens it over USB (the first unit no other program
+// holds, or the one named by serial number or alias) or over Bluetooth LE,
+// holds it so that no other program drives it too (another driver instance,
+// the Alpaca server, the nkr tool), gets it back when it went away, and
+// closes it again.
 #pragma once
 
 #include <memory>
 #include <string>
 #include <vector>
 
-#include "nkrhost/claim.h"
-#include "nkrhost/unit.h"
+#include "nkrhost/session.h"
 
 namespace nkrindi {
 
@@ -42,25 +42,25 @@ public:
     std::string reconnect();
     bool reconnectDue() const;
 
-    bool isOpen() const { return m_unit != nullptr; }
-    nkrhost::Unit& unit() { return *m_unit; }
-    int id() const { return m_unit ? m_unit->slot() : -1; }
-    bool overBle() const { return m_unit && m_unit->link() == nkrhost::Link::Ble; }
+    bool isOpen() const { return m_session != nullptr; }
+    nkrhost::Session& session() { return *m_session; }
+    nkrhost::Unit& unit() { return m_session->unit(); }
+    int id() const { return m_session ? m_session->unit().slot() : -1; }
+    bool overBle() const { return m_session && m_session->unit().link() == nkrhost::Link::Ble; }
     // Serial number read at open ("" when the unit has none).
-    std::string serial() const { return m_unit ? m_unit->identity().serial : std::string(); }
+    std::string serial() const { return m_session ? m_session->unit().identity().serial : std::string(); }
     // "USB slot 0" or "Bluetooth NKR Pro_A1B2 (slot 50)".
     std::string description() const;
 
 private:
     std::string take(std::unique_ptr<nkrhost::Unit> unit, const std::string& owner);
 
-    std::unique_ptr<nkrhost::Unit> m_unit;
-    nkrhost::UnitClaim m_claim;
+    std::unique_ptr<nkrhost::Session> m_session;
 };
 
-// The key a unit's "driver" claim goes by: its Bluetooth address for a
-// Bluetooth unit (known before any connection), else the host's key.
-std::string claimKey(const nkrhost::SeenUnit& unit);
+// Who holds a unit seen by a scan ("" when nobody does): by its key, or for
+// a Bluetooth unit by its address (known before any connection).
+std::string holderOf(const nkrhost::SeenUnit& unit);
 
 // Every unit in reach (Bluetooth too when asked: a scan takes seconds), each
 // with the instance that holds it. problem receives what went wrong.

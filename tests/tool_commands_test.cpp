@@ -53,7 +53,7 @@ TEST_F(ToolTest, ToolCommandLineErrorsHaveOneFormAndStayShort)
         {"info 0 1 2", "unexpected arguments '1', '2'"},
         {"--bogus", "unknown option '--bogus'"},
         {"--json list --ble 61", "must be a whole number of seconds from 0 to 60 (got '61')"},
-        {"set 1 backlash=256", "backlash must be between 0 and 255 (got 256)"},
+        {"set 1 backlash=256", "backlash must be a whole number from 0 to 255 steps (got '256')"},
     };
     for (const auto& w : wrong) {
         ToolRun r = run(w.args);
@@ -145,7 +145,7 @@ TEST_F(ToolTest, ToolSetAppliesNothingUnlessEveryKeyFits)
     // A maximum beyond the step range is refused, and nothing else is changed.
     ToolRun beyond = run("set 0 backlash=30 max-step=70000");
     EXPECT_EQ(beyond.status, 2);
-    EXPECT_NE(beyond.err.find("outside 0..60000, the unit's step range"), std::string::npos) << beyond.err;
+    EXPECT_NE(beyond.err.find("from 1..60000, the unit's step range (got 70000)"), std::string::npos) << beyond.err;
 }
 
 TEST_F(ToolTest, ToolSyncTakesRelativeSteps)

@@ -196,7 +196,8 @@ int runFirmware(const FirmwareOptions& options, const GlobalOptions& globals)
     const std::string path = args.front();
     std::vector<unsigned char> image = readImage(path);
 
-    UnitSession unit(target);
+    // Writing firmware drives the unit: only its holder may; a dry run only looks.
+    UnitSession unit(target, options.dryRun ? UnitSession::Access::ReadOnly : UnitSession::Access::Drive);
     Firmware before = readFirmware(unit.id());
     check(before.code, "reading the firmware version");
     checkUpdatable(unit, before);

@@ -130,9 +130,9 @@ int runSet(const SetOptions& options, const GlobalOptions& globals)
 
     Json applied = Json::object();
     for (Change& c : sent) {
-        // Show what the unit now reports.
+        // Show what the unit now reports (a Bluetooth name cannot be read over Bluetooth).
         nkrhost::SettingValue now = c.value;
-        if (!nkrhost::readSetting(unit.unit(), *c.info, now).ok()) now = c.value;
+        if (c.name() == "ble-name" || !nkrhost::readSetting(unit.unit(), *c.info, now).ok()) now = c.value;
         applied.set(jsonKey(c.name()), jsonOf(*c.info, now));
         if (!jsonMode()) sayField(c.name(), shownText(*c.info, now));
     }

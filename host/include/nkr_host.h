@@ -50,16 +50,6 @@ enum {
     NKR_HOST_KIND_INTERNAL = 6
 };
 
-/* Number of entries of the catalogue. */
-NKR_HOST_API int nkr_host_error_count(void);
-/* Entry index (0 .. count-1): its code, name, text and kind; the texts are
- * static. Returns 0, or NKR_ERROR_INVALID_VALUE (3) for a bad index. */
-NKR_HOST_API int nkr_host_error_entry(int index, int* code, const char** name, const char** text, int* kind);
-/* Kind of any code (unknown codes are NKR_HOST_KIND_INTERNAL). */
-NKR_HOST_API int nkr_host_error_kind(int code);
-/* "bad argument", "not supported", ... (static text). */
-NKR_HOST_API const char* nkr_host_kind_name(int kind);
-
 /* ---- Names and numbers --------------------------------------------------------- */
 
 /* The 8 serial bytes as 16 upper-case hex digits (out: 17 bytes or more). */
@@ -92,7 +82,7 @@ NKR_HOST_API void nkr_host_refresh(nkr_host_unit* unit);
  * Bluetooth address); 0 when it is back, with a new slot id. */
 NKR_HOST_API int nkr_host_reconnect(nkr_host_unit* unit, char* message, size_t size);
 /* SDK slot id of the unit (it changes when a gone unit is reconnected). */
-NKR_HOST_API int nkr_host_slot(const nkr_host_unit* unit);
+NKR_HOST_API int nkr_host_slot(nkr_host_unit* unit);
 /* The unit's identity as a JSON object: slot, link ("usb"/"ble"), key,
  * label, display_name, serial, alias, name, model, firmware, step_range,
  * ble_name, ble_address (null where the unit cannot say). */
@@ -107,18 +97,25 @@ NKR_HOST_API int nkr_host_inventory_json(int ble_scan_ms, char* json, size_t siz
 
 /* The user's maximum position as every host program enforces it. */
 NKR_HOST_API int nkr_host_maximum(nkr_host_unit* unit, int* maximum, char* message, size_t size);
-/* Sets it on the unit and in the host settings (0 .. step range). */
+/* Sets it in the host settings (any program may), and on the unit when this
+ * program holds it: 1 .. step range, not below the current position. */
 NKR_HOST_API int nkr_host_set_maximum(nkr_host_unit* unit, long long maximum, char* message, size_t size);
-/* Starts a move; refused (1003) outside 0 .. maximum, never clamped. */
-NKR_HOST_API int nkr_host_move_to(nkr_host_unit* unit, long long target, char* message, size_t size);
-/* Starts a move by steps from the current position; *target (may be null)
- * receives the absolute target. */
-NKR_HOST_API int nkr_host_move_by(nkr_host_unit* unit, long long steps, int* target, char* message, size_t size);
+/* Stops the motor; never refused, whoever holds the unit. */
 NKR_HOST_API int nkr_host_stop(nkr_host_unit* unit, char* message, size_t size);
-/* Declares the current position (0 .. step range) without moving. */
-NKR_HOST_API int nkr_host_sync(nkr_host_unit* unit, long long position, char* message, size_t size);
 
-/* How a followed move ended. */
+/* Commands that drive the unit (move, sync, the unit's own settings) take
+ * hold of it first: at most one program holds a unit at a time. While
+ * another program holds it they are refused (1006, naming the holder) and
+ * nothing is sent. holder: who this program is, as others will read it. */
+NKR_HOST_API int nkr_host_hold(nkr_host_unit* unit, const char* holder, char* message, size_t size);
+/* Declares the current position (0 .. maximum) without moving. */
+NKR_HOST_API int nkr_host_sync(nkr_host_unit* unit, long long position, char* message, size_t size);
+/* Sets a setting of the catalogue by name from its text ("backlash", "20"):
+ * refused (1007) with the setting's range when the value is outside it. */
+NKR_HOST_API int nkr_host_set_setting(nkr_host_unit* unit, const char* name, const char* value, char* message,
+                                      size_t size);
+
+/* How a move ended. */
 enum {
     NKR_HOST_MOVE_REACHED = 0,
     NKR_HOST_MOVE_STOPPED = 1,
@@ -128,28 +125,19 @@ enum {
     NKR_HOST_MOVE_STALLED = 5
 };
 
-typedef struct nkr_host_follower nkr_host_follower;
-
-/* Follows a move that was started from start to target, one look per call
- * of nkr_host_follow_poll (the caller sleeps between looks, and can see
- * Ctrl-C). timeout_ms 0: no limit; stall_ms 0: 30 s. */
-NKR_HOST_API nkr_host_follower* nkr_host_follow_begin(nkr_host_unit* unit, int start, int target, int timeout_ms,
-                                                      int stall_ms);
-/* One look. Returns 0 while the move goes on, 1 when it has ended (*end
- * tells how; *code and message say what went wrong, if anything), or -1 for
- * a null follower. position, moving, percent: the latest reading. */
-NKR_HOST_API int nkr_host_follow_poll(nkr_host_follower* follower, int* position, int* moving, int* percent, int* end,
-                                      int* code, char* message, size_t size);
-/* Stops the motor and ends the move (*end = NKR_HOST_MOVE_INTERRUPTED).
- * Returns the result of the stop: 0, or the code of a stop that failed (the
- * motor may still run; message says so). */
-NKR_HOST_API int nkr_host_follow_interrupt(nkr_host_follower* follower, int* position, char* message, size_t size);
-NKR_HOST_API void nkr_host_follow_free(nkr_host_follower* follower);
-
-/* ---- The link -------------------------------------------------------------------- */
-
-/* 1 when code means the unit itself is gone (ble: the unit is on Bluetooth). */
-NKR_HOST_API int nkr_host_means_gone(int ble, int code);
+/* Starts a move as the user asked for it, with the unit's final approach
+ * (one leg, or two: past the target, then back from the chosen side),
+ * checked against the maximum. The host library carries it to its end on a
+ * thread of its own, whether or not the caller looks (timeout_ms 0: no limit). */
+NKR_HOST_API int nkr_host_move(nkr_host_unit* unit, long long target, int timeout_ms, char* message, size_t size);
+/* One look at the move. Returns 0 while it goes on, 1 once it has ended
+ * (*end tells how; *code is 0 only when it arrived, else 1010 or the failure,
+ * with the sentence in message), -1 for a null unit. */
+NKR_HOST_API int nkr_host_move_poll(nkr_host_unit* unit, int* position, int* percent, int* end, int* code,
+                                    char* message, size_t size);
+/* Stops the move at once (also between legs). Returns the result of the
+ * stop: 0, or the code of a stop that failed (the motor may still run). */
+NKR_HOST_API int nkr_host_move_interrupt(nkr_host_unit* unit, int* position, char* message, size_t size);
 
 /* ---- Host settings ----------------------------------------------------------------- */
 
@@ -171,29 +159,6 @@ NKR_HOST_API int nkr_host_remove_position(nkr_host_unit* unit, const char* name,
 /* The position a name stands for (1007 with the known names when unknown). */
 NKR_HOST_API int nkr_host_named_position(nkr_host_unit* unit, const char* name, int* position, char* message,
                                          size_t size);
-/* Starts a move as the user asked for it, with the unit's final approach
- * (one leg, or two: past the target, then back from the chosen side),
- * checked against the maximum; follow it with the follower it returns in
- * *follower (poll, interrupt and free it as above). */
-NKR_HOST_API int nkr_host_move_planned(nkr_host_unit* unit, long long target, int timeout_ms,
-                                       nkr_host_follower** follower, char* message, size_t size);
-
-/* ---- Temperature compensation -------------------------------------------------- */
-
-typedef struct nkr_host_tempcomp nkr_host_tempcomp;
-
-/* Runs the compensation of the unit in this program (holder: who this
- * program is, as others will read it). Each nkr_host_tempcomp_tick reads
- * the unit and its settings (enabled, coefficient, dead band) and corrects
- * when due; the lines of what happened are written to log (one per line,
- * cut to size). Returns the state: 0 off, 1 on in another program, 2
- * waiting for a temperature, 3 paused by a probe error, 4 on. */
-NKR_HOST_API nkr_host_tempcomp* nkr_host_tempcomp_new(nkr_host_unit* unit, const char* holder);
-NKR_HOST_API int nkr_host_tempcomp_tick(nkr_host_tempcomp* tempcomp, char* log, size_t size);
-/* One line for a display: state, temperatures, reference. */
-NKR_HOST_API int nkr_host_tempcomp_describe(nkr_host_tempcomp* tempcomp, char* text, size_t size);
-NKR_HOST_API void nkr_host_tempcomp_free(nkr_host_tempcomp* tempcomp);
-
 /* Fits the temperature coefficient to focus runs: count pairs of
  * temperatures (degrees Celsius) and best-focus positions. Writes the
  * coefficient (steps per degree), R^2, the runs used and rejected, and for

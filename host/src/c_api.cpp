@@ -4,41 +4,40 @@
 
 #include <NKR_focuser.h>
 
+#include <atomic>
 #include <cstring>
 #include <memory>
+#include <mutex>
 #include <optional>
+#include <thread>
 #include <nlohmann/json.hpp>
 
 #include "nkrhost/errors.h"
-#include "nkrhost/follow.h"
+#include "nkrhost/session.h"
+#include "nkrhost/setting_catalogue.h"
 #include "nkrhost/settings.h"
-#include "nkrhost/tempcomp.h"
 #include "nkrhost/tempfit.h"
 #include "nkrhost/unit.h"
 
 using namespace nkrhost;
 using nlohmann::json;
 
+// A unit this program opened, and once a command drove it, the session that
+// holds it. A move is carried to its end by a thread of its own, so that the
+// final approach runs whether or not the caller looks.
 struct nkr_host_unit {
-    std::unique_ptr<Unit> unit;
-};
+    std::unique_ptr<Unit> opened;
+    std::unique_ptr<Session> session;
+    std::mutex mutex;  // the session, between the caller's threads and the carrier
+    std::thread carrier;
+    std::optional<MoveReport> lastMove;
 
-// Follows a single leg (a move begun with nkr_host_follow_begin) or a
-// planned move of one or two legs.
-struct nkr_host_follower {
-    std::unique_ptr<MoveFollower> follower;
-    std::unique_ptr<PlannedMove> planned;
+    Unit& unit() { return session ? session->unit() : *opened; }
 
-    std::optional<FollowResult> poll(MoveFollower::Clock::time_point now)
+    ~nkr_host_unit()
     {
-        return planned ? planned->poll(now) : follower->poll(now);
+        if (carrier.joinable()) carrier.join();
     }
-    MoveProgress progress() const { return planned ? planned->progress() : follower->progress(); }
-    FollowResult interrupt() { return planned ? planned->interrupt() : follower->interrupt(); }
-};
-
-struct nkr_host_tempcomp {
-    TempCompRunner runner;
 };
 
 namespace {
@@ -104,28 +103,6 @@ void nkr_host_init(void)
     }
 }
 
-int nkr_host_error_count(void) { return static_cast<int>(errorCatalogue().size()); }
-
-int nkr_host_error_entry(int index, int* code, const char** name, const char** text, int* kind)
-{
-    const auto& all = errorCatalogue();
-    if (index < 0 || static_cast<size_t>(index) >= all.size()) return NKR_ERROR_INVALID_VALUE;
-    const ErrorEntry& e = all[static_cast<size_t>(index)];
-    if (code != nullptr) *code = e.code;
-    if (name != nullptr) *name = e.name;
-    if (text != nullptr) *text = e.text;
-    if (kind != nullptr) *kind = kindNumber(e.kind);
-    return NKR_SUCCESS;
-}
-
-int nkr_host_error_kind(int code) { return kindNumber(describeError(code).kind); }
-
-const char* nkr_host_kind_name(int kind)
-{
-    if (kind < 0 || kind > static_cast<int>(ErrorKind::Internal)) return "internal";
-    return kindName(static_cast<ErrorKind>(kind));
-}
-
 int nkr_host_open(const char* name, int bluetooth, int scan_ms, nkr_host_unit** unit, char* message, size_t size)
 {
     if (unit == nullptr) return nullUnit(message, size);
@@ -139,7 +116,8 @@ int nkr_host_open(const char* name, int bluetooth, int scan_ms, nkr_host_unit** 
         std::unique_ptr<Unit> opened;
         Status st = Unit::open(request, opened);
         if (!st.ok()) return answer(st, message, size);
-        *unit = new nkr_host_unit{std::move(opened)};
+        *unit = new nkr_host_unit;
+        (*unit)->opened = std::move(opened);
         return answer(st, message, size);
     });
 }
@@ -147,7 +125,9 @@ int nkr_host_open(const char* name, int bluetooth, int scan_ms, nkr_host_unit** 
 nkr_host_unit* nkr_host_adopt(int slot, int ble)
 {
     try {
-        return new nkr_host_unit{Unit::adopt(slot, ble != 0 ? Link::Ble : Link::Usb)};
+        auto* unit = new nkr_host_unit;
+        unit->opened = Unit::adopt(slot, ble != 0 ? Link::Ble : Link::Usb);
+        return unit;
     } catch (...) {
         return nullptr;
     }
@@ -157,7 +137,13 @@ void nkr_host_free(nkr_host_unit* unit, int close)
 {
     if (unit == nullptr) return;
     try {
-        if (close == 0) unit->unit->keepOpen();
+        {
+            std::lock_guard lock(unit->mutex);
+            // A program that never held the unit leaves it as it found it.
+            if (close == 0 || !unit->session) unit->unit().keepOpen();
+            // Closing stops the motor: the carrier of a move ends with it.
+            if (close != 0 && unit->session && unit->session->moving()) unit->session->stop();
+        }
         delete unit;
     } catch (...) {
     }
@@ -182,7 +168,7 @@ void nkr_host_refresh(nkr_host_unit* unit)
 {
     if (unit == nullptr) return;
     try {
-        unit->unit->refreshIdentity();
+        unit->unit().refreshIdentity();
     } catch (...) {
     }
 }
@@ -190,21 +176,21 @@ void nkr_host_refresh(nkr_host_unit* unit)
 int nkr_host_reconnect(nkr_host_unit* unit, char* message, size_t size)
 {
     if (unit == nullptr) return nullUnit(message, size);
-    return guarded(message, size, [&] { return answer(unit->unit->reconnect(), message, size); });
+    return guarded(message, size, [&] { return answer(unit->unit().reconnect(), message, size); });
 }
 
-int nkr_host_slot(const nkr_host_unit* unit) { return unit != nullptr ? unit->unit->slot() : -1; }
+int nkr_host_slot(nkr_host_unit* unit) { return unit != nullptr ? unit->unit().slot() : -1; }
 
 int nkr_host_identity_json(nkr_host_unit* unit, char* out, size_t size)
 {
     if (unit == nullptr) return -1;
     try {
-        const Identity& id = unit->unit->identity();
+        const Identity& id = unit->unit().identity();
         json doc = {{"slot", id.slot},
                     {"link", id.link == Link::Ble ? "ble" : "usb"},
                     {"key", id.key()},
                     {"label", id.label()},
-                    {"display_name", displayName(settingsOf(*unit->unit).name, id.alias, id.model)},
+                    {"display_name", displayName(settingsOf(unit->unit()).name, id.alias, id.model)},
                     {"serial", orNull(id.serial)},
                     {"alias", orNull(id.alias)},
                     {"name", orNull(id.name)},
@@ -260,100 +246,173 @@ int nkr_host_inventory_json(int ble_scan_ms, char* out, size_t size)
 int nkr_host_maximum(nkr_host_unit* unit, int* maximum, char* message, size_t size)
 {
     if (unit == nullptr || maximum == nullptr) return nullUnit(message, size);
-    return guarded(message, size, [&] { return answer(unit->unit->maximum(*maximum), message, size); });
+    return guarded(message, size, [&] { return answer(unit->unit().maximum(*maximum), message, size); });
 }
 
 int nkr_host_set_maximum(nkr_host_unit* unit, long long maximum, char* message, size_t size)
 {
     if (unit == nullptr) return nullUnit(message, size);
-    return guarded(message, size, [&] { return answer(unit->unit->setMaximum(maximum), message, size); });
+    return guarded(message, size, [&] {
+        std::lock_guard lock(unit->mutex);
+        return answer(unit->unit().setMaximum(maximum, unit->session != nullptr), message, size);
+    });
 }
 
-int nkr_host_move_to(nkr_host_unit* unit, long long target, char* message, size_t size)
+namespace {
+
+// Takes hold of the unit for this program (once); with the unit's mutex held.
+Status holdUnit(nkr_host_unit& unit, const std::string& holder)
 {
-    if (unit == nullptr) return nullUnit(message, size);
-    return guarded(message, size, [&] { return answer(unit->unit->moveTo(target), message, size); });
+    if (unit.session) return {};
+    Session::Options options;
+    options.holder = holder;
+    options.compensate = false;
+    options.poll = std::chrono::milliseconds(50);
+    return Session::hold(unit.opened, options, unit.session);
 }
 
-int nkr_host_move_by(nkr_host_unit* unit, long long steps, int* target, char* message, size_t size)
+std::string programHolder() { return std::string("Python nkr (") + program_invocation_short_name + ")"; }
+
+// Ends the carrier of the last move (it ends by itself once the move has).
+void joinCarrier(nkr_host_unit& unit)
+{
+    if (unit.carrier.joinable()) unit.carrier.join();
+}
+
+}  // namespace
+
+int nkr_host_hold(nkr_host_unit* unit, const char* holder, char* message, size_t size)
 {
     if (unit == nullptr) return nullUnit(message, size);
-    return guarded(message, size, [&] { return answer(unit->unit->moveBy(steps, target), message, size); });
+    return guarded(message, size, [&] {
+        std::lock_guard lock(unit->mutex);
+        return answer(holdUnit(*unit, holder != nullptr && holder[0] != '\0' ? holder : programHolder()), message, size);
+    });
 }
 
 int nkr_host_stop(nkr_host_unit* unit, char* message, size_t size)
 {
     if (unit == nullptr) return nullUnit(message, size);
-    return guarded(message, size, [&] { return answer(unit->unit->stop(), message, size); });
+    return guarded(message, size, [&] {
+        std::lock_guard lock(unit->mutex);
+        if (unit->session) return answer(unit->session->stop(), message, size);
+        return answer(stopUnit(unit->unit(), programHolder()), message, size);
+    });
 }
 
 int nkr_host_sync(nkr_host_unit* unit, long long position, char* message, size_t size)
 {
     if (unit == nullptr) return nullUnit(message, size);
-    return guarded(message, size, [&] { return answer(unit->unit->sync(position), message, size); });
+    return guarded(message, size, [&] {
+        std::lock_guard lock(unit->mutex);
+        Status held = holdUnit(*unit, programHolder());
+        return answer(held.ok() ? unit->session->sync(position) : held, message, size);
+    });
 }
 
-nkr_host_follower* nkr_host_follow_begin(nkr_host_unit* unit, int start, int target, int timeout_ms, int stall_ms)
+int nkr_host_set_setting(nkr_host_unit* unit, const char* name, const char* value, char* message, size_t size)
 {
-    if (unit == nullptr) return nullptr;
-    try {
+    if (unit == nullptr || name == nullptr || value == nullptr) return nullUnit(message, size);
+    return guarded(message, size, [&] {
+        const SettingInfo* info = findSetting(name);
+        if (info == nullptr)
+            return answer(Status::failure(kBadSetting, std::string("'") + name + "' is not a setting; settings are " +
+                                                           settingNames()),
+                          message, size);
+        SettingValue parsed;
+        Status st = parseSetting(*info, value, parsed);
+        if (!st.ok()) return answer(st, message, size);
+        std::lock_guard lock(unit->mutex);
+        // The unit's own settings are its holder's; the host programs' are anyone's.
+        if (info->home == SettingHome::Host) {
+            if (unit->session) return answer(unit->session->writeSetting(*info, parsed), message, size);
+            return answer(writeSetting(unit->unit(), *info, parsed), message, size);
+        }
+        Status held = holdUnit(*unit, programHolder());
+        return answer(held.ok() ? unit->session->writeSetting(*info, parsed) : held, message, size);
+    });
+}
+
+int nkr_host_move(nkr_host_unit* unit, long long target, int timeout_ms, char* message, size_t size)
+{
+    if (unit == nullptr) return nullUnit(message, size);
+    return guarded(message, size, [&] {
+        std::unique_lock lock(unit->mutex);
+        Status st = holdUnit(*unit, programHolder());
+        if (!st.ok()) return answer(st, message, size);
+        if (unit->session->moving())
+            return answer(Status::failure(NKR_ERROR_MOVING, "the focuser is already moving; stop it first"), message, size);
+        lock.unlock();
+        joinCarrier(*unit);
+        lock.lock();
         FollowOptions options;
-        options.start = start;
-        options.target = target;
         options.timeout = std::chrono::milliseconds(timeout_ms > 0 ? timeout_ms : 0);
-        if (stall_ms > 0) options.stall = std::chrono::milliseconds(stall_ms);
-        return new nkr_host_follower{std::make_unique<MoveFollower>(unit->unit->slot(), unit->unit->link(), options,
-                                                                    MoveFollower::Clock::now()),
-                                     nullptr};
-    } catch (...) {
-        return nullptr;
-    }
+        st = unit->session->moveTo(target, options);
+        if (!st.ok()) return answer(st, message, size);
+        unit->lastMove.reset();
+        unit->carrier = std::thread([unit] {
+            std::vector<std::string> log;
+            for (;;) {
+                {
+                    std::lock_guard carried(unit->mutex);
+                    unit->session->tick(Session::Clock::now(), log);
+                    if (!unit->session->moving()) {
+                        if (auto ended = unit->session->takeMoveEnd()) unit->lastMove = ended;
+                        return;
+                    }
+                }
+                std::this_thread::sleep_for(std::chrono::milliseconds(50));
+            }
+        });
+        return answer(st, message, size);
+    });
 }
 
-int nkr_host_follow_poll(nkr_host_follower* f, int* position, int* moving, int* percent, int* end, int* code,
-                         char* message, size_t size)
+int nkr_host_move_poll(nkr_host_unit* unit, int* position, int* percent, int* end, int* code, char* message,
+                       size_t size)
 {
-    if (f == nullptr) return -1;
+    if (unit == nullptr) return -1;
     try {
-        auto result = f->poll(MoveFollower::Clock::now());
-        const MoveProgress p = f->progress();
-        if (position != nullptr) *position = p.position;
-        if (moving != nullptr) *moving = p.moving ? 1 : 0;
-        if (percent != nullptr) *percent = p.percent;
-        if (!result) return 0;
-        if (position != nullptr) *position = result->position;
-        if (end != nullptr) *end = static_cast<int>(result->end);
-        const Status& why = !result->status.ok() ? result->status : result->stop;
+        std::lock_guard lock(unit->mutex);
+        if (!unit->session) return -1;
+        if (!unit->lastMove) {
+            const MoveProgress p = unit->session->progress();
+            if (position != nullptr) *position = p.position;
+            if (percent != nullptr) *percent = p.percent;
+            return 0;
+        }
+        const MoveReport& r = *unit->lastMove;
+        if (position != nullptr) *position = r.result.position;
+        if (percent != nullptr) *percent = r.arrived() ? 100 : unit->session->progress().percent;
+        if (end != nullptr) *end = static_cast<int>(r.result.end);
+        const Status why = r.status();
         if (code != nullptr) *code = why.code;
-        std::string text = why.message;
-        if (!result->status.ok() && !result->stop.ok()) text += "; " + result->stop.message;
-        writeText(text, message, size);
+        writeText(why.message, message, size);
         return 1;
     } catch (...) {
         return -1;
     }
 }
 
-int nkr_host_follow_interrupt(nkr_host_follower* f, int* position, char* message, size_t size)
+int nkr_host_move_interrupt(nkr_host_unit* unit, int* position, char* message, size_t size)
 {
-    if (f == nullptr) return nullUnit(message, size);
+    if (unit == nullptr) return nullUnit(message, size);
     return guarded(message, size, [&] {
-        FollowResult r = f->interrupt();
-        if (position != nullptr) *position = r.position;
-        return answer(r.stop, message, size);
+        std::lock_guard lock(unit->mutex);
+        if (!unit->session) return answer(unit->unit().stop(), message, size);
+        const Status stopped = unit->session->stop();
+        unit->lastMove = unit->session->takeMoveEnd();
+        if (position != nullptr) *position = unit->lastMove ? unit->lastMove->result.position : unit->session->lastPosition();
+        return answer(stopped, message, size);
     });
 }
-
-void nkr_host_follow_free(nkr_host_follower* f) { delete f; }
-
-int nkr_host_means_gone(int ble, int code) { return meansGone(ble != 0 ? Link::Ble : Link::Usb, code) ? 1 : 0; }
 
 int nkr_host_settings_json(nkr_host_unit* unit, char* out, size_t size)
 {
     if (unit == nullptr) return -1;
     try {
         std::string text;
-        if (!unit->unit->hostSettings().readJson(unit->unit->key(), text).ok()) return -1;
+        if (!unit->unit().hostSettings().readJson(unit->unit().key(), text).ok()) return -1;
         if (out != nullptr && size > text.size()) writeText(text, out, size);
         return static_cast<int>(text.size());
     } catch (...) {
@@ -365,83 +424,27 @@ int nkr_host_settings_merge(nkr_host_unit* unit, const char* text, char* message
 {
     if (unit == nullptr || text == nullptr) return nullUnit(message, size);
     return guarded(message, size, [&] {
-        return answer(unit->unit->hostSettings().mergeJson(unit->unit->key(), text), message, size);
+        return answer(unit->unit().hostSettings().mergeJson(unit->unit().key(), text), message, size);
     });
 }
 
 int nkr_host_save_position(nkr_host_unit* unit, const char* name, long long position, char* message, size_t size)
 {
     if (unit == nullptr || name == nullptr) return nullUnit(message, size);
-    return guarded(message, size, [&] { return answer(unit->unit->savePosition(name, position), message, size); });
+    return guarded(message, size, [&] { return answer(unit->unit().savePosition(name, position), message, size); });
 }
 
 int nkr_host_remove_position(nkr_host_unit* unit, const char* name, char* message, size_t size)
 {
     if (unit == nullptr || name == nullptr) return nullUnit(message, size);
-    return guarded(message, size, [&] { return answer(unit->unit->removePosition(name), message, size); });
+    return guarded(message, size, [&] { return answer(unit->unit().removePosition(name), message, size); });
 }
 
 int nkr_host_named_position(nkr_host_unit* unit, const char* name, int* position, char* message, size_t size)
 {
     if (unit == nullptr || name == nullptr || position == nullptr) return nullUnit(message, size);
-    return guarded(message, size, [&] { return answer(unit->unit->namedPosition(name, *position), message, size); });
+    return guarded(message, size, [&] { return answer(unit->unit().namedPosition(name, *position), message, size); });
 }
-
-int nkr_host_move_planned(nkr_host_unit* unit, long long target, int timeout_ms, nkr_host_follower** follower,
-                          char* message, size_t size)
-{
-    if (unit == nullptr || follower == nullptr) return nullUnit(message, size);
-    *follower = nullptr;
-    return guarded(message, size, [&] {
-        FollowOptions options;
-        options.timeout = std::chrono::milliseconds(timeout_ms > 0 ? timeout_ms : 0);
-        std::unique_ptr<PlannedMove> move;
-        Status st = unit->unit->planMove(target, options, move);
-        if (st.ok()) st = move->start(MoveFollower::Clock::now());
-        if (!st.ok()) return answer(st, message, size);
-        *follower = new nkr_host_follower{nullptr, std::move(move)};
-        return answer(st, message, size);
-    });
-}
-
-nkr_host_tempcomp* nkr_host_tempcomp_new(nkr_host_unit* unit, const char* holder)
-{
-    if (unit == nullptr) return nullptr;
-    try {
-        return new nkr_host_tempcomp{TempCompRunner(*unit->unit, holder != nullptr ? holder : "a program")};
-    } catch (...) {
-        return nullptr;
-    }
-}
-
-int nkr_host_tempcomp_tick(nkr_host_tempcomp* t, char* log, size_t size)
-{
-    if (t == nullptr) return -1;
-    try {
-        std::vector<std::string> lines;
-        t->runner.tick(lines);
-        std::string text;
-        for (const std::string& line : lines) text += line + "\n";
-        writeText(text, log, size);
-        return static_cast<int>(t->runner.state());
-    } catch (...) {
-        return -1;
-    }
-}
-
-int nkr_host_tempcomp_describe(nkr_host_tempcomp* t, char* text, size_t size)
-{
-    if (t == nullptr) return -1;
-    try {
-        const std::string d = t->runner.describe();
-        writeText(d, text, size);
-        return static_cast<int>(d.size());
-    } catch (...) {
-        return -1;
-    }
-}
-
-void nkr_host_tempcomp_free(nkr_host_tempcomp* t) { delete t; }
 
 int nkr_host_fit_temperature(const double* temperatures, const double* positions, int count, double* coefficient,
                              double* r2, int* used, int* rejected, unsigned char* kept, char* message, size_t size)

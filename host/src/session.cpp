@@ -49,6 +49,11 @@ const char* unitStateName(UnitState state)
 
 std::string unitHolder(const std::string& unitKey) { return UnitClaim::holder(kHoldPurpose, unitKey); }
 
+std::string bluetoothHolder(const std::string& address)
+{
+    return address.empty() ? std::string() : UnitClaim::holder(kHoldPurpose, "ble-" + address);
+}
+
 Status heldElsewhere(const std::string& unitKey, const std::string& holder)
 {
     const std::string who = holder.empty() ? "another program" : holder;
@@ -152,6 +157,9 @@ Status Session::hold(std::unique_ptr<Unit>& unit, const Options& options, std::u
         unit = std::move(session->m_unit);
         return taken;
     }
+    const Identity& id = session->m_unit->identity();
+    if (id.link == Link::Ble && !id.bleAddress.empty() && id.key() != "ble-" + id.bleAddress)
+        session->m_addressClaim.take(kHoldPurpose, "ble-" + id.bleAddress, options.holder);
     session->m_unit->applyStoredMaximum();
     session->m_unit->maximum(session->m_appliedMaximum);
     session->m_unit->position(session->m_lastPosition);
@@ -166,6 +174,7 @@ Session::~Session()
     m_move.reset();
     m_unit.reset();  // closes as the unit was told to
     m_claim.release();
+    m_addressClaim.release();
 }
 
 UnitState Session::state(Clock::time_point now) const

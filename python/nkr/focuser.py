@@ -10,8 +10,8 @@ from types import TracebackType
 from typing import Any, Callable
 
 from . import _checks, _host, _library
-from ._records import (ALIAS_BYTES, BLE_NAME_BYTES, BLE_NAME_MAX_CHARS, NKR_ALL_INFO,
-                       NKR_BATTERY_INFO, NKR_BLE_NAME, NKR_CONTROL_CAPS, NKR_ERROR_MSG, NKR_ID, NKR_INFO,
+from ._records import (BLE_NAME_BYTES, BLE_NAME_MAX_CHARS, NKR_ALL_INFO,
+                       NKR_BATTERY_INFO, NKR_BLE_NAME, NKR_CONTROL_CAPS, NKR_ERROR_MSG, NKR_INFO,
                        NKR_SN, NKR_TYPE, text_of)
 from ._types import AllInfo, Approach, Battery, Control, FirmwareVersion, TempComp
 from .errors import MoveTimeoutError, NKRError, NotSupportedError, check, error_for
@@ -100,8 +100,11 @@ class Focuser:
 
     # ---- closing -------------------------------------------------------------------
     def close(self) -> None:
-        """Closes the unit: the SDK stops a running move and saves the position
-        and settings (USB), or disconnects (Bluetooth). Closing twice is harmless."""
+        """Closes the unit when this program held it (it moved it, synced it or
+        changed one of its settings): the SDK stops a running move and saves the
+        position and settings (USB), or disconnects (Bluetooth). A unit this
+        program only looked at is left as it was, so a move another program
+        runs goes on. Closing twice is harmless."""
         from . import _registry
         with self._close_lock:
             if not self._open:
@@ -122,6 +125,13 @@ class Focuser:
             self.close()
         except NKRError:
             pass
+
+    def _set(self, setting: str, value: int | bool | str) -> None:
+        """Writes a setting through the host layer's catalogue: a value outside
+        its range is refused with the range (BadSettingError, a ValueError),
+        never clamped. The unit's own settings take hold of the unit first."""
+        text = ("on" if value else "off") if isinstance(value, bool) else str(value)
+        _host.call("nkr_host_set_setting", self._handle, setting.encode(), text.encode("utf-8", "replace"))
 
     # ---- small read helpers --------------------------------------------------------------
     def _int(self, function: str) -> int:
@@ -162,79 +172,75 @@ class Focuser:
         self._range = self._int("NKRStepRange")
         return self._range
 
-    def _position_arg(self, name: str, value: Any) -> int:
-        number = _checks.integer(name, value)
-        high = self._range if self._range is not None else self.step_range
-        if not 0 <= number <= high:
-            raise ValueError(f"{name} must be in 0..{high} (the unit's step range), not {number}")
-        return number
-
     def move_to(self, position: int, wait: bool = True, timeout: float | None = None,
                 poll: float = DEFAULT_POLL) -> int | None:
         """Moves to an absolute position, within 0..max_step (the user's
         maximum every front-end keeps), ending from the final-approach side
-        when one is set (see ``approach``).
+        when one is set (see ``approach``). The first move takes hold of the
+        unit for this program: while another program (a server, the nkr tool)
+        holds it, moves are refused with UnitInUseError and nothing is sent.
+        The host library carries the move, final approach included, to its
+        end whether or not you wait.
 
         Args:
             position: target in steps.
-            wait: block until the motor stands (True), or return at once.
-            timeout: with wait, the longest wait in seconds; when it passes the
-                motor is stopped and MoveTimeoutError raised. None waits as long
-                as the move takes.
-            poll: seconds between the looks at the motor.
+            wait: block until the move has ended (True), or return at once.
+            timeout: the longest the move may take, in seconds; when it passes
+                the motor is stopped (and, waiting, MoveTimeoutError raised).
+                None lets the move take as long as it takes.
+            poll: seconds between the looks at the move while waiting.
 
         Returns:
             The position reached when waiting, else None.
 
         Raises:
             BeyondLimitError: the target is outside 0..max_step (never clamped).
+            UnitInUseError: another program holds the unit.
             MovingError: a move is already running.
+            MoveNotArrivedError: the move ended short of its target (stopped by
+                a person, another program, the hand controller or a limit).
             MoveTimeoutError: the move did not end within timeout.
-            KeyboardInterrupt: Ctrl-C once the move has started (while
-                waiting, or before the first look at it), after the motor was
-                stopped (if the stop itself fails, the error says so instead).
+            KeyboardInterrupt: Ctrl-C once the move has started, after the
+                motor was stopped (if the stop itself fails, the error says so
+                instead).
         """
         target = _checks.integer("position", position)
         wait = _checks.flag("wait", wait)
         limit = _checks.seconds("timeout", timeout)
         interval = _checks.seconds("poll", poll, allow_none=False) or DEFAULT_POLL
-        follower = c_void_p()
-        timeout_ms = int(limit * 1000) if limit else 0
+        timeout_ms = int(round(limit * 1000)) if limit else 0
         try:
-            _host.call("nkr_host_move_planned", self._handle, target, timeout_ms, byref(follower))
-            return self._follow(follower, target, interval) if wait else None
+            _host.call("nkr_host_move", self._handle, target, timeout_ms)
+            return self._follow(target, limit, interval) if wait else None
         except KeyboardInterrupt:
-            # Ctrl-C may land anywhere once the host started the move, even
-            # before the follow loop runs: the motor is stopped before
-            # anything else. A stop that fails is reported as failed, never
-            # passed off as a stop.
-            if follower.value:
-                self._interrupt(follower)
+            # Ctrl-C may land anywhere once the host started the move: the
+            # motor is stopped before anything else. A stop that fails is
+            # reported as failed, never passed off as a stop.
+            self._interrupt()
             raise
-        finally:
-            _host.load().nkr_host_follow_free(follower)
 
-    def _interrupt(self, follower: c_void_p) -> None:
+    def _interrupt(self) -> None:
         position = c_int(0)
         message = ctypes.create_string_buffer(1024)
-        stopped = _host.load().nkr_host_follow_interrupt(follower, byref(position), message, len(message))
+        stopped = _host.load().nkr_host_move_interrupt(self._handle, byref(position), message, len(message))
         if stopped != 0:
             raise error_for(stopped, "", message.value.decode("utf-8", "replace") +
                             "; the motor may still be moving") from None
 
-    def _follow(self, follower: c_void_p, target: int, interval: float) -> int:
-        """The host's follow loop, one look at a time, so that Ctrl-C is seen."""
+    def _follow(self, target: int, limit: float | None, interval: float) -> int:
+        """Looks at the move until it has ended, so that Ctrl-C is seen."""
         host = _host.load()
-        position, moving, percent, end, code = c_int(0), c_int(1), c_int(0), c_int(0), c_int(0)
+        position, percent, end, code = c_int(0), c_int(0), c_int(0), c_int(0)
         message = ctypes.create_string_buffer(1024)
-        while host.nkr_host_follow_poll(follower, byref(position), byref(moving), byref(percent), byref(end),
-                                        byref(code), message, len(message)) != 1:
+        while host.nkr_host_move_poll(self._handle, byref(position), byref(percent), byref(end), byref(code),
+                                      message, len(message)) == 0:
             time.sleep(interval)
-        text = message.value.decode("utf-8", "replace")
-        if end.value in (_host.REACHED, _host.STOPPED):
+        if code.value == 0:
             return position.value
+        text = message.value.decode("utf-8", "replace")
         if end.value == _host.TIMED_OUT:
-            raise MoveTimeoutError(text, position.value, target)
+            raise MoveTimeoutError(f"the move to {target} did not end within {limit:g} s; the motor was stopped "
+                                   f"at {position.value}" if limit else text, position.value, target)
         raise error_for(code.value, "", text or None)
 
     def move_by(self, steps: int, wait: bool = True, timeout: float | None = None,
@@ -248,7 +254,8 @@ class Focuser:
         return self.move_to(self.position + delta, wait=wait, timeout=timeout, poll=poll)
 
     def stop(self) -> None:
-        """Stops the motor."""
+        """Stops the motor. Never refused, whichever program holds the unit
+        (that program is told its move was stopped, and by whom)."""
         _host.call("nkr_host_stop", self._handle)
 
     def wait(self, timeout: float | None = None, poll: float = DEFAULT_POLL) -> bool:
@@ -272,7 +279,8 @@ class Focuser:
         return True
 
     def sync(self, position: int) -> None:
-        """Declares the current position to be ``position`` (0..step_range) without moving."""
+        """Declares the current position to be ``position`` (0..max_step) without
+        moving. Takes hold of the unit, as move_to does."""
         _host.call("nkr_host_sync", self._handle, _checks.integer("position", position))
 
     # ---- motor settings --------------------------------------------------------------------
@@ -292,7 +300,7 @@ class Focuser:
 
     @speed.setter
     def speed(self, value: int) -> None:
-        _call("NKRSetSpeed", self._id, _checks.integer("speed", value, 0, 0x7FFFFFFF))
+        self._set("speed", _checks.integer("speed", value))
 
     @property
     def max_step(self) -> int:
@@ -304,7 +312,7 @@ class Focuser:
 
     @max_step.setter
     def max_step(self, value: int) -> None:
-        _host.call("nkr_host_set_maximum", self._handle, _checks.integer("max_step", value))
+        self._set("max-step", _checks.integer("max_step", value))
 
     @property
     def backlash(self) -> int:
@@ -313,7 +321,7 @@ class Focuser:
 
     @backlash.setter
     def backlash(self, value: int) -> None:
-        _call("NKRSetBacklash", self._id, _checks.integer("backlash", value, 0, 255))
+        self._set("backlash", _checks.integer("backlash", value))
 
     @property
     def reverse(self) -> bool:
@@ -322,7 +330,7 @@ class Focuser:
 
     @reverse.setter
     def reverse(self, value: bool) -> None:
-        _call("NKRSetReverse", self._id, _checks.flag("reverse", value))
+        self._set("reverse", _checks.flag("reverse", value))
 
     @property
     def beep(self) -> bool:
@@ -331,7 +339,7 @@ class Focuser:
 
     @beep.setter
     def beep(self, value: bool) -> None:
-        _call("NKRSetBeep", self._id, _checks.flag("beep", value))
+        self._set("beep", _checks.flag("beep", value))
 
     @property
     def max_force(self) -> int:
@@ -340,7 +348,7 @@ class Focuser:
 
     @max_force.setter
     def max_force(self, value: int) -> None:
-        _call("NKRSetMaxForce", self._id, _checks.integer("max_force", value, 0, 15))
+        self._set("force", _checks.integer("max_force", value))
 
     # ---- identity ---------------------------------------------------------------------------
     @property
@@ -357,10 +365,9 @@ class Focuser:
 
     @alias.setter
     def alias(self, value: str) -> None:
-        raw = _checks.ascii_text("alias", value, ALIAS_BYTES)
-        record = NKR_ID()
-        ctypes.memmove(record.id, raw, len(raw))
-        _call("NKRSetID", self._id, record)
+        if not isinstance(value, str):
+            raise TypeError(f"alias must be a str, not {type(value).__name__}")
+        self._set("alias", value)
 
     @property
     def firmware(self) -> FirmwareVersion:
@@ -420,7 +427,7 @@ class Focuser:
 
     @led.setter
     def led(self, value: bool) -> None:
-        _call("NKRSetLedState", self._id, _checks.flag("led", value))
+        self._set("led", _checks.flag("led", value))
 
     @property
     def error_codes(self) -> tuple[str, str]:

@@ -91,7 +91,7 @@ def test_move_without_wait_then_wait_and_stop(focuser):
     assert focuser.moving
     with pytest.raises(nkr.MovingError) as refused:  # the SDK refuses a second move
         focuser.move_to(start)
-    assert refused.value.code == 5 and "starting the move" in str(refused.value)
+    assert refused.value.code == 5 and "already moving" in str(refused.value)
     assert focuser.wait(timeout=0.05) is False  # still going
     focuser.stop()
     assert focuser.wait(timeout=10) is True
@@ -116,7 +116,7 @@ def _ctrl_c_after_the_move_starts(monkeypatch):
 
     def call(function, *args):
         real_call(function, *args)
-        if function == "nkr_host_move_planned":
+        if function == "nkr_host_move":
             raise KeyboardInterrupt
 
     monkeypatch.setattr(nkr._host, "call", call)
@@ -186,8 +186,8 @@ def test_open_failures_map_to_sdk_errors(focuser):
 
 
 def test_a_unit_that_cannot_be_opened_is_listed_and_refused():
-    with nkr.open(OTHER_UNIT):
-        pass  # closed: the next open really opens it
+    with nkr.open(OTHER_UNIT) as held:
+        held.sync(held.position)  # held, so closed at the end: the next open really opens it
     control("refuse_open")(SIM_OTHER_USB_UNIT, True)
     try:
         listed = {u.id: u for u in nkr.units()}

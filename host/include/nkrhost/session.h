@@ -39,6 +39,9 @@ const char* unitStateName(UnitState state);  // "absent", "connecting", ...
 
 // The holder of a unit ("" when nobody holds it): "nkr-alpaca (focuser 0) (pid 12)".
 std::string unitHolder(const std::string& unitKey);
+// The holder of the Bluetooth unit at an address, known before connecting
+// to it (a held Bluetooth unit is also claimed by its address).
+std::string bluetoothHolder(const std::string& address);
 // The sentence that refuses a command to a program that does not hold the
 // unit, naming the holder and where to go instead.
 Status heldElsewhere(const std::string& unitKey, const std::string& holder);
@@ -142,6 +145,7 @@ private:
     std::unique_ptr<Unit> m_unit;
     Options m_options;
     UnitClaim m_claim;
+    UnitClaim m_addressClaim;  // a Bluetooth unit: also by its address
     std::unique_ptr<PlannedMove> m_move;
     std::chrono::system_clock::time_point m_moveBegun;
     std::optional<MoveReport> m_moveEnd;

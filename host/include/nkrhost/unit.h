@@ -114,6 +114,7 @@ public:
     // the back-off says when to try next.
     Status reconnect();
     Backoff& backoff() { return m_backoff; }
+    const Backoff& backoff() const { return m_backoff; }
 
     // Gives the unit back the maximum the user chose in the host settings
     // (it may have lost power, or been set by another program). A write:
