@@ -12,6 +12,7 @@
 #include "errors.h"
 #include "output.h"
 #include "report.h"
+#include "saved_store.h"
 #include "session.h"
 #include "unit_info.h"
 
@@ -117,6 +118,24 @@ void addHostSettings(Report& r, UnitSession& unit)
     r.add("positions", "named positions", positions, names.empty() ? "none" : names);
 }
 
+// The library's store of the position a unit trusts at power-up: where it
+// is and who may change it (the library shares it with every local account
+// on purpose; the README's security notes say how to narrow that).
+void addSavedStore(Report& r)
+{
+    const SavedStore s = savedStore();
+    r.section("saved_record", "The library's saved record (restored at power-up)");
+    r.add("file", "file", s.file.empty() ? Json() : Json(s.file),
+          s.file.empty() ? "no home folder" : s.file + (s.fileExists ? "  " + modeText(s.fileMode, false) : "  (not written yet)"));
+    r.add("folder", "folder", s.folder.empty() ? Json() : Json(s.folder),
+          s.folder.empty() ? "no home folder"
+                           : s.folder + (s.folderExists ? "  " + modeText(s.folderMode, true) : "  (not made yet)"));
+    r.add("others_may_change", "other accounts",
+          s.othersMayChange, s.othersMayChange ? "may change it (see the README's security notes)" : "cannot change it");
+    r.add("file_mode", "", s.fileExists ? Json(octalMode(s.fileMode)) : Json(), "");
+    r.add("folder_mode", "", s.folderExists ? Json(octalMode(s.folderMode)) : Json(), "");
+}
+
 void addBattery(Report& r, int id, const Controls& controls)
 {
     if (!controls.has(kFeatureBattery)) {
@@ -197,6 +216,7 @@ int runInfo(const InfoOptions& options, const GlobalOptions& globals)
     addStatus(r, unit.id(), st);
     addSettings(r, unit, controls);
     addHostSettings(r, unit);
+    addSavedStore(r);
     addBattery(r, unit.id(), controls);
     addDiagnostics(r, unit.id(), controls);
 
