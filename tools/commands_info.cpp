@@ -241,7 +241,8 @@ Command addInfoCommand(CLI::App& app, const GlobalOptions& globals)
         "Show everything one unit reports: identity (name, alias, firmware, type, serial), "
         "position and motion, settings (maximum, step range, backlash, beep, reverse, force, "
         "LED), temperature, its optional features, and on battery models the battery, error "
-        "codes and last power-off reason. Values the unit cannot give are shown as "
+        "codes and last power-off reason; then where the library keeps the position it restores "
+        "at power-up, with the modes of that file and folder. Values the unit cannot give are shown as "
         "\"not supported\" or \"unavailable\".");
     sub->add_option("ID", options->id, kUnitIdHelp);
     sub->footer("Examples:\n  nkr info 0\n  nkr --ble \"NKR Pro_A1B2\" info\n  nkr --json info 0");
