@@ -573,7 +573,9 @@ class Focuser:
     @property
     def approach(self) -> Approach:
         """Final approach: every move ends coming from one side (direction +1
-        outward, -1 inward), past the target by ``overshoot`` steps and back."""
+        outward, -1 inward), past the target by ``overshoot`` steps and back.
+        Set an Approach (``nkr.Approach(direction="out", overshoot=200)``), or
+        a dict of the fields to change (direction also "out" or "in")."""
         a = self._settings()["approach"]
         return Approach(enabled=bool(a["enabled"]), direction=int(a["direction"]), overshoot=int(a["overshoot"]))
 
