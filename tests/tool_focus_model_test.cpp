@@ -124,6 +124,7 @@ TEST_F(ToolTest, ToolInfoShowsTheSavedRecordAndWhoMayChangeIt)
     // Other accounts may change it once they can pass every folder above it
     // (here only the test's own folders need opening).
     const std::string top = std::getenv("HOME");
+    ASSERT_EQ(top.rfind("/tmp/nkr-test-home-", 0), 0u) << "only the test's own folders are opened";
     for (std::string dir = folder.substr(0, folder.rfind('/')); dir.size() >= top.size(); dir = dir.substr(0, dir.rfind('/')))
         ASSERT_EQ(chmod(dir.c_str(), 0711), 0) << dir;
     EXPECT_EQ(jsonRaw(saved(), "others_may_change"), "true");
