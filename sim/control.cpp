@@ -170,25 +170,32 @@ bool inUpdateMode(UnitId unit)
 
 }  // namespace nkrsim
 
+namespace {
+// The id of the unit with this serial number (hex), Bluetooth name or id; -1 for none.
+int unitNamed(const std::string& wanted)
+{
+    auto guard = nkrsim::detail::lockWorld();
+    int found = -1;
+    for (auto& [id, u] : nkrsim::detail::world().units) {
+        std::string serial;
+        char hex[3];
+        for (uint8_t b : u->st.serial) {
+            std::snprintf(hex, sizeof hex, "%02X", b);
+            serial += hex;
+        }
+        if (wanted == serial || wanted == u->bleName || wanted == std::to_string(id)) found = id;
+    }
+    return found;
+}
+}  // namespace
+
 extern "C" int nkr_sim_set_temperature(const char* unit, double celsius, double perHour, int hasUntil, double until,
                                        char* message, size_t size)
 {
     std::string error;
     try {
         const std::string wanted = unit != nullptr ? unit : "";
-        int found = -1;
-        {
-            auto guard = nkrsim::detail::lockWorld();
-            for (auto& [id, u] : nkrsim::detail::world().units) {
-                std::string serial;
-                char hex[3];
-                for (uint8_t b : u->st.serial) {
-                    std::snprintf(hex, sizeof hex, "%02X", b);
-                    serial += hex;
-                }
-                if (wanted == serial || wanted == u->bleName || wanted == std::to_string(id)) found = id;
-            }
-        }
+        const int found = unitNamed(wanted);
         if (found < 0)
             error = "no simulated unit is '" + wanted + "'";
         else if (celsius < -100 || celsius > 150)
@@ -204,6 +211,22 @@ extern "C" int nkr_sim_set_temperature(const char* unit, double celsius, double 
         message[n] = '\0';
     }
     return error.empty() ? 1 : 0;
+}
+
+extern "C" int nkr_sim_power_on_state(const char* unit, int* powerOnPosition, int* stepsSincePowerOn)
+{
+    try {
+        const int found = unitNamed(unit != nullptr ? unit : "");
+        if (found < 0) return 0;
+        auto guard = nkrsim::detail::lockWorld();
+        const nkrsim::detail::Unit* u = nkrsim::detail::findUnit(found);
+        if (u == nullptr) return 0;
+        if (powerOnPosition != nullptr) *powerOnPosition = u->spec.position;
+        if (stepsSincePowerOn != nullptr) *stepsSincePowerOn = u->stepsMoved;
+        return 1;
+    } catch (...) {
+        return 0;
+    }
 }
 
 extern "C" int nkr_sim_set_ble_length(const char* spec)

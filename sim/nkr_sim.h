@@ -222,3 +222,7 @@ extern "C" int nkr_sim_forget_state(char* message, size_t size);
 extern "C" int nkr_sim_set_ble_length(const char* spec);
 extern "C" int nkr_sim_set_temperature(const char* unit, double celsius, double perHour, int hasUntil, double until,
                                        char* message, size_t size);
+// What a unit has done since it last powered up (plugged in, restarted, or a
+// fresh world): the position its firmware powers up at, and the steps the
+// motor has moved since. 1 when the unit (named as above) exists.
+extern "C" int nkr_sim_power_on_state(const char* unit, int* powerOnPosition, int* stepsSincePowerOn);

@@ -48,7 +48,8 @@ TEST_F(ToolTest, ToolCommandLineErrorsHaveOneFormAndStayShort)
         const char* args;
         const char* says;
     } wrong[] = {
-        {"watch 1 --count -1", "--count: must be a whole number from 0 to 1000000 (got '-1')"},
+        {"watch 1 --count -1", "--count: must be a whole number from 1 to 1000000 (got '-1')"},
+        {"watch 1 --count 0", "--count: must be a whole number from 1 to 1000000 (got '0')"},
         {"wait 1 --timeout abc", "--timeout: must be a number of seconds from 0 to 86400 (got 'abc')"},
         {"info 0 1 2", "unexpected arguments '1', '2'"},
         {"--bogus", "unknown option '--bogus'"},

@@ -160,12 +160,21 @@ TEST_F(ToolTest, ToolDemoRunsToItsSummary)
     EXPECT_NE(r.out.find("Summary: 3 units found"), std::string::npos) << r.out;
     EXPECT_NE(r.out.find("battery 87 %"), std::string::npos);
     EXPECT_NE(r.out.find("position kept after reopening"), std::string::npos);
+    // A fresh world: the unit has just powered up, with nothing saved to restore.
+    EXPECT_NE(r.out.find("the unit powered up at 30000 and has not moved since; it stands at its power-on "
+                         "position, nothing was restored"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("moved 30000 -> 34000 (after a power-up at 30000)"), std::string::npos) << r.out;
 
-    // Demo needs the simulator and selects it by itself.
+    // Demo needs the simulator and selects it by itself. The world outlives
+    // the first run: the second finds the unit where it was left, with no
+    // power-up, and says so instead of telling of one.
     ToolRun json = runTool("", "--json demo");
     ASSERT_EQ(json.status, 0) << json.err;
     ASSERT_EQ(json.lines().size(), 1u);
     EXPECT_EQ(jsonRaw(json.out, "ok"), "true");
+    EXPECT_NE(json.out.find("\"start\":34000"), std::string::npos) << json.out;
+    EXPECT_NE(json.out.find("\"power_up\":{\"seen\":false,\"restored\":false"), std::string::npos) << json.out;
+    EXPECT_NE(json.out.find("no power-up: the world was kept from an earlier run"), std::string::npos) << json.out;
 }
 
 }  // namespace

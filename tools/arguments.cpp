@@ -14,9 +14,10 @@ namespace nkrtool {
 
 std::vector<std::string> givenArgs(std::initializer_list<std::string> texts)
 {
-    std::vector<std::string> args;
-    for (const std::string& text : texts)
-        if (!text.empty()) args.push_back(text);
+    // Only the trailing ones that were left out are dropped: an empty text
+    // typed before others ("" 100) stays, so it is named as what is missing.
+    std::vector<std::string> args(texts);
+    while (!args.empty() && args.back().empty()) args.pop_back();
     return args;
 }
 

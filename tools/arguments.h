@@ -9,8 +9,9 @@
 
 namespace nkrtool {
 
-// The positional texts that were given, in order. With --ble the ID is left
-// out, so the text in the ID position is then the command's next argument.
+// The positional texts that were given, in order, without the ones left out
+// at the end. With --ble the ID is left out, so the text in the ID position
+// is then the command's next argument.
 std::vector<std::string> givenArgs(std::initializer_list<std::string> texts);
 
 // A whole decimal number, with an optional leading sign. Throws a usage

@@ -1,6 +1,7 @@
 // nkr demo: a guided tour of the SDK on the simulated units. It needs no
 // input, touches no real hardware and takes a few seconds.
 #include <NKR_focuser.h>
+#include <dlfcn.h>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -97,8 +98,49 @@ std::vector<FoundUnit> findUnits(Tour& tour, std::vector<nkrhost::SeenUnit>& ble
     return usb;
 }
 
-// Where a focuser reports itself after power-up.
-constexpr int kPowerOnPosition = 30000;
+// What a unit did since it last powered up, as the simulator knows it, so
+// the tour tells what happened in this world rather than what usually does:
+// the simulated world outlives each run, so a second run finds the units
+// where the first left them, with no power-up at all.
+struct PowerUp {
+    bool known = false;     // the simulator could say
+    bool seen = false;      // the unit has not moved since it powered up
+    bool restored = false;  // ... and opening it put back the position saved at its last close
+    int powerOnPosition = 0;
+};
+
+PowerUp powerUpOf(const Identity& ident, int position)
+{
+    using PowerOnState = int (*)(const char*, int*, int*);
+    auto query = reinterpret_cast<PowerOnState>(dlsym(RTLD_DEFAULT, "nkr_sim_power_on_state"));
+    PowerUp p;
+    int moved = 0;
+    if (query == nullptr || ident.serial.empty() || query(ident.serial.c_str(), &p.powerOnPosition, &moved) == 0)
+        return p;
+    p.known = true;
+    p.seen = moved == 0;
+    p.restored = p.seen && position != p.powerOnPosition;
+    return p;
+}
+
+std::string powerUpStory(const PowerUp& p, int position)
+{
+    if (!p.known) return "";
+    if (!p.seen)
+        return "no power-up: the unit has been on since an earlier run moved it (the simulated world "
+               "persists; nkr --simulate reset powers it up afresh), so nothing was restored";
+    if (p.restored)
+        return "the unit powered up at " + std::to_string(p.powerOnPosition) + " and has not moved since; NKROpen "
+               "restored " + std::to_string(position) + ", the position saved at its last close";
+    return "the unit powered up at " + std::to_string(p.powerOnPosition) +
+           " and has not moved since; it stands at its power-on position, nothing was restored";
+}
+
+Json powerUpJson(const PowerUp& p)
+{
+    if (!p.known) return Json();
+    return Json::object().set("seen", p.seen).set("restored", p.restored).set("power_on_position", p.powerOnPosition);
+}
 
 void showOlderUnit(Tour& tour, const FoundUnit& unit)
 {
@@ -111,29 +153,31 @@ void showOlderUnit(Tour& tour, const FoundUnit& unit)
     tour.note("unit " + std::to_string(unit.id) + ": " + unit.ident.name + ", firmware " + firmwareOf(unit.ident) +
               ", step range 0.." + std::to_string(unit.ident.stepRange));
     tour.note("position " + std::to_string(st.position) + ", temperature " + formatFixed(st.temperature, 2) + degreesC());
-    // Simulated units power up at 30000, like real ones; anything else is the
-    // position the library restored from the last session's close.
-    if (st.position != kPowerOnPosition)
-        tour.note("the unit powered up at " + std::to_string(kPowerOnPosition) +
-                  "; NKROpen restored the position saved by the last run's close");
+    const PowerUp power = powerUpOf(unit.ident, st.position);
+    if (power.known) tour.note(powerUpStory(power, st.position));
     tour.note("optional features: " + (features.empty() ? std::string("none") : features));
     tour.record("info", Json::object()
                             .set("id", unit.id)
                             .set("firmware", firmwareOf(unit.ident))
                             .set("position", st.position)
                             .set("temperature", st.temperature)
+                            .set("power_up", powerUpJson(power))
                             .set("controls", controlsJson(controls)));
 }
 
 struct MoveOutcome {
     int start = 0, target = 0, position = 0;
+    PowerUp power;
 };
 
-MoveOutcome moveUnit(Tour& tour, UnitSession& session)
+MoveOutcome moveUnit(Tour& tour, UnitSession& session, const Identity& ident)
 {
     tour.chapter("Moving the newer unit (NKRMove, then NKRIsMoving / NKRGetPosition until it stops)");
     MoveOutcome m;
     m.start = readInt(NKRGetPosition, session.id(), "reading the position");
+    m.power = powerUpOf(ident, m.start);
+    tour.note("position on opening: " + std::to_string(m.start));
+    if (m.power.known) tour.note(powerUpStory(m.power, m.start));
     int range = 0;
     fail(session.unit().maximum(range));
     // Alternate directions between runs so the unit stays near the middle.
@@ -145,7 +189,12 @@ MoveOutcome moveUnit(Tour& tour, UnitSession& session)
     m.position = r.position;
     tour.note(m.position == m.target ? "reached " + std::to_string(m.position)
                                      : "stopped at " + std::to_string(m.position));
-    tour.record("move", Json::object().set("id", session.id()).set("start", m.start).set("target", m.target).set("position", m.position));
+    tour.record("move", Json::object()
+                            .set("id", session.id())
+                            .set("start", m.start)
+                            .set("power_up", powerUpJson(m.power))
+                            .set("target", m.target)
+                            .set("position", m.position));
     return m;
 }
 
@@ -251,7 +300,7 @@ int runDemo()
     bool kept = false;
     {
         UnitSession session(UnitTarget{std::to_string(newer.id)});
-        move = moveUnit(tour, session);
+        move = moveUnit(tour, session, newer.ident);
         original = changeSettings(tour, session);
         int battery = readSensors(tour, usb, ble, session.id());
         kept = reopenKeepsPosition(tour, session, original);
@@ -260,6 +309,12 @@ int runDemo()
                               std::to_string(usb.size()) + " USB, " + std::to_string(ble.size()) +
                               " Bluetooth); unit " + std::to_string(newer.id) + " moved " +
                               std::to_string(move.start) + " -> " + std::to_string(move.position) +
+                              (!move.power.known ? std::string()
+                               : !move.power.seen ? std::string(" (no power-up: the world was kept from an earlier run)")
+                               : move.power.restored ? " (after a power-up; its saved position " +
+                                                           std::to_string(move.start) + " was restored)"
+                                                     : std::string(" (after a power-up at ") +
+                                                           std::to_string(move.power.powerOnPosition) + ")") +
                               "; settings changed, read back and restored; battery " +
                               (battery >= 0 ? std::to_string(battery) + " %" : std::string("not read")) +
                               "; position " + (kept ? "kept" : "NOT kept") + " after reopening.";

@@ -23,7 +23,7 @@ namespace nkrtool {
 namespace {
 
 struct TempCompOptions {
-    std::vector<std::string> args;  // ID, then on|off|status|fit FILE
+    std::string id, what, file;  // ID, then on|off|status|fit FILE
     bool follow = false;
     bool save = false;
     std::string plot;
@@ -32,13 +32,17 @@ struct TempCompOptions {
 
 std::string fixed(double v, int decimals) { return formatFixed(v, decimals); }
 
+// compensated_by: the program compensating the unit now; stopping_in: one
+// that still holds it after compensation was switched off, until its next look.
 Json tempCompJson(const nkrhost::UnitSettings& s, const std::string& holder)
 {
+    const bool on = s.tempComp.enabled;
     return Json::object()
-        .set("enabled", s.tempComp.enabled)
+        .set("enabled", on)
         .set("coefficient", s.tempComp.coefficient)
         .set("deadband", s.tempComp.deadband)
-        .set("compensated_by", holder.empty() ? Json() : Json(holder));
+        .set("compensated_by", holder.empty() || !on ? Json() : Json(holder))
+        .set("stopping_in", holder.empty() || on ? Json() : Json(holder));
 }
 
 int showStatus(UnitSession& unit)
@@ -53,7 +57,9 @@ int showStatus(UnitSession& unit)
     sayField("compensation", onOff(s.tempComp.enabled));
     sayField("coefficient", fixed(s.tempComp.coefficient, 2) + " steps per" + degreesC());
     sayField("dead band", fixed(s.tempComp.deadband, 2) + degreesC());
-    if (!holder.empty())
+    if (!holder.empty() && !s.tempComp.enabled)
+        sayField("stopping in", holder + " (it has not yet seen that compensation is off; it stops at its next look)");
+    else if (!holder.empty())
         sayField("compensated by", holder);
     else if (s.tempComp.enabled)
         sayField("compensated by", "no program now: run nkr tempcomp ID --follow, or the Alpaca server or "
@@ -161,9 +167,10 @@ int fit(const std::string& id, const std::string& file, const TempCompOptions& o
         return kExitOk;
     }
     sayField("coefficient", fixed(result.coefficient, 2) + " steps per" + degreesC());
-    sayField("R\u00B2", fixed(result.r2, 3));
+    sayField(symbol("R\u00B2", "R2"), fixed(result.r2, 3));
     sayField("runs used", std::to_string(result.used));
-    sayField("runs rejected", std::to_string(result.rejected) + (bad > 0 ? " (and " + std::to_string(bad) + " unreadable lines)" : ""));
+    sayField("runs rejected", std::to_string(result.rejected));
+    if (bad > 0) sayField("lines unreadable", std::to_string(bad) + " (their values are not numbers)");
     sayField("plot", plot);
     if (!jsonMode()) std::fputs(nkrhost::fitPlotText(rows, result, std::min(60, terminalColumns() - 12), 12).c_str(), stdout);
     say(options.save ? paint(Colour::Green, "The coefficient is saved for the unit.")
@@ -173,7 +180,7 @@ int fit(const std::string& id, const std::string& file, const TempCompOptions& o
 
 int runTempComp(const TempCompOptions& options, const GlobalOptions& globals)
 {
-    std::vector<std::string> args = options.args;
+    std::vector<std::string> args = givenArgs({options.id, options.what, options.file});
     UnitTarget target = takeTarget(args, globals.ble, globals.bleScanSeconds);
     if (!args.empty() && args.front() == "fit") {
         if (args.size() != 2) usageError("fit takes one file: nkr tempcomp ID fit FILE.csv");
@@ -195,30 +202,40 @@ int runTempComp(const TempCompOptions& options, const GlobalOptions& globals)
 }
 
 struct PositionsOptions {
-    std::vector<std::string> args;  // ID [add NAME [POSITION] | remove NAME]
+    std::string id, verb, name, position;  // ID [list | add NAME [POSITION] | remove NAME]
 };
+
+const char* const kPositionsUsage =
+    "positions takes: ID [list], ID add NAME [POSITION | +N | -N], or ID remove NAME";
+
+// Where "add NAME [POSITION]" puts the name: the current position, a
+// position, or +N / -N steps from the current one, as for move and sync.
+long long positionToSave(UnitSession& unit, const std::vector<std::string>& args)
+{
+    int current = 0;
+    if (args.size() == 2 || args[2][0] == '+' || args[2][0] == '-') fail(unit.unit().position(current));
+    if (args.size() == 2) return current;
+    bool relative = false;
+    return parseStepTarget(args[2], current, relative);
+}
 
 int runPositions(const PositionsOptions& options, const GlobalOptions& globals)
 {
-    std::vector<std::string> args = options.args;
+    std::vector<std::string> args = givenArgs({options.id, options.verb, options.name, options.position});
     UnitTarget target = takeTarget(args, globals.ble, globals.bleScanSeconds);
+    const std::string verb = args.empty() ? "list" : args.front();
+    const bool adding = verb == "add" && (args.size() == 2 || args.size() == 3);
+    if (!adding && !(verb == "remove" && args.size() == 2) && !(verb == "list" && args.size() <= 1))
+        usageError(kPositionsUsage);
+    if (adding && args.size() == 3) parseNumber(args[2], "position");  // refused before the unit is opened
     UnitSession unit(target, UnitSession::Access::ReadOnly);
-    if (!args.empty()) {
-        const std::string verb = args.front();
-        if (verb == "add" && (args.size() == 2 || args.size() == 3)) {
-            int position = 0;
-            if (args.size() == 3)
-                position = static_cast<int>(std::clamp<long long>(parseNumber(args[2], "position"), -1, 100000000));
-            else
-                fail(unit.unit().position(position));
-            fail(unit.unit().savePosition(args[1], position));
-            if (!jsonMode()) say("Saved '" + args[1] + "' = " + std::to_string(position) + " for " + unit.label() + ".");
-        } else if (verb == "remove" && args.size() == 2) {
-            fail(unit.unit().removePosition(args[1]));
-            if (!jsonMode()) say("Removed '" + args[1] + "' from " + unit.label() + ".");
-        } else {
-            usageError("positions takes: ID, ID add NAME [POSITION], or ID remove NAME");
-        }
+    if (adding) {
+        const long long position = positionToSave(unit, args);
+        fail(unit.unit().savePosition(args[1], position));
+        if (!jsonMode()) say("Saved '" + args[1] + "' = " + std::to_string(position) + " for " + unit.label() + ".");
+    } else if (verb == "remove") {
+        fail(unit.unit().removePosition(args[1]));
+        if (!jsonMode()) say("Removed '" + args[1] + "' from " + unit.label() + ".");
     }
     std::map<std::string, int> all;
     fail(unit.unit().namedPositions(all));
@@ -226,7 +243,7 @@ int runPositions(const PositionsOptions& options, const GlobalOptions& globals)
         Json list = Json::object();
         for (const auto& [name, value] : all) list.set(name, value);
         emitJson(Json::object().set("id", unit.id()).set("positions", list));
-    } else if (args.empty()) {
+    } else if (verb == "list") {
         if (all.empty()) say("No named positions for " + unit.label() + " (add one with: nkr positions ID add NAME [POSITION]).");
         for (const auto& [name, value] : all) sayField(name, std::to_string(value));
     }
@@ -273,7 +290,9 @@ Command addTempCompCommand(CLI::App& app, const GlobalOptions& globals)
         "moves it by coefficient x (T - T_ref) whenever the smoothed temperature has moved past the "
         "dead band. Set the coefficient and dead band with nkr set ID temp-coefficient=S "
         "temp-deadband=D.");
-    sub->add_option("ARGS", options->args, "ID, then on, off, status or fit FILE.csv");
+    sub->add_option("ID", options->id, kUnitIdHelp);
+    sub->add_option("ACTION", options->what, "on, off, status (the default) or fit");
+    sub->add_option("FILE", options->file, "With fit: the CSV file of focus runs");
     sub->add_flag("--follow", options->follow, "Run the compensation here until Ctrl-C");
     sub->add_flag("--save", options->save, "With fit: store the fitted coefficient for the unit");
     sub->add_option("--plot", options->plot, "With fit: where to write the SVG plot (default FILE-fit.svg)")
@@ -289,10 +308,15 @@ Command addPositionsCommand(CLI::App& app, const GlobalOptions& globals)
     CLI::App* sub = app.add_subcommand(
         "positions",
         "Named positions of a unit (kept in the host settings, shared with every front-end): list "
-        "them, add one (at the current position, or at POSITION), or remove one. Move to one with "
-        "nkr goto ID NAME.");
-    sub->add_option("ARGS", options->args, "ID [add NAME [POSITION] | remove NAME]");
-    sub->footer("Examples:\n  nkr positions 0\n  nkr positions 0 add Ha 31200\n  nkr positions 0 remove Ha");
+        "them, add one (at the current position, at POSITION, or +N / -N steps from the current "
+        "one, as in move), or remove one. Move to one with nkr goto ID NAME.");
+    sub->add_option("ID", options->id, kUnitIdHelp);
+    sub->add_option("ACTION", options->verb, "list (the default), add or remove");
+    sub->add_option("NAME", options->name, "The position's name");
+    sub->add_option("POSITION", options->position,
+                    "With add: a position, or +N / -N steps from the current one (default: the current one)");
+    sub->footer("Examples:\n  nkr positions 0\n  nkr positions 0 add Ha 31200\n  nkr positions 0 add OIII +150\n"
+                "  nkr positions 0 remove Ha");
     return {sub, [options, &globals] { return runPositions(*options, globals); }, false};
 }
 

@@ -12,6 +12,7 @@
 #include "errors.h"
 #include "output.h"
 #include "report.h"
+#include "saved_store.h"
 #include "session.h"
 #include "unit_info.h"
 
@@ -117,6 +118,24 @@ void addHostSettings(Report& r, UnitSession& unit)
     r.add("positions", "named positions", positions, names.empty() ? "none" : names);
 }
 
+// The library's store of the position a unit trusts at power-up: where it
+// is and who may change it (the library shares it with every local account
+// on purpose; the README's security notes say how to narrow that).
+void addSavedStore(Report& r)
+{
+    const SavedStore s = savedStore();
+    r.section("saved_record", "The library's saved record (restored at power-up)");
+    r.add("file", "file", s.file.empty() ? Json() : Json(s.file),
+          s.file.empty() ? "no home folder" : s.file + (s.fileExists ? "  " + modeText(s.fileMode, false) : "  (not written yet)"));
+    r.add("folder", "folder", s.folder.empty() ? Json() : Json(s.folder),
+          s.folder.empty() ? "no home folder"
+                           : s.folder + (s.folderExists ? "  " + modeText(s.folderMode, true) : "  (not made yet)"));
+    r.add("others_may_change", "other accounts",
+          s.othersMayChange, s.othersMayChange ? "may change it (see the README's security notes)" : "cannot change it");
+    r.add("file_mode", "", s.fileExists ? Json(octalMode(s.fileMode)) : Json(), "");
+    r.add("folder_mode", "", s.folderExists ? Json(octalMode(s.folderMode)) : Json(), "");
+}
+
 void addBattery(Report& r, int id, const Controls& controls)
 {
     if (!controls.has(kFeatureBattery)) {
@@ -197,6 +216,7 @@ int runInfo(const InfoOptions& options, const GlobalOptions& globals)
     addStatus(r, unit.id(), st);
     addSettings(r, unit, controls);
     addHostSettings(r, unit);
+    addSavedStore(r);
     addBattery(r, unit.id(), controls);
     addDiagnostics(r, unit.id(), controls);
 
@@ -221,7 +241,8 @@ Command addInfoCommand(CLI::App& app, const GlobalOptions& globals)
         "Show everything one unit reports: identity (name, alias, firmware, type, serial), "
         "position and motion, settings (maximum, step range, backlash, beep, reverse, force, "
         "LED), temperature, its optional features, and on battery models the battery, error "
-        "codes and last power-off reason. Values the unit cannot give are shown as "
+        "codes and last power-off reason; then where the library keeps the position it restores "
+        "at power-up, with the modes of that file and folder. Values the unit cannot give are shown as "
         "\"not supported\" or \"unavailable\".");
     sub->add_option("ID", options->id, kUnitIdHelp);
     sub->footer("Examples:\n  nkr info 0\n  nkr --ble \"NKR Pro_A1B2\" info\n  nkr --json info 0");

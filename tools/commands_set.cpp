@@ -92,8 +92,9 @@ void refuseUnsupported(const std::vector<Change>& changes, UnitSession& unit)
 
 int runSet(const SetOptions& options, const GlobalOptions& globals)
 {
-    std::vector<std::string> args = givenArgs({options.id});
-    args.insert(args.end(), options.assignments.begin(), options.assignments.end());
+    std::vector<std::string> args = options.assignments;
+    // An empty ID typed before the settings stays, so it is named as the missing unit.
+    if (!options.id.empty() || !args.empty()) args.insert(args.begin(), options.id);
     UnitTarget target = takeTarget(args, globals.ble, globals.bleScanSeconds);
     if (args.empty()) usageError("nothing to set: give NAME=VALUE, for example backlash=20");
     std::vector<Change> changes;

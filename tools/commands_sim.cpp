@@ -17,7 +17,7 @@ namespace nkrtool {
 namespace {
 
 struct SimOptions {
-    std::vector<std::string> args;  // temperature ID CELSIUS
+    std::string what, id, celsius;  // temperature ID CELSIUS
     double drift = 0;
     double until = 0;
     bool hasUntil = false;
@@ -26,7 +26,7 @@ struct SimOptions {
 int runSim(const SimOptions& options)
 {
     if (!nkrhost::simulationActive()) usageError("sim changes the simulated units; run it as nkr --simulate sim ...");
-    const std::vector<std::string>& a = options.args;
+    const std::vector<std::string> a = givenArgs({options.what, options.id, options.celsius});
     if (a.size() != 3 || a[0] != "temperature")
         usageError("sim takes: temperature ID CELSIUS [--drift DEGREES-PER-HOUR] [--until CELSIUS]");
     char* end = nullptr;
@@ -72,7 +72,10 @@ Command addSimCommand(CLI::App& app, const GlobalOptions&)
         "Change the simulated world every simulated front-end shares (implies --simulate): "
         "'temperature ID CELSIUS' sets a unit's temperature; --drift makes it change by that many "
         "degrees an hour (negative: a night's cooling), --until holds it there.");
-    sub->add_option("ARGS", options->args, "temperature ID CELSIUS");
+    // One positional each, so that "--" before a negative temperature works as in move.
+    sub->add_option("WHAT", options->what, "temperature (the one thing to change so far)");
+    sub->add_option("ID", options->id, kUnitIdHelp);
+    sub->add_option("CELSIUS", options->celsius, "The temperature in degrees Celsius");
     sub->add_option("--drift", options->drift, "Degrees Celsius an hour, negative to cool")
         ->type_name("DEGREES")
         ->check(numberIn(-100, 100, false, "degrees an hour"));

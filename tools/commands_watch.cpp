@@ -19,7 +19,7 @@ namespace {
 
 struct WatchOptions {
     std::string id;
-    int count = 0;  // 0: until Ctrl-C
+    int count = 0;  // 0 (left out): until Ctrl-C
     int intervalMs = 250;
 };
 
@@ -91,9 +91,10 @@ Command addWatchCommand(CLI::App& app, const GlobalOptions& globals)
         "refreshed about four times a second until Ctrl-C. In JSON mode, or when output is "
         "not a terminal, each update is printed on a line of its own.");
     sub->add_option("ID", options->id, kUnitIdHelp);
-    sub->add_option("--count", options->count, "Stop after this many updates (0: until Ctrl-C)")
+    // 0 is refused rather than read as "never stop": leaving --count out is how to watch until Ctrl-C.
+    sub->add_option("--count", options->count, "Stop after this many updates (without it: until Ctrl-C)")
         ->type_name("N")
-        ->check(numberIn(0, 1000000, true));
+        ->check(numberIn(1, 1000000, true));
     sub->add_option("--interval", options->intervalMs, "Milliseconds between updates")
         ->type_name("MS")
         ->check(numberIn(50, 60000, true, "milliseconds"));

@@ -80,7 +80,9 @@ std::string manPage(const CLI::App& app, const std::string& version)
            "$XDG_STATE_HOME/nkr\\-sim (default ~/.local/state/nkr\\-sim) unless \\-\\-real\\-home is given.\n";
     out += ".SH FILES\n"
            ".TP\n.B ~/.HTX/NKRconfig.xml\nSaved position and settings, written when a unit is closed "
-           "by a command that changes something.\n"
+           "by a command that changes something. The library makes the folder drwxrwxrwx and the file "
+           "\\-rw\\-rw\\-rw\\- on purpose, one store for every local account; nkr info shows both modes, and a "
+           "folder made narrower beforehand (install \\-d \\-m 0700 ~/.HTX) is kept as it is.\n"
            ".TP\n.B /tmp/htx/log/nkr_sdk/\nThe library's diagnostic log (see \\-\\-log\\-dir and \\-v).\n";
     return out;
 }

@@ -198,7 +198,8 @@ void say(const std::string& line)
 void sayField(const std::string& label, const std::string& value)
 {
     std::string padded = "  " + label + " ";
-    while (padded.size() < static_cast<size_t>(kLabelWidth)) padded += '.';
+    // By columns, not bytes: "R²" is three bytes wide in memory, two on screen.
+    while (displayWidth(padded) < static_cast<size_t>(kLabelWidth)) padded += '.';
     say(padded + " " + value);
 }
 
@@ -208,17 +209,17 @@ void printTable(const std::vector<std::string>& headers,
                 const std::vector<std::vector<std::string>>& rows)
 {
     std::vector<size_t> widths(headers.size());
-    for (size_t c = 0; c < headers.size(); ++c) widths[c] = headers[c].size();
+    for (size_t c = 0; c < headers.size(); ++c) widths[c] = displayWidth(headers[c]);
     for (const auto& row : rows)
         for (size_t c = 0; c < row.size() && c < widths.size(); ++c)
-            widths[c] = std::max(widths[c], row[c].size());
+            widths[c] = std::max(widths[c], displayWidth(row[c]));
 
     auto line = [&](const std::vector<std::string>& cells) {
         std::string out;
         for (size_t c = 0; c < widths.size(); ++c) {
             std::string cell = c < cells.size() ? cells[c] : "";
             out += cell;
-            if (c + 1 < widths.size()) out += std::string(widths[c] - cell.size() + 2, ' ');
+            if (c + 1 < widths.size()) out += std::string(widths[c] - displayWidth(cell) + 2, ' ');
         }
         while (!out.empty() && out.back() == ' ') out.pop_back();
         return out;

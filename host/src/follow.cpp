@@ -3,6 +3,7 @@
 #include <NKR_focuser.h>
 
 #include <cmath>
+#include <cstdio>
 #include <cstdlib>
 #include <thread>
 
@@ -17,7 +18,18 @@ int percentDone(int start, int target, int position)
     return static_cast<int>(p < 0 ? 0 : (p > 100 ? 100 : p));
 }
 
-long long seconds(std::chrono::milliseconds d) { return static_cast<long long>(d.count() / 1000); }
+// "30", "0.5", "1.25": a time-out of half a second is not "0 s".
+std::string seconds(std::chrono::milliseconds d)
+{
+    std::string text = std::to_string(d.count() / 1000);
+    if (const long long part = d.count() % 1000; part != 0) {
+        char fraction[8];
+        std::snprintf(fraction, sizeof fraction, ".%03lld", part);
+        text += fraction;
+        while (text.back() == '0') text.pop_back();
+    }
+    return text;
+}
 
 }  // namespace
 
@@ -101,13 +113,13 @@ std::optional<FollowResult> MoveFollower::poll(Clock::time_point now)
     if (m_options.timeout.count() > 0 && now - m_begun >= m_options.timeout)
         return stopWith(MoveEnd::TimedOut,
                         Status::failure(kTimedOut, "the move to " + std::to_string(m_options.target) +
-                                                       " did not end within " + std::to_string(seconds(m_options.timeout)) +
+                                                       " did not end within " + seconds(m_options.timeout) +
                                                        " s; the motor was told to stop at position " +
                                                        std::to_string(position)));
     if (moving && now - m_lastChange >= m_options.stall)
         return stopWith(MoveEnd::Stalled,
                         Status::failure(kStalled, "the motor reports moving but has not moved for " +
-                                                      std::to_string(seconds(m_options.stall)) +
+                                                      seconds(m_options.stall) +
                                                       " s; it was told to stop at position " + std::to_string(position)));
     return std::nullopt;
 }

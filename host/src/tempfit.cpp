@@ -1,9 +1,13 @@
 #include "nkrhost/tempfit.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
+#include <cctype>
 #include <cmath>
 #include <cstdio>
 #include <fstream>
+#include <initializer_list>
 #include <sstream>
 
 namespace nkrhost {
@@ -46,6 +50,35 @@ bool number(const std::string& text, double& out)
     char* end = nullptr;
     out = std::strtod(text.c_str(), &end);
     return end == text.c_str() + text.size() && std::isfinite(out);
+}
+
+std::string lowerText(std::string text)
+{
+    std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) { return std::tolower(c); });
+    return text;
+}
+
+std::vector<std::string> lowered(std::vector<std::string> cells)
+{
+    for (std::string& c : cells) c = lowerText(c);
+    return cells;
+}
+
+// A header cell naming one of the columns, in any case, with its unit in a
+// suffix or none: "temperature_c", "Temperature (°C)", "POSITION [steps]".
+bool isColumn(const std::string& cell, std::initializer_list<const char*> names, std::initializer_list<const char*> units)
+{
+    const std::string text = lowerText(cell);
+    std::size_t letters = 0;
+    while (letters < text.size() && std::isalpha(static_cast<unsigned char>(text[letters]))) ++letters;
+    std::string unit;
+    for (std::size_t i = letters; i < text.size(); ++i) {
+        const unsigned char c = static_cast<unsigned char>(text[i]);
+        if (std::isalnum(c)) unit += static_cast<char>(c);  // separators, brackets and the degree sign drop out
+    }
+    const std::string name = text.substr(0, letters);
+    return std::any_of(names.begin(), names.end(), [&](const char* n) { return name == n; }) &&
+           std::any_of(units.begin(), units.end(), [&](const char* u) { return unit == u; });
 }
 
 std::string fmt(const char* format, double v)
@@ -115,22 +148,34 @@ Status readFitCsv(const std::string& path, std::vector<FitRow>& rows, int& badLi
 {
     rows.clear();
     badLines = 0;
+    struct stat info {};
+    if (::stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode))
+        return Status::failure(kBadSetting, path + " is a folder; give the CSV file of focus runs in it");
     std::ifstream in(path);
     if (!in) return Status::failure(kBadSetting, "cannot read " + path);
     std::string line;
+    std::vector<std::string> header;
     int tCol = -1, pCol = -1;
-    while (std::getline(in, line)) {
-        if (line.find_first_not_of(" \t\r") == std::string::npos) continue;
+    for (bool first = true; std::getline(in, line); first = false) {
+        if (first && line.compare(0, 3, "\xEF\xBB\xBF") == 0) line.erase(0, 3);  // a spreadsheet's byte order mark
+        const auto text = line.find_first_not_of(" \t\r");
+        if (text == std::string::npos || line[text] == '#') continue;
         const auto cells = splitCsv(line);
-        if (tCol < 0) {
+        if (header.empty()) {
             for (std::size_t i = 0; i < cells.size(); ++i) {
-                if (cells[i] == "temperature_c") tCol = static_cast<int>(i);
-                if (cells[i] == "position") pCol = static_cast<int>(i);
+                if (tCol < 0 && isColumn(cells[i], {"temperature", "temp"}, {"", "c", "degc", "celsius"}))
+                    tCol = static_cast<int>(i);
+                if (pCol < 0 && isColumn(cells[i], {"position", "pos"}, {"", "steps", "step"}))
+                    pCol = static_cast<int>(i);
             }
             if (tCol < 0 || pCol < 0)
-                return Status::failure(kBadSetting, path + " has no header line with the columns temperature_c and position");
+                return Status::failure(kBadSetting, path + " has no header line naming the columns temperature_c "
+                                                           "(degrees Celsius) and position (steps); its first line is: " +
+                                                           line.substr(0, 120));
+            header = cells;
             continue;
         }
+        if (lowered(cells) == lowered(header)) continue;  // files joined one after another repeat their header
         FitRow r;
         if (static_cast<std::size_t>(std::max(tCol, pCol)) >= cells.size() ||
             !number(cells[static_cast<std::size_t>(tCol)], r.temperature) ||
@@ -140,7 +185,7 @@ Status readFitCsv(const std::string& path, std::vector<FitRow>& rows, int& badLi
         }
         rows.push_back(r);
     }
-    if (tCol < 0) return Status::failure(kBadSetting, path + " is empty");
+    if (header.empty()) return Status::failure(kBadSetting, path + " is empty");
     return {};
 }
 

@@ -109,10 +109,11 @@ TEST_F(FollowLoop, EndsOnceWithOneMeaningForEachWayAMoveEnds)
     unit->position(from);
     ASSERT_TRUE(unit->moveTo(50000).ok());
     FollowOptions quick = towards(from, 50000);
-    quick.timeout = std::chrono::milliseconds(2000);
+    quick.timeout = std::chrono::milliseconds(1500);
     r = unit->follow(quick, simClock());
     EXPECT_EQ(r.end, MoveEnd::TimedOut);
     EXPECT_EQ(r.status.code, kTimedOut);
+    EXPECT_NE(r.status.message.find("did not end within 1.5 s;"), std::string::npos) << r.status.message;
     EXPECT_TRUE(r.stop.ok());
     EXPECT_EQ(nkrsim::state(0).runState, 0);
 }

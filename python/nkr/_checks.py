@@ -24,6 +24,23 @@ def flag(name: str, value: Any) -> bool:
     raise TypeError(f"{name} must be a bool, not {type(value).__name__}")
 
 
+def real(name: str, value: Any) -> float:
+    """value as float; TypeError for anything but a number (bool excluded), ValueError for NaN or infinity."""
+    if isinstance(value, bool) or not isinstance(value, numbers.Real):
+        raise TypeError(f"{name} must be a number, not {type(value).__name__}")
+    number = float(value)
+    if number != number or number in (float("inf"), float("-inf")):
+        raise ValueError(f"{name} must be a finite number, not {value}")
+    return number
+
+
+def text(name: str, value: Any) -> str:
+    """value as str; TypeError for anything else."""
+    if not isinstance(value, str):
+        raise TypeError(f"{name} must be a str, not {type(value).__name__}")
+    return value
+
+
 def seconds(name: str, value: Any, allow_none: bool = True) -> float | None:
     """A duration in seconds (>= 0); None when allowed."""
     if value is None and allow_none:

@@ -2,7 +2,9 @@
 from __future__ import annotations
 
 from dataclasses import dataclass
-from typing import NamedTuple
+from typing import Any, NamedTuple
+
+from . import _checks
 
 
 class FirmwareVersion(NamedTuple):
@@ -78,20 +80,78 @@ class AllInfo:
     battery: Battery
 
 
-class TempComp(NamedTuple):
-    """Temperature compensation settings of a unit (``Focuser.temp_comp``)."""
+_MISSING: Any = object()
 
+
+def _keywords_only(example: str, args: tuple[Any, ...], **required: Any) -> None:
+    """The settings records take keywords only: their field order is easy to mix up."""
+    name = example.split("(")[0]
+    if args:
+        raise TypeError(f"{name} takes keywords only, as in {example}")
+    missing = [key for key, value in required.items() if value is _MISSING]
+    if missing:
+        raise TypeError(f"{name} needs {' and '.join(missing)}, as in {example}")
+
+
+class _TempCompFields(NamedTuple):
     enabled: bool
     coefficient: float  # steps per degree Celsius, signed
     deadband: float     # degrees Celsius
 
 
-class Approach(NamedTuple):
-    """Final approach of a unit (``Focuser.approach``)."""
+class TempComp(_TempCompFields):
+    """Temperature compensation settings of a unit (``Focuser.temp_comp``).
 
+    Built with keywords only, so no order can be mixed up:
+    ``TempComp(enabled=True, coefficient=-3.0, deadband=0.5)``.
+    """
+
+    __slots__ = ()
+
+    def __new__(cls, *args: Any, enabled: bool = True, coefficient: Any = _MISSING,
+                deadband: Any = _MISSING) -> TempComp:
+        _keywords_only("TempComp(enabled=True, coefficient=-3.0, deadband=0.5)", args,
+                       coefficient=coefficient, deadband=deadband)
+        return super().__new__(cls, _checks.flag("enabled", enabled), _checks.real("coefficient", coefficient),
+                               _checks.real("deadband", deadband))
+
+    def __getnewargs_ex__(self) -> tuple[tuple[()], dict[str, Any]]:  # copy and pickle by keyword
+        return (), dict(self._asdict())
+
+
+class _ApproachFields(NamedTuple):
     enabled: bool
     direction: int  # +1: every move ends moving outward; -1: inward
     overshoot: int  # steps past the target before coming back
+
+
+class Approach(_ApproachFields):
+    """Final approach of a unit (``Focuser.approach``).
+
+    Built with keywords only: ``Approach(direction="out", overshoot=200)``;
+    direction is "out" or "in" (or +1 / -1, as it reads back).
+    """
+
+    __slots__ = ()
+
+    def __new__(cls, *args: Any, enabled: bool = True, direction: Any = _MISSING, overshoot: Any = _MISSING) -> Approach:
+        _keywords_only('Approach(direction="out", overshoot=200)', args, direction=direction, overshoot=overshoot)
+        return super().__new__(cls, _checks.flag("enabled", enabled), direction_of(direction),
+                               _checks.integer("overshoot", overshoot))
+
+    def __getnewargs_ex__(self) -> tuple[tuple[()], dict[str, Any]]:
+        return (), dict(self._asdict())
+
+
+def direction_of(value: Any) -> int:
+    """A final-approach direction as +1 (out) or -1 (in), from "out"/"in" or +1/-1."""
+    if isinstance(value, str):
+        if value.lower() in ("out", "in"):
+            return 1 if value.lower() == "out" else -1
+        raise ValueError(f'direction must be "out" or "in", not {value!r}')
+    if _checks.integer("direction", value) not in (1, -1):
+        raise ValueError(f'direction must be "out" (+1) or "in" (-1), not {value}')
+    return int(value)
 
 
 class Fit(NamedTuple):

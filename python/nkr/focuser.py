@@ -3,6 +3,7 @@ from __future__ import annotations
 
 import ctypes
 import json
+import math
 import threading
 import time
 from ctypes import byref, c_bool, c_float, c_int, c_ubyte, c_void_p
@@ -13,7 +14,7 @@ from . import _checks, _host, _library
 from ._records import (BLE_NAME_BYTES, BLE_NAME_MAX_CHARS, NKR_ALL_INFO,
                        NKR_BATTERY_INFO, NKR_BLE_NAME, NKR_CONTROL_CAPS, NKR_ERROR_MSG, NKR_INFO,
                        NKR_SN, NKR_TYPE, text_of)
-from ._types import AllInfo, Approach, Battery, Control, FirmwareVersion, TempComp
+from ._types import AllInfo, Approach, Battery, Control, FirmwareVersion, TempComp, direction_of
 from .errors import MoveTimeoutError, NKRError, NotSupportedError, check, error_for
 
 #: How often wait() asks the unit whether it still moves, in seconds.
@@ -28,6 +29,23 @@ ProgressCallback = Callable[[int, int], None]
 
 def _call(name: str, *args: Any) -> None:
     check(getattr(_library.load(), name)(*args), name)
+
+
+# The type check of each field a focus-model setting may be given as, in a
+# record or in a dict of the fields to change.
+_TEMP_COMP_CHECKS: dict[str, Callable[[str, Any], Any]] = {
+    "enabled": _checks.flag, "coefficient": _checks.real, "deadband": _checks.real}
+_APPROACH_CHECKS: dict[str, Callable[[str, Any], Any]] = {
+    "enabled": _checks.flag, "direction": lambda _name, value: direction_of(value), "overshoot": _checks.integer}
+
+
+def _fields(setting: str, value: Any, record: type, checks: dict[str, Callable[[str, Any], Any]]) -> dict[str, Any]:
+    """The fields of a record or dict, each type-checked; other names are left to the host to refuse."""
+    if isinstance(value, record):
+        return dict(value._asdict())
+    if not isinstance(value, dict):
+        raise TypeError(f"{setting} must be a {record.__name__} or a dict of its fields, not {type(value).__name__}")
+    return {key: checks[key](f"{setting}.{key}", field) if key in checks else field for key, field in value.items()}
 
 
 def alias_from_name(name: str) -> str:
@@ -208,7 +226,8 @@ class Focuser:
         wait = _checks.flag("wait", wait)
         limit = _checks.seconds("timeout", timeout)
         interval = _checks.seconds("poll", poll, allow_none=False) or DEFAULT_POLL
-        timeout_ms = int(round(limit * 1000)) if limit else 0
+        # 0 tells the host "no time-out": a time-out under a millisecond is one millisecond.
+        timeout_ms = 0 if limit is None else max(1, math.ceil(limit * 1000))
         try:
             _host.call("nkr_host_move", self._handle, target, timeout_ms)
             return self._follow(target, limit, interval) if wait else None
@@ -546,8 +565,7 @@ class Focuser:
 
     @temp_comp.setter
     def temp_comp(self, value: TempComp | dict[str, Any]) -> None:
-        fields = value._asdict() if isinstance(value, TempComp) else dict(value)
-        self._merge({"temp_comp": fields})
+        self._merge({"temp_comp": _fields("temp_comp", value, TempComp, _TEMP_COMP_CHECKS)})
 
     @property
     def step_size(self) -> float | None:
@@ -557,19 +575,20 @@ class Focuser:
 
     @step_size.setter
     def step_size(self, microns: float | None) -> None:
-        self._merge({"step_size_um": microns})
+        self._merge({"step_size_um": None if microns is None else _checks.real("step_size", microns)})
 
     @property
     def approach(self) -> Approach:
         """Final approach: every move ends coming from one side (direction +1
-        outward, -1 inward), past the target by ``overshoot`` steps and back."""
+        outward, -1 inward), past the target by ``overshoot`` steps and back.
+        Set an Approach (``nkr.Approach(direction="out", overshoot=200)``), or
+        a dict of the fields to change (direction also "out" or "in")."""
         a = self._settings()["approach"]
         return Approach(enabled=bool(a["enabled"]), direction=int(a["direction"]), overshoot=int(a["overshoot"]))
 
     @approach.setter
     def approach(self, value: Approach | dict[str, Any]) -> None:
-        fields = value._asdict() if isinstance(value, Approach) else dict(value)
-        self._merge({"approach": fields})
+        self._merge({"approach": _fields("approach", value, Approach, _APPROACH_CHECKS)})
 
     @property
     def positions(self) -> dict[str, int]:
@@ -578,16 +597,20 @@ class Focuser:
 
     def add_position(self, name: str, position: int | None = None) -> None:
         """Saves a name for a position (the current one when None), within 0..max_step."""
+        label = _checks.text("name", name)
         where = self.position if position is None else _checks.integer("position", position)
-        _host.call("nkr_host_save_position", self._handle, str(name).encode(), where)
+        _host.call("nkr_host_save_position", self._handle, label.encode(), where)
 
     def remove_position(self, name: str) -> None:
-        _host.call("nkr_host_remove_position", self._handle, str(name).encode())
+        _host.call("nkr_host_remove_position", self._handle, _checks.text("name", name).encode())
 
     def goto(self, name: str, wait: bool = True, timeout: float | None = None) -> int | None:
         """Moves to a named position (as move_to)."""
+        label = _checks.text("name", name)
+        _checks.flag("wait", wait)
+        _checks.seconds("timeout", timeout)
         where = c_int(0)
-        _host.call("nkr_host_named_position", self._handle, str(name).encode(), byref(where))
+        _host.call("nkr_host_named_position", self._handle, label.encode(), byref(where))
         return self.move_to(where.value, wait=wait, timeout=timeout)
 
     # ---- firmware -------------------------------------------------------------------------------

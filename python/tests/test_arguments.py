@@ -58,6 +58,14 @@ def unit():
     (lambda f: f.update_firmware("firmware.bin"), TypeError),
     (lambda f: f.update_firmware(b""), ValueError),
     (lambda f: f.update_firmware(b"\x01", progress=5), TypeError),
+    (lambda f: f.add_position(5, 5), TypeError),
+    (lambda f: f.remove_position(None), TypeError),
+    (lambda f: f.goto(b"Ha"), TypeError),
+    (lambda f: setattr(f, "step_size", "3"), TypeError),
+    (lambda f: setattr(f, "temp_comp", {"coefficient": "-3"}), TypeError),
+    (lambda f: setattr(f, "temp_comp", (True, -3.0, 0.5)), TypeError),
+    (lambda f: setattr(f, "approach", {"overshoot": 2.5}), TypeError),
+    (lambda f: setattr(f, "approach", {"direction": "up"}), ValueError),
 ])
 def test_focuser_arguments(unit, no_library, action, error):
     with pytest.raises(error):

@@ -123,3 +123,18 @@ def test_readme_python_example_runs_as_written(tmp_path):
     assert lines[0].startswith("0 NKR") and lines[0].endswith(" usb") and len(lines) == 3
     assert lines[-1].startswith("at ") and lines[-1].endswith(" steps, 25.0 °C")
 
+
+
+def test_readme_focus_model_example_runs_as_written(tmp_path):
+    readme = (Path(__file__).resolve().parents[2] / "README.md").read_text()
+    section = readme[readme.index("\n## Python\n"):readme.index("\n## ", readme.index("\n## Python\n") + 1)]
+    blocks = [block.split("```")[0] for block in section.split("```python\n")[1:]]
+    script = next(block for block in blocks if "nkr.TempComp(" in block)
+    (tmp_path / "focus_model.py").write_text(script)
+    environment = dict(os.environ, PYTHONPATH=PACKAGE_DIR, PYTHONDONTWRITEBYTECODE="1")
+    environment.pop("NKR_SIM_UNITS", None)
+    done = subprocess.run([sys.executable, "focus_model.py"], cwd=tmp_path, env=environment, capture_output=True,
+                          text=True, timeout=90)
+    assert done.returncode == 0, done.stderr
+    assert done.stdout.splitlines() == ["TempComp(enabled=True, coefficient=-3.0, deadband=0.5)",
+                                        "Approach(enabled=True, direction=1, overshoot=300) 3.76 31200"]

@@ -1,6 +1,9 @@
 """Every Focuser call against simulated units, and how SDK failures surface."""
 from __future__ import annotations
 
+import copy
+import pickle
+
 import pytest
 
 import nkr
@@ -105,6 +108,7 @@ def test_move_with_timeout_stops_the_motor(focuser):
     with pytest.raises(nkr.MoveTimeoutError) as late:
         focuser.move_to(start + 40000, timeout=0.3)
     assert isinstance(late.value, TimeoutError) and late.value.target == start + 40000
+    assert "did not end within 0.3 s" in str(late.value), str(late.value)
     assert not focuser.moving
     assert start < late.value.position < start + 40000 and focuser.position == late.value.position
     focuser.move_to(start, timeout=60)
@@ -229,3 +233,25 @@ def test_version_and_ids():
     assert nkr.product_id() == 0x4E4B
     assert nkr.library_path()
     assert nkr.simulated()
+
+
+def test_focus_model_settings_take_keywords_and_out_or_in(focuser):
+    focuser.temp_comp = nkr.TempComp(coefficient=-3.0, deadband=0.5)
+    assert focuser.temp_comp == nkr.TempComp(enabled=True, coefficient=-3.0, deadband=0.5)
+    focuser.temp_comp = {"enabled": False}
+    assert focuser.temp_comp == (False, -3.0, 0.5)
+    focuser.approach = nkr.Approach(direction="in", overshoot=150)
+    assert focuser.approach == nkr.Approach(direction=-1, overshoot=150)
+    focuser.approach = {"direction": "out"}
+    assert focuser.approach.direction == 1 and focuser.approach.overshoot == 150
+    # Read back, a record prints as it is built, and copies keep it whole.
+    assert eval(repr(focuser.approach), {"Approach": nkr.Approach}) == focuser.approach
+    assert copy.deepcopy(focuser.temp_comp) == focuser.temp_comp
+    assert pickle.loads(pickle.dumps(focuser.approach)) == focuser.approach
+    # The order the fields are easy to mix up in is refused, not misread.
+    for wrong in (lambda: nkr.TempComp(-3.0, 0.5, True), lambda: nkr.Approach("out", 200),
+                  lambda: nkr.Approach(direction="out")):
+        with pytest.raises(TypeError, match="keywords only|needs overshoot"):
+            wrong()
+    with pytest.raises(ValueError, match='"out" or "in"'):
+        nkr.Approach(direction="sideways", overshoot=1)

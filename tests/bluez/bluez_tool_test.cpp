@@ -22,6 +22,17 @@ std::string runShell(const std::string& command, int* status)
     return *status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, out;
 }
 
+// The text without one section of info: its heading and indented lines.
+std::string withoutSection(const std::string& text, const std::string& heading)
+{
+    const size_t at = text.find("\n" + heading + "\n");
+    if (at == std::string::npos) return text;
+    size_t end = at + 1;
+    do end = text.find('\n', end) + 1;
+    while (end > 0 && end < text.size() && text[end] == ' ');
+    return text.substr(0, at + 1) + (end > 0 ? text.substr(end) : "");
+}
+
 TEST_F(BlueZTool, InfoOverBlueZMatchesTheSimulatorsOwnRadio)
 {
 #ifndef NKR_TOOL_PATH
@@ -37,7 +48,10 @@ TEST_F(BlueZTool, InfoOverBlueZMatchesTheSimulatorsOwnRadio)
                                      &viaSimulator);
     EXPECT_EQ(viaBlueZ, 0) << real;
     EXPECT_EQ(viaSimulator, 0) << simulated;
-    EXPECT_EQ(real, simulated);
+    // The saved record is this computer's, found under each run's own home.
+    const std::string record = "The library's saved record (restored at power-up)";
+    EXPECT_NE(real.find(record), std::string::npos) << real;
+    EXPECT_EQ(withoutSection(real, record), withoutSection(simulated, record));
 #endif
 }
 

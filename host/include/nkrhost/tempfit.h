@@ -30,9 +30,12 @@ struct TempFit {
 // Needs at least three rows over at least 0.5 degrees.
 Status fitTemperature(const std::vector<FitRow>& rows, TempFit& out);
 
-// Rows of a CSV file with the columns temperature_c and position (a header
-// line names them; other columns are ignored; blank lines are skipped).
-// badLines counts lines whose two values are not numbers.
+// Rows of a CSV file with the columns temperature_c and position: a header
+// line names them, in any case and with the unit as a suffix or none
+// ("Temperature_C", "temperature (°C)", "Position [steps]"); other columns
+// are ignored; blank lines, lines starting with # and the header repeated
+// (files joined together) are skipped. badLines counts the other lines whose
+// two values are not numbers.
 Status readFitCsv(const std::string& path, std::vector<FitRow>& rows, int& badLines);
 
 // The runs and the fitted line as an SVG document, and as a small plot of
