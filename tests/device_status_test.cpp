@@ -38,7 +38,7 @@ TEST_F(DeviceStatus, FirmwareVersionDecidesSerialCommandsAndStepRange)
 TEST_F(DeviceStatus, ReportsAre64BytesOnlyWhenTheDescriptorSaysSo)
 {
     nkrsim::UnitSpec wide = unitWithFirmware(336), odd = wide, hidden = wide;
-    wide.outputReportLen = hidden.outputReportLen = 64;
+    wide.outputReportLen = 64;  // a unit takes reports of its own length only
     // Report 3 output of 32 bytes: not a length the firmware uses.
     odd.descriptor = {0x85, 0x01, 0x75, 0x08, 0x95, 0x10, 0x81, 0x02, 0x85, 0x03, 0x75, 0x08, 0x95, 0x1F, 0x91, 0x02};
     hidden.descriptorReadable = false;
