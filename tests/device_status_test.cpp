@@ -105,6 +105,25 @@ TEST_F(DeviceStatus, MovingReportsHostMovesAndHandMoves)
     EXPECT_EQ(state(), std::tuple(0, true, false));
 }
 
+TEST_F(DeviceStatus, ThermistorFirmwareTakesTheLowestRawWordsForAHandController)
+{
+    // 3.0.0 shares its sensor input with the hand controller: a raw word of
+    // 1..341 is a controller, and the status bit is not read; later firmware has the bit.
+    for (int fw : {300, 301}) {
+        const nkrsim::UnitId unit = nkrsim::addUnit(unitWithFirmware(fw));
+        CNKR dev;
+        ASSERT_TRUE(dev.open(nkrsim::usbPath(unit).c_str()));
+        for (auto [raw, bit] : {std::pair{0, true}, {1, false}, {341, false}, {342, true}, {32500, false}}) {
+            SCOPED_TRACE(std::to_string(fw) + " raw " + std::to_string(raw));
+            nkrsim::update(unit, [raw = raw, bit = bit](nkrsim::UnitState& s) { s.tempRaw = raw, s.handControl = bit; });
+            const bool expected = fw == 300 ? raw >= 1 && raw <= 341 : bit;
+            bool hand = !expected;
+            EXPECT_EQ(dev.isHandControl(&hand, false), NKR_SUCCESS);
+            EXPECT_EQ(hand, expected);
+        }
+    }
+}
+
 TEST_F(DeviceStatus, TemperatureReadingsInTurn)
 {
     // raw word, code, degrees (NAN: the previous row's value is repeated)
