@@ -10,6 +10,7 @@
 
 #include "ble/BlueShimExports.h"
 #include "ble_events.h"
+#include "unit_checks.h"
 #include "unit_model.h"
 #include "world.h"
 
@@ -39,13 +40,10 @@ uint8_t checksum(const Bytes& bytes, size_t count)
     return sum;
 }
 
-// 00 len seq cmd payload lenHigh 00 00 00 sum, with a good checksum.
-std::optional<Request> decodeRequest(const Bytes& f)
+// 00 len seq cmd payload lenHigh 00 00 00 sum, once checkRequestFrame took it.
+Request decodeRequest(const Bytes& f)
 {
-    if (f.size() < 9 || f[0] != 0x00) return std::nullopt;
-    size_t n = f.size() - 9;
-    if (f[1] != (n & 0xFF) || f[4 + n] != ((n >> 8) & 0xFF)) return std::nullopt;
-    if (checksum(f, f.size() - 1) != f.back()) return std::nullopt;
+    const size_t n = f.size() - 9;
     return Request{f[2], f[3], Bytes(f.begin() + 4, f.begin() + 4 + static_cast<long>(n))};
 }
 
@@ -99,7 +97,10 @@ Answer updateBlock(Unit& u, const Bytes& block)
 std::optional<Answer> extended(Unit& u, const Bytes& p)
 {
     if (u.bleUpdating) return updateBlock(u, p);
-    if (p.size() < 4 || p[0] != 0x7E || p[1] != 0x5A) return std::nullopt;
+    if (std::optional<nkrsim::Refusal> why = checkExtended(p)) {
+        refuse(u, *why, p.data(), p.size());
+        return std::nullopt;
+    }
     if (p[2] == 0x01) {
         Bytes body = {0x01};
         Bytes data = allInfoData(u);
@@ -129,6 +130,10 @@ std::optional<Answer> execute(Unit& u, const Request& r)
         Bytes report = {0x03};
         report.insert(report.end(), r.payload.begin(), r.payload.end());
         Bytes reply;
+        if (std::optional<nkrsim::Refusal> why = checkCommand(report.data(), report.size())) {
+            refuse(u, *why, r.payload.data(), r.payload.size());
+            return std::nullopt;
+        }
         if (!runCommand(u, report.data(), report.size(), reply)) return std::nullopt;
         // Echo and data exactly where a USB reply has them, seen from frame byte 1.
         return Answer{0, Bytes(reply.begin() + 3, reply.begin() + kInputReportLen)};
@@ -266,10 +271,14 @@ bool ble_manager_send(void* mgr, const uint8_t* data, unsigned count, unsigned a
     }
     Bytes frame(data, data + count);
     u->sentFrames.add(frame);
-    std::optional<Request> request = decodeRequest(frame);
-    if (!request) return true;  // written, but the unit drops a damaged frame
-    std::optional<Answer> answer = execute(*u, *request);
-    if (answer && m->expectAnswer) queueAnswer(*m, *u, request->sequence, *answer);
+    // Written, but the unit drops a damaged frame unanswered.
+    if (std::optional<nkrsim::Refusal> why = checkRequestFrame(frame)) {
+        refuse(*u, *why, frame.data(), frame.size());
+        return true;
+    }
+    const Request request = decodeRequest(frame);
+    std::optional<Answer> answer = execute(*u, request);
+    if (answer && m->expectAnswer) queueAnswer(*m, *u, request.sequence, *answer);
     return true;
 }
 

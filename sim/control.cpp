@@ -144,6 +144,24 @@ void clearSentFrames(UnitId unit)
     withUnit(unit, [](Unit& u) { u.sentFrames.clear(); });
 }
 
+std::vector<RefusedMessage> refusedMessages(UnitId unit)
+{
+    return readUnit<std::vector<RefusedMessage>>(unit, [](Unit& u) { return u.refused.latest(); });
+}
+
+void clearRefusedMessages(UnitId unit)
+{
+    withUnit(unit, [](Unit& u) { u.refused.clear(); });
+}
+
+uint64_t refusedTotal()
+{
+    auto guard = lockWorld();
+    uint64_t total = 0;
+    for (auto& [id, u] : world().units) total += u->refused.standing();
+    return total;
+}
+
 int bleConnections(UnitId unit)
 {
     auto guard = lockWorld();

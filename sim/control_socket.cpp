@@ -295,6 +295,8 @@ std::string runControlCommand(const std::string& line)
         u->st.serial = serial;
     } else if (command == "transfers") {
         return "ok " + std::to_string(u->sentReports.total());
+    } else if (command == "refused") {
+        return "ok " + std::to_string(u->refused.standing());
     } else if (command == "state") {
         const bool moving = u->st.runState == 1 || u->st.handMoving;
         return "ok " + std::to_string(u->st.position) + (moving ? " moving" : " stopped") +

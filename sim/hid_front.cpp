@@ -5,10 +5,12 @@
 #include <cstdlib>
 #include <cstring>
 #include <cwchar>
+#include <optional>
 #include <set>
 #include <string>
 
 #include "../include/NKR_focuser.h"  // the focuser's USB ids
+#include "unit_checks.h"
 #include "unit_model.h"
 #include "world.h"
 
@@ -21,6 +23,7 @@ struct hid_device_ {
 
 namespace {
 using namespace nkrsim::detail;
+using nkrsim::Refusal;
 
 std::set<hid_device*>& handles()
 {
@@ -123,6 +126,13 @@ Unit* transferTarget(hid_device* dev, int& err)
     return u;
 }
 
+// A report the unit does not take stalls the transfer, as on a real bus.
+int stalled(hid_device* dev)
+{
+    dev->error = L"Broken pipe";
+    return EPIPE;
+}
+
 int sendReport(hid_device* dev, const unsigned char* data, size_t length)
 {
     int err = 0;
@@ -132,11 +142,20 @@ int sendReport(hid_device* dev, const unsigned char* data, size_t length)
             err = EINVAL;
         } else if (Unit* u = transferTarget(dev, err)) {
             u->sentReports.add(std::vector<uint8_t>(data, data + length));
-            std::vector<uint8_t> reply;
             u->reply.clear();
-            if (runCommand(*u, data, length, reply)) u->reply = std::move(reply);
-            dev->error = L"Success";
-            return static_cast<int>(length);
+            if (std::optional<Refusal> why = checkReportFrame(*u, data, length)) {
+                refuse(*u, *why, data, length);
+                err = stalled(dev);
+            } else {
+                // A command the firmware does not take is ignored: no answer.
+                std::vector<uint8_t> reply;
+                if (std::optional<Refusal> why = checkCommand(data, length))
+                    refuse(*u, *why, data, length);
+                else if (runCommand(*u, data, length, reply))
+                    u->reply = std::move(reply);
+                dev->error = L"Success";
+                return static_cast<int>(length);
+            }
         }
     }
     errno = err;
@@ -151,13 +170,18 @@ int getReport(hid_device* dev, unsigned char* data, size_t length)
         if (data == nullptr || length == 0) {
             err = EINVAL;
         } else if (Unit* u = transferTarget(dev, err)) {
-            std::memset(data, 0, length);
-            data[0] = 0x01;
-            if (!u->reply.empty())
-                std::memcpy(data + 1, u->reply.data() + 1,
-                            std::min(length, u->reply.size()) - 1);
-            dev->error = L"Success";
-            return static_cast<int>(length);
+            if (std::optional<Refusal> why = checkReportRead(data, length)) {
+                refuse(*u, *why, data, length);
+                err = stalled(dev);
+            } else {
+                // Like hidraw: the report's own bytes, however large the buffer.
+                const size_t n = kInputReportLen;
+                std::memset(data, 0, n);
+                data[0] = 0x01;
+                if (!u->reply.empty()) std::memcpy(data + 1, u->reply.data() + 1, std::min(n, u->reply.size()) - 1);
+                dev->error = L"Success";
+                return static_cast<int>(n);
+            }
         }
     }
     errno = err;

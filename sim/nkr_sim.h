@@ -18,6 +18,7 @@
 //   hand-move <unit> <target>     set-temp-raw <unit> <0..65535>
 //   set-serial <unit> <16 hex digits>
 //   transfers <unit>              "ok <n>": feature reports the SDK sent so far
+//   refused <unit>                "ok <n>": messages the unit refused so far
 //   state <unit>                  "ok <position> moving|stopped plugged|unplugged"
 //   wait-stop <unit> <target> <timeout ms>
 //                                 answered once the motor stands at target
@@ -195,6 +196,34 @@ std::vector<std::vector<uint8_t>> sentFrames(UnitId unit);
 void clearSentFrames(UnitId unit);
 // Number of helper managers currently connected to the unit.
 int bleConnections(UnitId unit);
+
+// ---- what the units refused ---------------------------------------------------
+// Each unit checks a message as its firmware does before it acts on it.
+// USB: a feature report whose id is not 3, or whose length is not the unit's
+// output report length, fails as a stalled transfer does (EPIPE); so does a
+// read of another report than input report 1, or of fewer bytes than it
+// holds. A report without the 7E 5A mark, with an unknown command byte or
+// read selector, too short for its command, or with another value in a byte
+// the protocol fixes (the control frame's mode and bits 2-3 of its byte 13;
+// the sub-command byte of the clear, Bluetooth-name, shipping, LED and
+// factory commands; a firmware chunk's count) is taken and ignored: no state
+// change, no answer. Bluetooth: a request whose first byte, length bytes,
+// reserved bytes or checksum are wrong, whose command type is unknown, or
+// whose device or extended command is refused as above, is not answered.
+enum class Refusal { ReportId, ReportLength, Mark, Command, FixedByte, FrameKind, FrameLength, Reserved, Checksum };
+struct RefusedMessage {
+    Refusal why;
+    std::vector<uint8_t> message;  // a USB report with its id; a Bluetooth frame, or the command a good frame carried
+};
+// The messages the unit refused, oldest first (the latest few thousand).
+std::vector<RefusedMessage> refusedMessages(UnitId unit);
+void clearRefusedMessages(UnitId unit);
+// How many refusals of every unit stand since reset() (cleared ones not):
+// zero after any test that meant to send only good messages.
+uint64_t refusedTotal();
+// "report id", "report length", "mark", "command", "fixed byte", "frame kind",
+// "frame length", "reserved byte" or "checksum".
+const char* refusalName(Refusal why);
 
 // ---- firmware update ---------------------------------------------------------
 struct UpdateConfig {

@@ -41,6 +41,25 @@ private:
     uint64_t total_ = 0;
 };
 
+// The messages a unit refused: the latest for tests to inspect, and how many
+// stand since the last clear.
+class RefusalRecord {
+public:
+    void add(Refusal why, std::vector<uint8_t> message)
+    {
+        if (latest_.size() >= TrafficRecord::kKept) latest_.erase(latest_.begin(), latest_.begin() + TrafficRecord::kKept / 2);
+        latest_.push_back({why, std::move(message)});
+        ++standing_;
+    }
+    void clear() { latest_.clear(), standing_ = 0; }
+    const std::vector<RefusedMessage>& latest() const { return latest_; }
+    uint64_t standing() const { return standing_; }
+
+private:
+    std::vector<RefusedMessage> latest_;
+    uint64_t standing_ = 0;
+};
+
 struct Unit {
     UnitId id = 0;
     UnitSpec spec;
@@ -67,6 +86,7 @@ struct Unit {
 
     // Last reply the firmware prepared for a feature-report read.
     std::vector<uint8_t> reply;
+    RefusalRecord refused;  // messages of either link the firmware would not take
 
     // USB faults and traffic.
     int failCount = 0;

@@ -97,6 +97,12 @@ TEST_F(DeviceMotion, NothingChangesWhileMovingButStopIsAllowedAfterClearingError
     EXPECT_TRUE(nkrtest::isControlFrame(sent[1]) && sent[1][4] == 0);
     EXPECT_EQ(nkrsim::state(unit).runState, 0);
     EXPECT_EQ(NKRSetBeep(id, true), NKR_SUCCESS);
+    // A unit in its error state holds the motor, whatever it is sent, until the error is cleared.
+    const int held = nkrsim::state(unit).position;
+    nkrsim::update(unit, [](nkrsim::UnitState& s) { s.runState = 6; });
+    ASSERT_EQ(NKRMove(id, 40000), NKR_SUCCESS);
+    nkrsim::advanceMicros(2'000'000);
+    EXPECT_EQ(nkrsim::state(unit).position, held);
 }
 
 TEST_F(DeviceMotion, SettingsInTheFrameAndTheirBounds)

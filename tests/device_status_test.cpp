@@ -38,7 +38,7 @@ TEST_F(DeviceStatus, FirmwareVersionDecidesSerialCommandsAndStepRange)
 TEST_F(DeviceStatus, ReportsAre64BytesOnlyWhenTheDescriptorSaysSo)
 {
     nkrsim::UnitSpec wide = unitWithFirmware(336), odd = wide, hidden = wide;
-    wide.outputReportLen = hidden.outputReportLen = 64;
+    wide.outputReportLen = 64;  // a unit takes reports of its own length only
     // Report 3 output of 32 bytes: not a length the firmware uses.
     odd.descriptor = {0x85, 0x01, 0x75, 0x08, 0x95, 0x10, 0x81, 0x02, 0x85, 0x03, 0x75, 0x08, 0x95, 0x1F, 0x91, 0x02};
     hidden.descriptorReadable = false;
@@ -103,6 +103,25 @@ TEST_F(DeviceStatus, MovingReportsHostMovesAndHandMoves)
     moving = false;
     EXPECT_TRUE(NKRIsMoving(id, &moving, nullptr) == NKR_SUCCESS && moving);
     EXPECT_EQ(state(), std::tuple(0, true, false));
+}
+
+TEST_F(DeviceStatus, ThermistorFirmwareTakesTheLowestRawWordsForAHandController)
+{
+    // 3.0.0 shares its sensor input with the hand controller: a raw word of
+    // 1..341 is a controller, and the status bit is not read; later firmware has the bit.
+    for (int fw : {300, 301}) {
+        const nkrsim::UnitId unit = nkrsim::addUnit(unitWithFirmware(fw));
+        CNKR dev;
+        ASSERT_TRUE(dev.open(nkrsim::usbPath(unit).c_str()));
+        for (auto [raw, bit] : {std::pair{0, true}, {1, false}, {341, false}, {342, true}, {32500, false}}) {
+            SCOPED_TRACE(std::to_string(fw) + " raw " + std::to_string(raw));
+            nkrsim::update(unit, [raw = raw, bit = bit](nkrsim::UnitState& s) { s.tempRaw = raw, s.handControl = bit; });
+            const bool expected = fw == 300 ? raw >= 1 && raw <= 341 : bit;
+            bool hand = !expected;
+            EXPECT_EQ(dev.isHandControl(&hand, false), NKR_SUCCESS);
+            EXPECT_EQ(hand, expected);
+        }
+    }
 }
 
 TEST_F(DeviceStatus, TemperatureReadingsInTurn)

@@ -140,6 +140,8 @@ TEST_F(Power, ErrorCodesReasonLedAndBatteryFromTheNewerFamilyOnly)
     bool on = false;
     ASSERT_EQ(NKRGetLedState(id, &on), NKR_SUCCESS);
     EXPECT_TRUE(on && nkrsim::state(unit).led);
+    ASSERT_EQ(NKRSetShippingMode(id), NKR_SUCCESS);
+    EXPECT_TRUE(nkrsim::state(unit).shippingMode);
     // The older family has none of these: refused without traffic.
     const int older = openQuiet(unitWithFirmware(382), &unit);
     for (int rc : {NKRSetLedState(older, true), NKRSetShippingMode(older), NKRGetBatteryInfo(older, &info)})

@@ -135,15 +135,20 @@ TEST(SimControl, TrafficKeepsTheLatestReportsAndCountsEveryOne)
     ASSERT_NE(dev, nullptr);
     constexpr int kSent = 10000;
     for (int i = 0; i < kSent; ++i) {
-        unsigned char report[17] = {0x01, 0x7E, 0x5A, 0x02, 0x03, static_cast<unsigned char>(i >> 8),
+        unsigned char report[16] = {0x03, 0x7E, 0x5A, 0x02, 0x03, static_cast<unsigned char>(i >> 8),
                                     static_cast<unsigned char>(i)};
-        ASSERT_EQ(hid_send_feature_report(dev, report, sizeof report), 17);
+        ASSERT_EQ(hid_send_feature_report(dev, report, sizeof report), 16);
     }
+    // A report the unit refuses is sent too, and counted as refused.
+    const unsigned char answerId[16] = {0x01, 0x7E, 0x5A, 0x02, 0x03};
+    EXPECT_EQ(hid_send_feature_report(dev, answerId, sizeof answerId), -1);
+    EXPECT_EQ(runControlCommand("refused " + std::to_string(unit)), "ok 1");
     hid_close(dev);
     const auto kept = nkrsim::sentReports(unit);
     EXPECT_LE(kept.size(), 4096u);
-    ASSERT_FALSE(kept.empty());
-    EXPECT_EQ(kept.back()[5], (kSent - 1) >> 8);
-    EXPECT_EQ(kept.back()[6], (kSent - 1) & 0xFF);
-    EXPECT_EQ(runControlCommand("transfers " + std::to_string(unit)), "ok " + std::to_string(kSent));
+    ASSERT_GE(kept.size(), 2u);
+    const auto& last = kept[kept.size() - 2];  // the last good one
+    EXPECT_EQ(last[5], (kSent - 1) >> 8);
+    EXPECT_EQ(last[6], (kSent - 1) & 0xFF);
+    EXPECT_EQ(runControlCommand("transfers " + std::to_string(unit)), "ok " + std::to_string(kSent + 1));
 }

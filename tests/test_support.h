@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -32,6 +33,25 @@ protected:
         for (int id = NKR_MAX_SLOTS - 1; id >= NKR_BLE_FIRST_ID; --id) NKRBLEDisconnect(id);
         for (int id = 0; id < NKR_BLE_FIRST_ID; ++id) NKRClose(id);
         nkr::setSleepHook(nullptr);
+        // The library sends only what a unit takes; a test that sends other
+        // messages on purpose reads and clears their refusals itself.
+        EXPECT_EQ(nkrsim::refusedTotal(), 0u) << refusalsSeen();
+    }
+    // The refused messages of the first units, one line each.
+    static std::string refusalsSeen()
+    {
+        std::string text;
+        for (nkrsim::UnitId unit = 0; unit < 16; ++unit)
+            for (const nkrsim::RefusedMessage& r : nkrsim::refusedMessages(unit)) {
+                text += "unit " + std::to_string(unit) + " refused (" + nkrsim::refusalName(r.why) + "):";
+                for (uint8_t b : r.message) {
+                    char hex[4];
+                    std::snprintf(hex, sizeof hex, " %02X", b);
+                    text += hex;
+                }
+                text += "\n";
+            }
+        return text;
     }
     // Scans and returns the unit's slot id (-1 when not found).
     static int scanForSlot(nkrsim::UnitId unit)

@@ -145,7 +145,7 @@ TEST_F(ToolTest, ToolSetShowsWhatTheUnitKept)
     EXPECT_EQ(run("set 0 ble-name=Scope").status, 2) << "USB slots cannot take a Bluetooth name";
     EXPECT_EQ(jsonInt(run("--json info 0").out, "backlash"), 20);
 
-    ToolRun newer = run("--json set 1 led=on force=9 reverse=on");
+    ToolRun newer = run("--json set 1 led=on force=9 reverse=yes");
     ASSERT_EQ(newer.status, 0) << newer.err;
     EXPECT_EQ(jsonRaw(newer.out, "led"), "true");
     EXPECT_EQ(jsonInt(newer.out, "force"), 9);

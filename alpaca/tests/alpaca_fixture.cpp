@@ -42,6 +42,7 @@ void AlpacaTest::SetUp()
 void AlpacaTest::TearDown()
 {
     stopServer();
+    EXPECT_EQ(nkrsim::refusedTotal(), 0u) << "a unit refused a message the library sent";
     std::error_code ec;
     std::filesystem::remove_all(dir_, ec);
 }

@@ -174,8 +174,10 @@ TEST_F(AlpacaTest, ActionsReadAndWriteSettingsThroughTheSdk)
     EXPECT_EQ(put(device(0, "action"), "Action=Reverse&Parameters=true")["Value"], "true");
     EXPECT_TRUE(nkrsim::state(unitA_).reverse);
     EXPECT_EQ(put(device(0, "action"), "Action=Beep&Parameters=on")["Value"], "true");
-    EXPECT_EQ(put(device(0, "action"), "Action=Alias&Parameters=scope1")["Value"], "scope1");
-    EXPECT_EQ(put(device(0, "action"), "Action=Alias&Parameters=muchtoolong")["ErrorNumber"], 0x401);
+    // The unit keeps 8 characters: exactly 8 are taken whole, 9 refused.
+    EXPECT_EQ(put(device(0, "action"), "Action=Alias&Parameters=scope1ab")["Value"], "scope1ab");
+    EXPECT_EQ(put(device(0, "action"), "Action=Alias&Parameters=scope1abc")["ErrorNumber"], 0x401);
+    EXPECT_EQ(put(device(0, "action"), "Action=Alias&Parameters=")["Value"], "scope1ab");
 }
 
 TEST_F(AlpacaTest, DeviceStateListsNamedValues)

@@ -12,6 +12,9 @@ TEST_F(AlpacaTest, MoveReturnsAtOnceAndIsMovingHoldsUntilTheUnitStops)
     ASSERT_EQ(answer["ErrorNumber"], 0) << answer.dump();
     EXPECT_FALSE(answer.contains("Value"));
     EXPECT_EQ(get(device(0, "ismoving"))["Value"], true);
+    // A second move while the first runs is an invalid operation, and the first goes on.
+    json busy = put(device(0, "move"), "Position=31000");
+    EXPECT_EQ(busy["ErrorNumber"], 0x40B) << busy.dump();
     ASSERT_TRUE(runUntilStopped(0));
     EXPECT_EQ(get(device(0, "position"))["Value"], 34000);
 }

@@ -77,6 +77,11 @@ TEST(ServiceSearch, OneCharacteristicMayWriteAndIndicateAndReportsItsMtu)
     SerialService found;
     ASSERT_TRUE(findSerialService(tree, kDev, {}, found));
     EXPECT_EQ(std::tuple(found.writePath == found.notifyPath, found.writeWithoutResponse, found.mtu), std::tuple(true, false, 185u));
+    // An MTU of 3 leaves no room past the ATT header: the default stays.
+    tree[kDev + "/service0020/char0021"][kCharIface]["MTU"] = number(3, "q");
+    SerialService small;
+    ASSERT_TRUE(findSerialService(tree, kDev, {}, small));
+    EXPECT_EQ(small.mtu, 23u);
 }
 
 TEST(ServiceSearch, SecondaryServicesOtherDevicesAndOverrides)

@@ -39,20 +39,45 @@ TEST(Catalogue, KnowsEveryCodeOfThePublicHeaderByItsName)
 
 TEST(Catalogue, KindsThatFrontEndsMapToTheirConventions)
 {
+    // Every code's kind, pinned: each front-end turns a kind into its own
+    // convention (an exit status, an ASCOM error, an exception class).
+    using K = ErrorKind;
     const std::map<int, ErrorKind> expected{
-        {NKR_SUCCESS, ErrorKind::None},
-        {NKR_ERROR_INVALID_VALUE, ErrorKind::BadArgument},
-        {NKR_ERROR_NOT_SUPPORTED, ErrorKind::NotSupported},
-        {NKR_ERROR_BLE_UNSUPPORTED, ErrorKind::NotSupported},
-        {NKR_ERROR_MOVING, ErrorKind::Busy},
-        {NKR_ERROR_REMOVED, ErrorKind::LinkLost},
-        {NKR_ERROR_BLE_SEND, ErrorKind::LinkLost},
-        {NKR_ERROR_BAD_STATE, ErrorKind::Refused},
-        {NKR_ERROR_GENERAL, ErrorKind::Internal},
-        {kBeyondLimit, ErrorKind::BadArgument},
-        {kUnitInUse, ErrorKind::Busy},
-        {12345, ErrorKind::Internal},
+        {NKR_SUCCESS, K::None},
+        {NKR_ERROR_INVALID_INDEX, K::BadArgument},
+        {NKR_ERROR_INVALID_ID, K::LinkLost},
+        {NKR_ERROR_INVALID_VALUE, K::BadArgument},
+        {NKR_ERROR_REMOVED, K::LinkLost},
+        {NKR_ERROR_MOVING, K::Busy},
+        {NKR_ERROR_BAD_STATE, K::Refused},
+        {NKR_ERROR_GENERAL, K::Internal},
+        {NKR_ERROR_NOT_SUPPORTED, K::NotSupported},
+        {NKR_ERROR_CLOSED, K::LinkLost},
+        {NKR_ERROR_BATTERY_RANGE, K::Refused},
+        {NKR_ERROR_BAD_LENGTH, K::BadArgument},
+        {NKR_ERROR_BLE_CHECKSUM, K::Internal},
+        {NKR_ERROR_BLE_SEND, K::LinkLost},
+        {NKR_ERROR_BLE_CONNECT, K::LinkLost},
+        {NKR_ERROR_BLE_NOT_OPEN, K::LinkLost},
+        {NKR_ERROR_BLE_PAIR, K::Refused},
+        {NKR_ERROR_BLE_PAIR_REFUSED, K::Refused},
+        {NKR_ERROR_BLE_NO_ANSWER, K::Internal},
+        {NKR_ERROR_BLE_UNSUPPORTED, K::NotSupported},
+        {NKR_ERROR_NULL_CALLBACK, K::BadArgument},
+        {NKR_ERROR_BLE_NEW_CONNECTION, K::Refused},
+        {NKR_ERROR_BLE_LENGTH_MISMATCH, K::Internal},
+        {kUnitNotFound, K::BadArgument},
+        {kUnitAmbiguous, K::BadArgument},
+        {kBeyondLimit, K::BadArgument},
+        {kTimedOut, K::Internal},
+        {kStalled, K::Internal},
+        {kUnitInUse, K::Busy},
+        {kBadSetting, K::BadArgument},
+        {kSettingsFile, K::Internal},
+        {kUpdatePending, K::Refused},
+        {12345, K::Internal},
     };
+    EXPECT_EQ(expected.size(), errorCatalogue().size() + 1) << "a code without its kind here";
     for (auto [code, kind] : expected) EXPECT_EQ(describeError(code).kind, kind) << code;
     EXPECT_EQ(formatError(5), "NKR_ERROR_MOVING (5): the motor is moving; stop it or wait until it stands still");
     EXPECT_EQ(Status::fromSdk(NKR_ERROR_MOVING, "starting the move").message,

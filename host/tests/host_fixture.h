@@ -34,6 +34,7 @@ protected:
         for (int id = NKR_MAX_SLOTS - 1; id >= NKR_BLE_FIRST_ID; --id) NKRBLEDisconnect(id);
         for (int id = 0; id < NKR_BLE_FIRST_ID; ++id) NKRClose(id);
         nkr::setSleepHook(nullptr);
+        EXPECT_EQ(nkrsim::refusedTotal(), 0u) << "a unit refused a message the library sent";
         std::error_code ec;
         std::filesystem::remove_all(dir_, ec);
     }

@@ -3,7 +3,7 @@ inject. It is C++, so the functions are bound by their mangled names; the
 tests that need one skip when the simulator in use lacks it."""
 from __future__ import annotations
 
-from ctypes import c_bool, c_int
+from ctypes import c_bool, c_char_p, c_double, c_int, c_size_t
 
 import pytest
 
@@ -19,6 +19,8 @@ _FUNCTIONS = {
     "ble_flush_callbacks": ("_ZN6nkrsim17bleFlushCallbacksEv", []),
     "ble_refuse_connect": ("_ZN6nkrsim16bleRefuseConnectEib", [c_int, c_bool]),
     "set_ble_supported": ("_ZN6nkrsim15setBleSupportedEb", [c_bool]),
+    # unit (serial, name or id), degrees, drift per hour, has-until, until, message buffer, its size
+    "set_temperature": ("nkr_sim_set_temperature", [c_char_p, c_double, c_double, c_int, c_double, c_char_p, c_size_t]),
 }
 
 

@@ -64,6 +64,8 @@ def test_identity_and_alias(focuser):
 
 def test_status_reads(focuser):
     assert focuser.temperature == pytest.approx(25.0, abs=0.01)
+    control("set_temperature")(b"123456789ABCDEF1", 21.37, 0.0, 0, 0.0, None, 0)
+    assert focuser.temperature == 21.37  # hundredths kept, not 21.4
     assert focuser.moving is False and focuser.hand_moving is False
     assert focuser.step_range == 600000
     assert focuser.error_codes == ("E0", "E0")

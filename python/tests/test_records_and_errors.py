@@ -57,3 +57,10 @@ def test_record_field_offsets_that_hosts_rely_on():
     assert _records.NKR_CONTROL_CAPS.ControlType.offset == 176
     assert _records.BLE_DEVICE_INFO.BluetoothAddress.offset == 136
     assert _records.NKR_ALL_INFO.Battery.offset == 44
+
+
+def test_the_bluetooth_family_is_the_codes_from_50_below_100():
+    # One except clause catches every radio failure, from a damaged answer (50) on.
+    for code, radio in ((11, False), (50, True), (51, True), (62, True), (1001, False)):
+        error = nkr.error_for(code, "NKRBLEConnect")
+        assert isinstance(error, nkr.BluetoothError) is radio, code
