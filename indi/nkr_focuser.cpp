@@ -15,7 +15,8 @@ constexpr uint32_t kDefaultPollMillis = 500;
 
 NkrFocuser::NkrFocuser()
 {
-    setVersion(1, 1);
+    // DRIVER_VERSION carries the project's whole version (set in initProperties).
+    setVersion(NKR_INDI_VERSION_MAJOR, NKR_INDI_VERSION_MINOR);
     SetCapability(FOCUSER_CAN_ABS_MOVE | FOCUSER_CAN_REL_MOVE | FOCUSER_CAN_ABORT |
                   FOCUSER_CAN_REVERSE | FOCUSER_CAN_SYNC | FOCUSER_HAS_BACKLASH);
     // The SDK finds and opens units itself: no serial or network port to choose.
@@ -33,7 +34,7 @@ bool NkrFocuser::initProperties()
 
     initUnitProperties();
 
-    m_temperatureNP[0].fill("TEMPERATURE", "Celsius", "%6.2f", -50, 70, 0, 0);
+    m_temperatureNP[0].fill("TEMPERATURE", "°C", "%6.2f", -50, 70, 0, 0);
     m_temperatureNP.fill(getDeviceName(), "FOCUS_TEMPERATURE", "Temperature", MAIN_CONTROL_TAB,
                          IP_RO, 0, IPS_IDLE);
 
@@ -50,13 +51,28 @@ bool NkrFocuser::initProperties()
     addConfigurationControl();
     setDefaultPollingPeriod(kDefaultPollMillis);
     addPollPeriodControl();
+    // One version everywhere: the project's, not the major.minor pair.
+    if (auto info = getText("DRIVER_INFO"); info.isValid())
+        if (auto* version = info.findWidgetByName("DRIVER_VERSION")) version->setText(NKR_INDI_VERSION);
     return true;
 }
 
 void NkrFocuser::ISGetProperties(const char* dev)
 {
-    INDI::Focuser::ISGetProperties(dev);
-    defineUnitProperties();
+    // Not INDI::Focuser's: it has its joystick properties defined a second
+    // time, after the ones the device holds (among them those) were.
+    INDI::DefaultDevice::ISGetProperties(dev);
+    // The base class defines every property it holds again for each later
+    // request; these are new only the first time.
+    if (!m_unitChoiceLoaded) defineUnitProperties();
+}
+
+bool NkrFocuser::loadConfig(bool silent, const char* property)
+{
+    m_loadingConfig = true;
+    const bool loaded = INDI::Focuser::loadConfig(silent, property);
+    m_loadingConfig = false;
+    return loaded;
 }
 
 bool NkrFocuser::updateProperties()
@@ -76,6 +92,7 @@ bool NkrFocuser::updateProperties()
 
 bool NkrFocuser::Connect()
 {
+    freshStates();
     const std::string ble = nkrhost::trimmed(m_unitSelectTP[kBleSelector].getText());
     const std::string problem =
         ble.empty() ? m_unit.openUsb(m_unitSelectTP[kUsbSelector].getText(), getDeviceName())
@@ -99,6 +116,26 @@ bool NkrFocuser::Connect()
     m_lastPowerPoll = std::chrono::steady_clock::now();
     schedulePoll();
     return true;
+}
+
+void NkrFocuser::freshStates()
+{
+    // Nothing from the last session (an Alert for a refused value) is shown
+    // again; what connecting reads sets its own state.
+    for (INumberVectorProperty* p : {&FocusAbsPosNP, &FocusRelPosNP, &FocusMaxPosNP, &FocusSyncNP, &FocusBacklashNP,
+                                     &PresetNP})
+        p->s = IPS_IDLE;
+    for (ISwitchVectorProperty* p : {&FocusMotionSP, &FocusAbortSP, &FocusReverseSP, &FocusBacklashSP, &PresetGotoSP})
+        p->s = IPS_IDLE;
+    for (INDI::Property p : {INDI::Property(m_temperatureNP), INDI::Property(m_aliasTP), INDI::Property(m_forceNP),
+                             INDI::Property(m_beepSP), INDI::Property(m_ledSP), INDI::Property(m_batteryNP),
+                             INDI::Property(m_errorCodesTP), INDI::Property(m_infoTP), INDI::Property(m_stepRangeNP),
+                             INDI::Property(m_tempCompSP), INDI::Property(m_tempCompNP),
+                             INDI::Property(m_tempCompStateTP), INDI::Property(m_stepSizeNP),
+                             INDI::Property(m_approachSP), INDI::Property(m_approachNP),
+                             INDI::Property(m_positionsSP), INDI::Property(m_positionSaveTP)})
+        p.setState(IPS_IDLE);
+    m_sentTemperature.reset();
 }
 
 bool NkrFocuser::Disconnect()
@@ -208,7 +245,10 @@ bool NkrFocuser::ISNewNumber(const char* dev, const char* name, double values[],
                              int n)
 {
     if (dev != nullptr && std::strcmp(dev, getDeviceName()) == 0 &&
-        (handleMoveNumber(name, values, names, n) || handleExtraNumber(name, values, names, n) ||
+        (handleMoveNumber(name, values, names, n) || refuseBacklash(name, values, n) ||
+         handleMaxNumber(name, values, n) ||
+         handleExtraNumber(name, values, names, n) ||
+         (std::strcmp(name, PresetNP.name) == 0 && handlePresets(values, names, n)) ||
          (isConnected() && handleFocusNumber(name, values, names, n))))
         return true;
     return INDI::Focuser::ISNewNumber(dev, name, values, names, n);

@@ -30,7 +30,7 @@ void NkrFocuser::initUnitProperties()
     const char* dev = getDeviceName();
     m_unitSelectTP[kUsbSelector].fill("USB", "USB serial or alias", "");
     m_unitSelectTP[kBleSelector].fill("BLE", "Bluetooth name or address", "");
-    m_unitSelectTP.fill(dev, "NKR_UNIT", "Unit", CONNECTION_TAB, IP_RW, 60, IPS_IDLE);
+    m_unitSelectTP.fill(dev, "NKR_UNIT", "Unit choice", CONNECTION_TAB, IP_RW, 60, IPS_IDLE);
 
     m_unitListSP.fill(dev, "NKR_UNITS", "Units found", CONNECTION_TAB, IP_RW, ISR_ATMOST1, 60,
                       IPS_IDLE);
@@ -43,13 +43,8 @@ void NkrFocuser::defineUnitProperties()
 {
     defineProperty(m_unitSelectTP);
     defineProperty(m_unitScanSP);
-    // Every client asks for the properties; the saved choice is read and the
-    // units are listed once. Bluetooth units are listed on a refresh (a scan
-    // takes seconds).
-    if (m_unitChoiceLoaded) {
-        defineProperty(m_unitListSP);
-        return;
-    }
+    // Once, at the first request: the saved choice is read and the units are
+    // listed. Bluetooth units are listed on a refresh (a scan takes seconds).
     m_unitChoiceLoaded = true;
     loadConfig(true, m_unitSelectTP.getName());
     scanUnits(false);

@@ -121,9 +121,12 @@ class Client:
         self.parser = ET.XMLPullParser(events=("start", "end"))
         self.parser.feed("<stream>")
         self.depth = 0
+        self.history = []  # every element so far
+        self.mark = 0      # where the history stood at the last command sent
         self.get_properties()
 
     def send(self, xml):
+        self.mark = len(self.history)
         self.sock.setblocking(True)
         self.sock.sendall(xml.encode())
         self.sock.setblocking(False)
@@ -169,9 +172,16 @@ class Client:
                 if self.checker:
                     self.checker.see(element, now)
                 done.append(element)
+        self.history += done
         return done
 
-    def wait(self, predicate, timeout, what="the INDI stream"):
+    def wait(self, predicate, timeout, what="the INDI stream", since=None):
+        """The first element that matches, among those that came since the
+        last command (or since that index) and those still to come."""
+        start = self.mark if since is None else since
+        for element in self.history[start:]:
+            if predicate(element):
+                return element
         end = time.monotonic() + timeout
         sel = selectors.DefaultSelector()
         sel.register(self.sock, selectors.EVENT_READ)
@@ -264,7 +274,9 @@ class Checker:
                 self.busy.clear()
             return
         if e.tag.startswith("def"):
-            if name in self.defined and self.defined_in_round.get(name) == self.round:
+            # Round 1 is left out: a client that connects while the driver
+            # starts gets its answer to indiserver's own first request too.
+            if name in self.defined and self.defined_in_round.get(name) == self.round and self.round > 1:
                 self.fault(f"{name} defined twice in one getProperties answer")
             self.defined_in_round[name] = self.round
             self.defined[name] = {c.get("name"): (c.get("min"), c.get("max")) for c in e}
