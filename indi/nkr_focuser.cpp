@@ -2,6 +2,7 @@
 // poll timer and the routing of client requests.
 #include "nkr_focuser.h"
 
+#include <cstdio>
 #include <cstring>
 
 #include "NKR_focuser.h"
@@ -43,6 +44,8 @@ bool NkrFocuser::initProperties()
     FocusBacklashN[0].max = 255;
     FocusBacklashN[0].step = 1;
     FocusBacklashN[0].value = 0;
+    // libindi labels the toggle and the steps both "Backlash".
+    std::snprintf(FocusBacklashNP.label, MAXINDILABEL, "%s", "Backl. steps");
 
     initExtraProperties();
     initFocusProperties();
@@ -115,6 +118,7 @@ bool NkrFocuser::Connect()
     m_pollFailed = m_lost = false;
     m_lastPowerPoll = std::chrono::steady_clock::now();
     schedulePoll();
+    showUnitList(m_unitListSP.getState());
     return true;
 }
 
@@ -148,6 +152,7 @@ bool NkrFocuser::Disconnect()
     m_tempComp.reset();
     m_mover = Mover::None;
     m_unit.close();
+    showUnitList(m_unitListSP.getState());
     LOG_INFO(wasUsb ? "Focuser closed; its position is saved for the next session."
                     : "Focuser disconnected.");
     return true;

@@ -130,6 +130,8 @@ private:
     void defineUnitProperties();
     // Lists the units present (USB; Bluetooth too when asked, which takes seconds).
     void scanUnits(bool withBluetooth);
+    // NKR_UNITS from the last scan, the unit open here marked.
+    void showUnitList(IPState state);
     bool handleUnitSwitch(const char* name, ISState* states, char* names[], int n);
 
     // Both selector texts, trimmed, to tell a real change from a reload.

@@ -7,20 +7,37 @@
 
 namespace {
 
+// INDI keeps 63 characters of a label.
+constexpr size_t kLabelLength = 63;
+
+// Cut at the last space that leaves room for "...", never inside a word.
+std::string cutAtWord(const std::string& text, size_t room)
+{
+    if (text.size() <= room) return text;
+    if (room < 4) return {};
+    const size_t space = text.rfind(' ', room - 3);
+    return text.substr(0, space == std::string::npos ? 0 : space) + "...";
+}
+
+// What tells the unit apart (serial number, or Bluetooth name and address)
+// and its link stay whole; the rest gives way, in order: the alias, the
+// model, the holder's process id, then the holder's name at a word.
 std::string unitLabel(const nkrindi::FoundUnit& unit)
 {
     const nkrhost::SeenUnit& s = unit.seen;
-    std::string label;
-    if (s.link == nkrhost::Link::Ble) {
-        label = s.bleName + " " + s.bleAddress + " (Bluetooth)";
-    } else {
-        label = (s.model.empty() ? std::string("NKR") : s.model) + (s.serial.empty() ? " (no serial)" : " " + s.serial);
-        if (!s.alias.empty()) label += " '" + s.alias + "'";
-        label += " (USB)";
+    const bool ble = s.link == nkrhost::Link::Ble;
+    const std::string id = ble ? s.bleName + " " + s.bleAddress : s.serial.empty() ? "(no serial)" : s.serial;
+    const std::string link = ble ? " (Bluetooth)" : " (USB)";
+    const std::string model = ble ? "" : (s.model.empty() ? std::string("NKR") : s.model) + " ";
+    const std::string alias = s.alias.empty() || ble ? "" : " '" + s.alias + "'";
+    std::string holder = unit.own || unit.holder.empty() ? "" : unit.holder;
+    const std::string state = unit.own ? ", connected here" : holder.empty() ? "" : ", in use by ";
+    for (const std::string& label : {model + id + alias + link, model + id + link, id + link}) {
+        if (label.size() + state.size() + holder.size() <= kLabelLength) return label + state + holder;
     }
-    if (unit.own) label += ", connected here";
-    else if (!unit.holder.empty()) label += ", in use by " + unit.holder;
-    return label;
+    const std::string base = id + link + state;
+    if (const size_t pid = holder.rfind(" (pid "); pid != std::string::npos) holder.erase(pid);
+    return base + cutAtWord(holder, kLabelLength > base.size() ? kLabelLength - base.size() : 0);
 }
 
 }  // namespace
@@ -56,13 +73,20 @@ void NkrFocuser::scanUnits(bool withBluetooth)
     // Identifying a unit leaves it open (a close would stop another
     // instance's motor), so a scan never disturbs a unit in use.
     m_found = nkrindi::scanUnits(withBluetooth, problem);
-    if (m_unit.isOpen()) {
-        const nkrhost::SeenUnit mine = nkrhost::seenFrom(m_unit.unit().identity());
-        for (nkrindi::FoundUnit& unit : m_found)
-            if (nkrindi::claimKey(unit.seen) == nkrindi::claimKey(mine)) unit.own = true;
-    }
+    showUnitList(problem.empty() ? IPS_OK : IPS_ALERT);
+    if (!problem.empty()) LOGF_WARN("%s.", problem.c_str());
+    else LOGF_INFO("%d unit(s) found.", static_cast<int>(m_found.size()));
+}
 
-    deleteProperty(m_unitListSP.getName());
+void NkrFocuser::showUnitList(IPState state)
+{
+    // The unit open here is marked, and its switch is on.
+    const std::string mine =
+        m_unit.isOpen() ? nkrindi::claimKey(nkrhost::seenFrom(m_unit.unit().identity())) : std::string();
+    for (nkrindi::FoundUnit& unit : m_found) unit.own = !mine.empty() && nkrindi::claimKey(unit.seen) == mine;
+
+    // Labels change: the list is defined anew (only when it was defined).
+    if (getProperty(m_unitListSP.getName()).isValid()) deleteProperty(m_unitListSP.getName());
     m_unitListSP.resize(m_found.size());
     const std::string chosenUsb = nkrhost::trimmed(m_unitSelectTP[kUsbSelector].getText());
     const std::string chosenBle = nkrhost::trimmed(m_unitSelectTP[kBleSelector].getText());
@@ -70,20 +94,18 @@ void NkrFocuser::scanUnits(bool withBluetooth)
         const nkrindi::FoundUnit& unit = m_found[i];
         const bool ble = unit.seen.link == nkrhost::Link::Ble;
         const std::string& chosenText = ble ? chosenBle : chosenUsb;
-        const bool chosen = (ble || chosenBle.empty()) && !chosenText.empty() &&
+        const bool chosen = !m_unit.isOpen() && (ble || chosenBle.empty()) && !chosenText.empty() &&
                             nkrhost::resolveUnit(chosenText, {unit.seen}).status.ok();
         const std::string name = "UNIT_" + std::to_string(i);
-        m_unitListSP[i].fill(name.c_str(), unitLabel(unit).c_str(), chosen ? ISS_ON : ISS_OFF);
+        m_unitListSP[i].fill(name.c_str(), unitLabel(unit).c_str(), chosen || unit.own ? ISS_ON : ISS_OFF);
     }
     if (m_found.empty()) {
         // A vector needs an element; this one chooses nothing.
         m_unitListSP.resize(1);
         m_unitListSP[0].fill("NONE", "No unit found", ISS_OFF);
     }
-    m_unitListSP.setState(problem.empty() ? IPS_OK : IPS_ALERT);
+    m_unitListSP.setState(state);
     defineProperty(m_unitListSP);
-    if (!problem.empty()) LOGF_WARN("%s.", problem.c_str());
-    else LOGF_INFO("%d unit(s) found.", static_cast<int>(m_found.size()));
 }
 
 bool NkrFocuser::handleUnitSwitch(const char* name, ISState* states, char* names[], int n)

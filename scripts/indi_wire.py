@@ -6,6 +6,7 @@ a checker of the conventions INDI clients rely on.
 Used by scripts/indi-bench and scripts/indi-lifecycle-test.
 """
 import os
+import re
 import selectors
 import shutil
 import socket
@@ -231,10 +232,17 @@ class Checker:
     defined twice in one getProperties answer, a number outside its min..max,
     a Busy that ends anything but Ok or Alert, a move that shows Busy at its
     final position just before Ok, and a message repeated unchanged within a
-    second."""
+    second. For the properties own(name) picks (the driver's own, beside
+    libindi's standard ones): a label that fits a client's label column, and
+    a unit on every number; every label unique within its group (tab)."""
 
-    def __init__(self, device):
+    LABEL_LENGTH = 12
+    UNIT = re.compile(r"\(|°C|µm|steps|%|mV|mA")
+
+    def __init__(self, device, own=lambda name: False):
         self.device = device
+        self.own = own
+        self.labels = {}      # (group, label) -> property name
         self.faults = []
         self.defined = {}     # name -> {element: (min, max)}
         self.states = {}      # name -> its latest state
@@ -279,6 +287,7 @@ class Checker:
             if name in self.defined and self.defined_in_round.get(name) == self.round and self.round > 1:
                 self.fault(f"{name} defined twice in one getProperties answer")
             self.defined_in_round[name] = self.round
+            self.check_labels(name, e)
             self.defined[name] = {c.get("name"): (c.get("min"), c.get("max")) for c in e}
         elif e.tag.startswith("set"):
             if name not in self.defined:
@@ -292,6 +301,19 @@ class Checker:
         if e.tag.endswith("NumberVector"):
             self.check_ranges(name, e)
         self.check_states(name, e, now)
+
+    def check_labels(self, name, e):
+        label, group = e.get("label") or name, e.get("group")
+        if self.labels.setdefault((group, label), name) != name:
+            self.fault(f"{name} and {self.labels[(group, label)]} are both labelled '{label}' in {group}")
+        if not self.own(name):
+            return
+        if len(label) > self.LABEL_LENGTH:
+            self.fault(f"{name}: label '{label}' is longer than {self.LABEL_LENGTH} characters")
+        if e.tag == "defNumberVector":
+            for c in e:
+                if not self.UNIT.search(c.get("label") or ""):
+                    self.fault(f"{name}.{c.get('name')}: no unit in '{c.get('label')}'")
 
     def check_ranges(self, name, e):
         for c in e:
