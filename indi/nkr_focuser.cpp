@@ -114,6 +114,10 @@ bool NkrFocuser::Connect()
     readExtraSettings();
     readFocusSettings();
     m_tempComp = std::make_unique<nkrhost::TempCompRunner>(m_unit.unit(), std::string("INDI ") + getDeviceName());
+    // Its state is defined with the rest rather than sent at the first tick
+    // after, where it could hold back the answer to a first move.
+    tickTempComp();
+    m_lastTempCompTick = std::chrono::steady_clock::now();
     pollTemperature();
     m_pollFailed = m_lost = false;
     m_lastPowerPoll = std::chrono::steady_clock::now();

@@ -139,7 +139,7 @@ void NkrFocuser::tickTempComp()
     if (state != m_tempCompStateTP[0].getText()) {
         m_tempCompStateTP[0].setText(state);
         m_tempCompStateTP.setState(m_tempComp->state() == nkrhost::TempCompRunner::State::Paused ? IPS_ALERT : IPS_OK);
-        m_tempCompStateTP.apply();
+        if (isConnected()) m_tempCompStateTP.apply();  // while connecting it is not defined yet
     }
 }
 

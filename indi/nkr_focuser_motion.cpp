@@ -105,13 +105,15 @@ IPState NkrFocuser::startMove(int64_t target, bool relative)
     char text[80];
     std::snprintf(text, sizeof text, "Moving from %d to %d.", static_cast<int>(FocusAbsPosN[0].value), m_target);
     announceMove(IPS_BUSY, relative, text);
+    // The speed of the first progress is taken over the pause, from here.
+    m_lastProgress = std::chrono::steady_clock::now();
+    m_lastSeenPosition = static_cast<int>(FocusAbsPosN[0].value);
     if (!succeeded(move->start(nkrhost::PlannedMove::Clock::now()))) {
         finishMove(IPS_ALERT);
         return IPS_ALERT;
     }
     m_move = std::move(move);
     m_mover = Mover::Host;
-    m_lastProgress = std::chrono::steady_clock::now();
     // A move that ended inside the pause ends Ok now; a longer one shows
     // where it is and is followed closely from now on.
     followHostMove();
