@@ -211,7 +211,8 @@ void NkrFocuser::TimerHit()
 void NkrFocuser::schedulePoll()
 {
     if (m_timerId >= 0) RemoveTimer(m_timerId);
-    m_timerId = SetTimer(m_mover != Mover::None ? kMotionPollMillis : getCurrentPollingPeriod());
+    m_timerId = SetTimer(m_mover == Mover::Host ? m_nextMotionPoll
+                         : m_mover != Mover::None ? kMotionPollMillis : getCurrentPollingPeriod());
 }
 
 std::chrono::milliseconds NkrFocuser::pollingPeriod() const

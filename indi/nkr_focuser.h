@@ -215,6 +215,10 @@ private:
     // Poll interval while a move is under way: the end of a move is reported
     // within this (plus one exchange) of the motor stopping.
     static constexpr uint32_t kMotionPollMillis = 20;
+    // Near the expected end of a move the next look comes just after it, but
+    // not sooner than this.
+    static constexpr uint32_t kMinMotionPollMillis = 4;
+    uint32_t m_nextMotionPoll = kMotionPollMillis;
     // Poll interval while the unit is gone: each tick may look for it.
     static constexpr uint32_t kLostPollMillis = 250;
 };

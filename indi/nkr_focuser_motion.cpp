@@ -105,6 +105,7 @@ IPState NkrFocuser::startMove(int64_t target, bool relative)
     char text[80];
     std::snprintf(text, sizeof text, "Moving from %d to %d.", static_cast<int>(FocusAbsPosN[0].value), m_target);
     announceMove(IPS_BUSY, relative, text);
+    m_nextMotionPoll = kMotionPollMillis;
     // The speed of the first progress is taken over the pause, from here.
     m_lastProgress = std::chrono::steady_clock::now();
     m_lastSeenPosition = static_cast<int>(FocusAbsPosN[0].value);
@@ -360,7 +361,12 @@ void NkrFocuser::followHostMove()
                                           : 0;
         // No progress just before the expected end, which would hold the
         // final message back (see startMove).
-        const bool nearEnd = stepsPerSecond > 0 && std::abs(m_target - p.position) / stepsPerSecond < kQuietBeforeEnd;
+        const double remaining = stepsPerSecond > 0 ? std::abs(m_target - p.position) / stepsPerSecond : 1.0;
+        const bool nearEnd = remaining < kQuietBeforeEnd;
+        // The next look just after the expected end, so that the end is
+        // seen within a few ms of it rather than up to a whole poll later.
+        m_nextMotionPoll = std::clamp<uint32_t>(static_cast<uint32_t>(remaining * 1000) + 2, kMinMotionPollMillis,
+                                                kMotionPollMillis);
         m_lastSeenPosition = p.position;
         m_lastProgress = now;
         if (!end && !nearEnd && now - m_lastPublished >= kProgressInterval) publishPosition(p.position);
