@@ -80,6 +80,18 @@ IPState NkrFocuser::startMove(int64_t target, bool relative)
         announceMove(IPS_ALERT, relative);
         return IPS_ALERT;
     }
+    if (m_mover != Mover::None) {
+        // The running move stays followed and Busy; the client is answered
+        // with it.
+        LOGF_ERROR("The focuser is moving%s; abort that move before the next.",
+                   m_mover == Mover::HandController ? " by the hand controller" : "");
+        if (relative && FocusRelPosNP.s != IPS_BUSY) {
+            FocusRelPosNP.s = IPS_ALERT;
+            IDSetNumber(&FocusRelPosNP, nullptr);
+        }
+        IDSetNumber(&FocusAbsPosNP, nullptr);
+        return IPS_BUSY;
+    }
     if (target < 0) {
         const int at = static_cast<int>(FocusAbsPosN[0].value);
         LOGF_ERROR("Position %lld is below 0, the innermost position: from %d the focuser can move inward by at "
