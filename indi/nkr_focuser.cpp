@@ -44,8 +44,12 @@ bool NkrFocuser::initProperties()
     FocusBacklashN[0].max = 255;
     FocusBacklashN[0].step = 1;
     FocusBacklashN[0].value = 0;
-    // libindi labels the toggle and the steps both "Backlash".
+    // Labels that fit KStars' label column (libindi's are cut there), and
+    // apart: libindi labels the backlash toggle and steps both "Backlash".
     std::snprintf(FocusBacklashNP.label, MAXINDILABEL, "%s", "Backl. steps");
+    std::snprintf(FocusAbsPosNP.label, MAXINDILABEL, "%s", "Abs. position");
+    std::snprintf(FocusRelPosNP.label, MAXINDILABEL, "%s", "Rel. position");
+    std::snprintf(FocusReverseSP.label, MAXINDILABEL, "%s", "Reversed");
 
     initExtraProperties();
     initFocusProperties();
