@@ -221,6 +221,7 @@ unit_labels()
 {
     python3 - "$root/scripts" "$port" "$1" <<'PY' || fail "could not read the unit list of '$1'"
 import sys
+sys.dont_write_bytecode = True
 sys.path.insert(0, sys.argv[1])
 from indi_wire import Client, is_vector
 client = Client(int(sys.argv[2]), sys.argv[3])
