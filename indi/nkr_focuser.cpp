@@ -2,6 +2,7 @@
 // poll timer and the routing of client requests.
 #include "nkr_focuser.h"
 
+#include <cstdio>
 #include <cstring>
 
 #include "NKR_focuser.h"
@@ -15,7 +16,8 @@ constexpr uint32_t kDefaultPollMillis = 500;
 
 NkrFocuser::NkrFocuser()
 {
-    setVersion(1, 1);
+    // DRIVER_VERSION carries the project's whole version (set in initProperties).
+    setVersion(NKR_INDI_VERSION_MAJOR, NKR_INDI_VERSION_MINOR);
     SetCapability(FOCUSER_CAN_ABS_MOVE | FOCUSER_CAN_REL_MOVE | FOCUSER_CAN_ABORT |
                   FOCUSER_CAN_REVERSE | FOCUSER_CAN_SYNC | FOCUSER_HAS_BACKLASH);
     // The SDK finds and opens units itself: no serial or network port to choose.
@@ -33,7 +35,7 @@ bool NkrFocuser::initProperties()
 
     initUnitProperties();
 
-    m_temperatureNP[0].fill("TEMPERATURE", "Celsius", "%6.2f", -50, 70, 0, 0);
+    m_temperatureNP[0].fill("TEMPERATURE", "°C", "%6.2f", -50, 70, 0, 0);
     m_temperatureNP.fill(getDeviceName(), "FOCUS_TEMPERATURE", "Temperature", MAIN_CONTROL_TAB,
                          IP_RO, 0, IPS_IDLE);
 
@@ -42,6 +44,12 @@ bool NkrFocuser::initProperties()
     FocusBacklashN[0].max = 255;
     FocusBacklashN[0].step = 1;
     FocusBacklashN[0].value = 0;
+    // Labels that fit KStars' label column (libindi's are cut there), and
+    // apart: libindi labels the backlash toggle and steps both "Backlash".
+    std::snprintf(FocusBacklashNP.label, MAXINDILABEL, "%s", "Backl. steps");
+    std::snprintf(FocusAbsPosNP.label, MAXINDILABEL, "%s", "Abs. position");
+    std::snprintf(FocusRelPosNP.label, MAXINDILABEL, "%s", "Rel. position");
+    std::snprintf(FocusReverseSP.label, MAXINDILABEL, "%s", "Reversed");
 
     initExtraProperties();
     initFocusProperties();
@@ -50,13 +58,28 @@ bool NkrFocuser::initProperties()
     addConfigurationControl();
     setDefaultPollingPeriod(kDefaultPollMillis);
     addPollPeriodControl();
+    // One version everywhere: the project's, not the major.minor pair.
+    if (auto info = getText("DRIVER_INFO"); info.isValid())
+        if (auto* version = info.findWidgetByName("DRIVER_VERSION")) version->setText(NKR_INDI_VERSION);
     return true;
 }
 
 void NkrFocuser::ISGetProperties(const char* dev)
 {
-    INDI::Focuser::ISGetProperties(dev);
-    defineUnitProperties();
+    // Not INDI::Focuser's: it has its joystick properties defined a second
+    // time, after the ones the device holds (among them those) were.
+    INDI::DefaultDevice::ISGetProperties(dev);
+    // The base class defines every property it holds again for each later
+    // request; these are new only the first time.
+    if (!m_unitChoiceLoaded) defineUnitProperties();
+}
+
+bool NkrFocuser::loadConfig(bool silent, const char* property)
+{
+    m_loadingConfig = true;
+    const bool loaded = INDI::Focuser::loadConfig(silent, property);
+    m_loadingConfig = false;
+    return loaded;
 }
 
 bool NkrFocuser::updateProperties()
@@ -76,6 +99,7 @@ bool NkrFocuser::updateProperties()
 
 bool NkrFocuser::Connect()
 {
+    freshStates();
     const std::string ble = nkrhost::trimmed(m_unitSelectTP[kBleSelector].getText());
     const std::string problem =
         ble.empty() ? m_unit.openUsb(m_unitSelectTP[kUsbSelector].getText(), getDeviceName())
@@ -94,11 +118,36 @@ bool NkrFocuser::Connect()
     readExtraSettings();
     readFocusSettings();
     m_tempComp = std::make_unique<nkrhost::TempCompRunner>(m_unit.unit(), std::string("INDI ") + getDeviceName());
+    // Its state is defined with the rest rather than sent at the first tick
+    // after, where it could hold back the answer to a first move.
+    tickTempComp();
+    m_lastTempCompTick = std::chrono::steady_clock::now();
     pollTemperature();
     m_pollFailed = m_lost = false;
     m_lastPowerPoll = std::chrono::steady_clock::now();
     schedulePoll();
+    showUnitList(m_unitListSP.getState());
     return true;
+}
+
+void NkrFocuser::freshStates()
+{
+    // Nothing from the last session (an Alert for a refused value) is shown
+    // again; what connecting reads sets its own state.
+    for (INumberVectorProperty* p : {&FocusAbsPosNP, &FocusRelPosNP, &FocusMaxPosNP, &FocusSyncNP, &FocusBacklashNP,
+                                     &PresetNP})
+        p->s = IPS_IDLE;
+    for (ISwitchVectorProperty* p : {&FocusMotionSP, &FocusAbortSP, &FocusReverseSP, &FocusBacklashSP, &PresetGotoSP})
+        p->s = IPS_IDLE;
+    for (INDI::Property p : {INDI::Property(m_temperatureNP), INDI::Property(m_aliasTP), INDI::Property(m_forceNP),
+                             INDI::Property(m_beepSP), INDI::Property(m_ledSP), INDI::Property(m_batteryNP),
+                             INDI::Property(m_errorCodesTP), INDI::Property(m_infoTP), INDI::Property(m_stepRangeNP),
+                             INDI::Property(m_tempCompSP), INDI::Property(m_tempCompNP),
+                             INDI::Property(m_tempCompStateTP), INDI::Property(m_stepSizeNP),
+                             INDI::Property(m_approachSP), INDI::Property(m_approachNP),
+                             INDI::Property(m_positionsSP), INDI::Property(m_positionSaveTP)})
+        p.setState(IPS_IDLE);
+    m_sentTemperature.reset();
 }
 
 bool NkrFocuser::Disconnect()
@@ -111,6 +160,7 @@ bool NkrFocuser::Disconnect()
     m_tempComp.reset();
     m_mover = Mover::None;
     m_unit.close();
+    showUnitList(m_unitListSP.getState());
     LOG_INFO(wasUsb ? "Focuser closed; its position is saved for the next session."
                     : "Focuser disconnected.");
     return true;
@@ -166,7 +216,8 @@ void NkrFocuser::TimerHit()
 void NkrFocuser::schedulePoll()
 {
     if (m_timerId >= 0) RemoveTimer(m_timerId);
-    m_timerId = SetTimer(m_mover != Mover::None ? kMotionPollMillis : getCurrentPollingPeriod());
+    m_timerId = SetTimer(m_mover == Mover::Host ? m_nextMotionPoll
+                         : m_mover != Mover::None ? kMotionPollMillis : getCurrentPollingPeriod());
 }
 
 std::chrono::milliseconds NkrFocuser::pollingPeriod() const
@@ -209,7 +260,10 @@ bool NkrFocuser::ISNewNumber(const char* dev, const char* name, double values[],
                              int n)
 {
     if (dev != nullptr && std::strcmp(dev, getDeviceName()) == 0 &&
-        (handleMoveNumber(name, values, names, n) || handleExtraNumber(name, values, names, n) ||
+        (handleMoveNumber(name, values, names, n) || refuseBacklash(name, values, n) ||
+         handleMaxNumber(name, values, n) ||
+         handleExtraNumber(name, values, names, n) ||
+         (std::strcmp(name, PresetNP.name) == 0 && handlePresets(values, names, n)) ||
          (isConnected() && handleFocusNumber(name, values, names, n))))
         return true;
     return INDI::Focuser::ISNewNumber(dev, name, values, names, n);

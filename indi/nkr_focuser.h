@@ -7,6 +7,7 @@
 #include <chrono>
 #include <string>
 #include <memory>
+#include <optional>
 #include <vector>
 
 #include <indifocuser.h>
@@ -37,6 +38,9 @@ protected:
     bool Disconnect() override;
     void TimerHit() override;
     bool saveConfigItems(FILE* fp) override;
+    // Marks the load, so that what the configuration holds for the presets
+    // (kept in the host settings) is not taken as a user's change.
+    bool loadConfig(bool silent = false, const char* property = nullptr) override;
 
     // Focuser interface, in nkr_focuser_motion.cpp.
     IPState MoveAbsFocuser(uint32_t targetTicks) override;
@@ -58,10 +62,19 @@ private:
     void pollMotion();
     // A move the driver started, followed by the host's follow loop.
     void followHostMove();
-    // Absolute and relative moves both end here: the host refuses a target
-    // beyond the user's maximum and plans the final approach.
-    IPState startMove(int64_t target);
+    // Every move starts here (absolute, relative, preset, named position):
+    // the host refuses a target beyond the user's maximum and plans the final
+    // approach; the move is announced Busy before the SDK's pause, and ends
+    // Ok at once when it ended inside it. relative: REL_FOCUS_POSITION asked.
+    IPState startMove(int64_t target, bool relative = false);
+    // The move properties' state to the client, the relative one first.
+    void announceMove(IPState state, bool relative, const char* message = nullptr);
     void finishMove(IPState state);
+    // FOCUS_BACKLASH_STEPS beyond what the unit takes: refused, not clamped.
+    bool refuseBacklash(const char* name, double values[], int n);
+    // FOCUS_MAX: the base class would narrow the move properties' limits to
+    // it; here they keep the step range and the host refuses a target beyond.
+    bool handleMaxNumber(const char* name, double values[], int n);
     void publishPosition(int position);
 
     // nkr_focuser_extras.cpp: what the standard focuser properties lack.
@@ -93,10 +106,16 @@ private:
     // One tick of temperature compensation (at rest, once a polling period).
     void tickTempComp();
     void listPositions();
+    // The standard presets are the named positions "Preset 1" to "Preset 3";
+    // 0 is an empty slot.
+    bool handlePresets(double values[], char* names[], int n);
+    bool gotoPreset(ISState* states, char* names[], int n);
 
     // Arms the one poll timer: kMotionPollMillis while a move is followed, the
     // user's polling period at rest.
     void schedulePoll();
+    // Every property defined on connect starts Idle; reads then set their own.
+    void freshStates();
     std::chrono::milliseconds pollingPeriod() const;
 
     // nkr_focuser_link.cpp: a unit that goes away and comes back.
@@ -114,6 +133,8 @@ private:
     void defineUnitProperties();
     // Lists the units present (USB; Bluetooth too when asked, which takes seconds).
     void scanUnits(bool withBluetooth);
+    // NKR_UNITS from the last scan, the unit open here marked.
+    void showUnitList(IPState state);
     bool handleUnitSwitch(const char* name, ISState* states, char* names[], int n);
 
     // Both selector texts, trimmed, to tell a real change from a reload.
@@ -163,6 +184,11 @@ private:
     bool m_hasLed = false;
     bool m_hasErrorCodes = false;
     bool m_probeError = false;
+    // The temperature and state last sent: a reading is sent when it differs
+    // by the probe's resolution or more, or its state changes.
+    std::optional<double> m_sentTemperature;
+    IPState m_sentTemperatureState = IPS_IDLE;
+    bool m_loadingConfig = false;
 
     // Who moves the motor, as far as the driver knows.
     enum class Mover { None, Host, HandController };
@@ -192,6 +218,10 @@ private:
     // Poll interval while a move is under way: the end of a move is reported
     // within this (plus one exchange) of the motor stopping.
     static constexpr uint32_t kMotionPollMillis = 20;
+    // Near the expected end of a move the next look comes just after it, but
+    // not sooner than this.
+    static constexpr uint32_t kMinMotionPollMillis = 4;
+    uint32_t m_nextMotionPoll = kMotionPollMillis;
     // Poll interval while the unit is gone: each tick may look for it.
     static constexpr uint32_t kLostPollMillis = 250;
 };

@@ -6,6 +6,8 @@
 #include <cstdio>
 #include <cstring>
 #include <limits>
+#include <string>
+#include <vector>
 
 #include "NKR_focuser.h"
 #include "nkr_focuser.h"
@@ -18,13 +20,22 @@ constexpr int kControlBattery = 4;
 constexpr int kControlErrorCodes = 5;
 
 constexpr auto kPowerPollInterval = std::chrono::seconds(10);
-constexpr int kAliasLength = 8;
+// The probe reads in steps of about 0.1 degree.
+constexpr double kTemperatureResolution = 0.1;
+constexpr size_t kAliasLength = 8;
 
 enum BatteryField { kPercent, kVoltage, kChargeVoltage, kChargeCurrent, kDischargeCurrent,
                     kBatteryTemperature, kHealth };
 
 constexpr int kOn = INDI::BaseDevice::INDI_ENABLED;
 constexpr int kOff = INDI::BaseDevice::INDI_DISABLED;
+
+std::vector<double> sentValues(const INDI::PropertyNumber& property)
+{
+    std::vector<double> values;
+    for (const auto& element : property) values.push_back(element.getValue());
+    return values;
+}
 
 void fillOnOff(INDI::PropertySwitch& property, bool on)
 {
@@ -42,12 +53,12 @@ void NkrFocuser::initExtraProperties()
     m_infoTP[kSerial].fill("SERIAL", "Serial number", "");
     m_infoTP[kModel].fill("MODEL", "Model", "");
     m_infoTP[kLink].fill("LINK", "Link", "");
-    m_infoTP.fill(dev, "NKR_INFO", "Unit", INFO_TAB, IP_RO, 0, IPS_IDLE);
+    m_infoTP.fill(dev, "NKR_INFO", "Identity", INFO_TAB, IP_RO, 0, IPS_IDLE);
 
     m_aliasTP[0].fill("ALIAS", "Alias (8 characters)", "");
     m_aliasTP.fill(dev, "NKR_ALIAS", "Alias", INFO_TAB, IP_RW, 60, IPS_IDLE);
 
-    m_stepRangeNP[0].fill("RANGE", "Steps", "%.0f", 0, 600000, 0, 0);
+    m_stepRangeNP[0].fill("RANGE", "Range (steps)", "%.0f", 0, 600000, 0, 0);
     m_stepRangeNP.fill(dev, "NKR_STEP_RANGE", "Step range", INFO_TAB, IP_RO, 0, IPS_IDLE);
 
     m_beepSP[kOn].fill("INDI_ENABLED", "On", ISS_OFF);
@@ -62,13 +73,13 @@ void NkrFocuser::initExtraProperties()
     m_ledSP.fill(dev, "NKR_LED", "LED", OPTIONS_TAB, IP_RW, ISR_1OFMANY, 60, IPS_IDLE);
 
     m_batteryNP[kPercent].fill("PERCENT", "Charge (%)", "%.0f", 0, 100, 0, 0);
-    m_batteryNP[kVoltage].fill("VOLTAGE", "Voltage", "%.0f", 0, 65535, 0, 0);
-    m_batteryNP[kChargeVoltage].fill("CHARGE_VOLTAGE", "Charge voltage", "%.0f", 0, 65535, 0, 0);
-    m_batteryNP[kChargeCurrent].fill("CHARGE_CURRENT", "Charge current", "%.0f", 0, 65535, 0, 0);
-    m_batteryNP[kDischargeCurrent].fill("DISCHARGE_CURRENT", "Discharge current", "%.0f", 0,
+    m_batteryNP[kVoltage].fill("VOLTAGE", "Voltage (mV)", "%.0f", 0, 65535, 0, 0);
+    m_batteryNP[kChargeVoltage].fill("CHARGE_VOLTAGE", "Charging (mV)", "%.0f", 0, 65535, 0, 0);
+    m_batteryNP[kChargeCurrent].fill("CHARGE_CURRENT", "Charging (mA)", "%.0f", 0, 65535, 0, 0);
+    m_batteryNP[kDischargeCurrent].fill("DISCHARGE_CURRENT", "Drawn (mA)", "%.0f", 0,
                                         65535, 0, 0);
-    m_batteryNP[kBatteryTemperature].fill("TEMPERATURE", "Temperature (C)", "%.0f", -40, 87, 0, 0);
-    m_batteryNP[kHealth].fill("HEALTH", "Health", "%.0f", 0, 255, 0, 0);
+    m_batteryNP[kBatteryTemperature].fill("TEMPERATURE", "Temperature (°C)", "%.0f", -40, 87, 0, 0);
+    m_batteryNP[kHealth].fill("HEALTH", "Health (0-255)", "%.0f", 0, 255, 0, 0);
     m_batteryNP.fill(dev, "NKR_BATTERY", "Battery", INFO_TAB, IP_RO, 0, IPS_IDLE);
 
     m_errorCodesTP[0].fill("MOTOR", "Motor", "");
@@ -174,11 +185,17 @@ int NkrFocuser::pollTemperature()
     }
     const IPState state = rc == NKR_SUCCESS ? IPS_OK : IPS_ALERT;
     const double shown = std::isnan(celsius) ? m_temperatureNP[0].getValue() : celsius;
-    // Sent at every reading, changed or not: clients that log or track the
-    // temperature see it alive.
     m_temperatureNP[0].setValue(shown);
     m_temperatureNP.setState(state);
-    if (isConnected()) m_temperatureNP.apply();  // while connecting it is not defined yet
+    // Sent when it moved by the probe's resolution or its state changed, as
+    // INDI clients expect; while connecting it is not defined yet.
+    const bool changed = !m_sentTemperature || std::fabs(shown - *m_sentTemperature) >= kTemperatureResolution - 1e-6 ||
+                         state != m_sentTemperatureState;
+    if (isConnected() && changed) {
+        m_temperatureNP.apply();
+        m_sentTemperature = shown;
+        m_sentTemperatureState = state;
+    }
     return probeError ? NKR_SUCCESS : rc;
 }
 
@@ -192,6 +209,7 @@ void NkrFocuser::pollPowerState(bool now)
     if (m_hasBattery) {
         _NKR_BATTERY_INFO battery{};
         const int rc = NKRGetBatteryInfo(id, &battery);
+        const std::vector<double> values = sentValues(m_batteryNP);
         if (rc == NKR_SUCCESS) {
             m_batteryNP[kPercent].setValue(battery.battery_percentage);
             m_batteryNP[kVoltage].setValue(battery.battery_vol);
@@ -201,19 +219,25 @@ void NkrFocuser::pollPowerState(bool now)
             m_batteryNP[kBatteryTemperature].setValue(battery.battery_temp);
             m_batteryNP[kHealth].setValue(battery.battery_health);
         }
-        m_batteryNP.setState(rc == NKR_SUCCESS ? IPS_OK : IPS_ALERT);
-        if (!now) m_batteryNP.apply();
+        const IPState state = rc == NKR_SUCCESS ? IPS_OK : IPS_ALERT;
+        const bool changed = state != m_batteryNP.getState() || values != sentValues(m_batteryNP);
+        m_batteryNP.setState(state);
+        if (!now && changed) m_batteryNP.apply();
     }
     if (m_hasErrorCodes) {
         _NKR_ERROR_MSG codes{};
         const int rc = NKRGetErrorCode(id, &codes);
+        const std::string before = std::string(m_errorCodesTP[0].getText()) + '\n' + m_errorCodesTP[1].getText();
         if (rc == NKR_SUCCESS) {
             m_errorCodesTP[0].setText(std::string(codes.MotorErrCode, strnlen(codes.MotorErrCode, 3)));
             m_errorCodesTP[1].setText(
                 std::string(codes.BatteryErrCode, strnlen(codes.BatteryErrCode, 3)));
         }
-        m_errorCodesTP.setState(rc == NKR_SUCCESS ? IPS_OK : IPS_ALERT);
-        if (!now) m_errorCodesTP.apply();
+        const IPState state = rc == NKR_SUCCESS ? IPS_OK : IPS_ALERT;
+        const bool changed = state != m_errorCodesTP.getState() ||
+                             before != std::string(m_errorCodesTP[0].getText()) + '\n' + m_errorCodesTP[1].getText();
+        m_errorCodesTP.setState(state);
+        if (!now && changed) m_errorCodesTP.apply();
     }
 }
 
@@ -240,9 +264,10 @@ bool NkrFocuser::handleExtraNumber(const char* name, double values[], char* name
 {
     if (!m_forceNP.isNameMatch(name)) return false;
     const double previous = m_forceNP[0].getValue();
-    m_forceNP.update(values, names, n);
-    const int force = std::clamp(static_cast<int>(std::lround(m_forceNP[0].getValue())), 0, 15);
-    const bool ok = m_unit.isOpen() &&
+    // Outside 0..15 libindi refuses it and says so; the unit keeps its force.
+    const bool taken = m_forceNP.update(values, names, n);
+    const int force = static_cast<int>(std::lround(m_forceNP[0].getValue()));
+    const bool ok = taken && m_unit.isOpen() &&
                     succeeded(NKRSetMaxForce(m_unit.id(), force), "Setting the motor force");
     m_forceNP[0].setValue(ok ? force : previous);
     m_forceNP.setState(ok ? IPS_OK : IPS_ALERT);
@@ -255,10 +280,17 @@ bool NkrFocuser::handleExtraText(const char* name, char* texts[], char* names[],
     if (!m_aliasTP.isNameMatch(name)) return false;
     const std::string previous = m_aliasTP[0].getText();
     m_aliasTP.update(texts, names, n);
-    const std::string alias = std::string(m_aliasTP[0].getText()).substr(0, kAliasLength);
-    _NKR_ID record{};
-    std::memcpy(record.id, alias.data(), alias.size());
-    const bool ok = m_unit.isOpen() && succeeded(NKRSetID(m_unit.id(), record), "Setting the alias");
+    const std::string alias = m_aliasTP[0].getText();
+    bool ok = false;
+    if (alias.size() > kAliasLength) {
+        // Cut, it would name the unit other than asked.
+        LOGF_ERROR("The alias '%s' has %d characters; the unit keeps at most %d characters.", alias.c_str(),
+                   static_cast<int>(alias.size()), kAliasLength);
+    } else {
+        _NKR_ID record{};
+        std::memcpy(record.id, alias.data(), alias.size());
+        ok = m_unit.isOpen() && succeeded(NKRSetID(m_unit.id(), record), "Setting the alias");
+    }
     m_aliasTP[0].setText(ok ? alias : previous);
     m_aliasTP.setState(ok ? IPS_OK : IPS_ALERT);
     m_aliasTP.apply();

@@ -8,6 +8,7 @@
 #include <cmath>
 #include <memory>
 #include <cstdio>
+#include <cstring>
 #include <string>
 
 #include "NKR_focuser.h"
@@ -20,6 +21,20 @@ constexpr int kOff = INDI::BaseDevice::INDI_DISABLED;
 enum TempCompField { kCoefficient, kDeadband };
 enum Approach { kApproachOff, kApproachOut, kApproachIn };
 constexpr const char* kFocusTab = "Focus model";
+
+// A value outside the property's limits: libindi has said so and kept the
+// old values; the property shows them, Alert.
+bool refuseNumber(INDI::PropertyNumber& property)
+{
+    property.setState(IPS_ALERT);
+    property.apply();
+    return true;
+}
+
+std::string presetName(int k)
+{
+    return "Preset " + std::to_string(k + 1);
+}
 
 std::string number(double v)
 {
@@ -35,25 +50,25 @@ void NkrFocuser::initFocusProperties()
     const char* dev = getDeviceName();
     m_tempCompSP[kOn].fill("INDI_ENABLED", "On", ISS_OFF);
     m_tempCompSP[kOff].fill("INDI_DISABLED", "Off", ISS_ON);
-    m_tempCompSP.fill(dev, "FOCUS_TEMPERATURE_COMPENSATION", "Temp. compensation", kFocusTab, IP_RW, ISR_1OFMANY, 60,
+    m_tempCompSP.fill(dev, "FOCUS_TEMPERATURE_COMPENSATION", "Temp. comp", kFocusTab, IP_RW, ISR_1OFMANY, 60,
                       IPS_IDLE);
-    m_tempCompNP[kCoefficient].fill("COEFFICIENT", "Steps per degree C", "%.2f", -10000, 10000, 0.5, 0);
-    m_tempCompNP[kDeadband].fill("DEADBAND", "Dead band (C)", "%.2f", 0, 100, 0.1, 0.5);
-    m_tempCompNP.fill(dev, "FOCUS_TEMPERATURE_COMPENSATION_SETTINGS", "Compensation", kFocusTab, IP_RW, 60, IPS_IDLE);
+    m_tempCompNP[kCoefficient].fill("COEFFICIENT", "Steps per °C", "%.2f", -10000, 10000, 0.5, 0);
+    m_tempCompNP[kDeadband].fill("DEADBAND", "Dead band (°C)", "%.2f", 0, 100, 0.1, 0.5);
+    m_tempCompNP.fill(dev, "FOCUS_TEMPERATURE_COMPENSATION_SETTINGS", "Comp. model", kFocusTab, IP_RW, 60, IPS_IDLE);
     m_tempCompStateTP[0].fill("STATE", "State", "");
-    m_tempCompStateTP.fill(dev, "FOCUS_TEMPERATURE_COMPENSATION_STATE", "Compensation state", kFocusTab, IP_RO, 0,
+    m_tempCompStateTP.fill(dev, "FOCUS_TEMPERATURE_COMPENSATION_STATE", "Comp. state", kFocusTab, IP_RO, 0,
                            IPS_IDLE);
-    m_stepSizeNP[0].fill("MICRONS", "Microns per step", "%.3f", 0, 10000, 0.01, 0);
+    m_stepSizeNP[0].fill("MICRONS", "µm per step", "%.3f", 0, 10000, 0.01, 0);
     m_stepSizeNP.fill(dev, "FOCUS_STEP_SIZE", "Step size", kFocusTab, IP_RW, 60, IPS_IDLE);
     m_approachSP[kApproachOff].fill("OFF", "Off", ISS_ON);
     m_approachSP[kApproachOut].fill("OUTWARD", "End moving outward", ISS_OFF);
     m_approachSP[kApproachIn].fill("INWARD", "End moving inward", ISS_OFF);
-    m_approachSP.fill(dev, "FOCUS_FINAL_APPROACH", "Final approach", kFocusTab, IP_RW, ISR_1OFMANY, 60, IPS_IDLE);
+    m_approachSP.fill(dev, "FOCUS_FINAL_APPROACH", "Approach", kFocusTab, IP_RW, ISR_1OFMANY, 60, IPS_IDLE);
     m_approachNP[0].fill("OVERSHOOT", "Overshoot (steps)", "%.0f", 0, 100000, 10, 0);
     m_approachNP.fill(dev, "FOCUS_FINAL_APPROACH_OVERSHOOT", "Overshoot", kFocusTab, IP_RW, 60, IPS_IDLE);
     m_positionsSP.fill(dev, "NKR_POSITIONS", "Go to", kFocusTab, IP_RW, ISR_ATMOST1, 60, IPS_IDLE);
-    m_positionSaveTP[0].fill("NAME", "Name", "");
-    m_positionSaveTP.fill(dev, "NKR_POSITION_SAVE", "Save current as", kFocusTab, IP_RW, 60, IPS_IDLE);
+    m_positionSaveTP[0].fill("NAME", "Name of here", "");
+    m_positionSaveTP.fill(dev, "NKR_POSITION_SAVE", "Save as", kFocusTab, IP_RW, 60, IPS_IDLE);
 }
 
 void NkrFocuser::defineFocusProperties()
@@ -89,12 +104,12 @@ void NkrFocuser::readFocusSettings()
     const int approach = !s.approach.enabled ? kApproachOff : s.approach.direction > 0 ? kApproachOut : kApproachIn;
     for (int k = 0; k < 3; ++k) m_approachSP[k].setState(k == approach ? ISS_ON : ISS_OFF);
     m_approachNP[0].setValue(s.approach.overshoot);
-    // The standard presets are the named positions "Preset 1" to "Preset 3".
+    // The standard presets are the named positions "Preset 1" to "Preset 3"
+    // (0: empty). Set, not sent: at connect they are not defined yet.
     for (int k = 0; k < 3; ++k) {
-        auto it = s.positions.find("Preset " + std::to_string(k + 1));
+        auto it = s.positions.find(presetName(k));
         PresetN[k].value = it != s.positions.end() ? it->second : 0;
     }
-    IDSetNumber(&PresetNP, nullptr);
 }
 
 void NkrFocuser::listPositions()
@@ -124,7 +139,7 @@ void NkrFocuser::tickTempComp()
     if (state != m_tempCompStateTP[0].getText()) {
         m_tempCompStateTP[0].setText(state);
         m_tempCompStateTP.setState(m_tempComp->state() == nkrhost::TempCompRunner::State::Paused ? IPS_ALERT : IPS_OK);
-        m_tempCompStateTP.apply();
+        if (isConnected()) m_tempCompStateTP.apply();  // while connecting it is not defined yet
     }
 }
 
@@ -159,16 +174,66 @@ bool NkrFocuser::handleFocusSwitch(const char* name, ISState* states, char* name
         int target = 0;
         IPState state = IPS_ALERT;
         if (k >= 0 && static_cast<size_t>(k) < m_positionNames.size() &&
-            succeeded(m_unit.unit().namedPosition(m_positionNames[static_cast<size_t>(k)], target))) {
+            succeeded(m_unit.unit().namedPosition(m_positionNames[static_cast<size_t>(k)], target)))
             state = startMove(target);
-            FocusAbsPosNP.s = state;
-            IDSetNumber(&FocusAbsPosNP, nullptr);
-        }
         m_positionsSP.setState(state == IPS_ALERT ? IPS_ALERT : IPS_OK);
         m_positionsSP.apply();
         return true;
     }
+    if (std::strcmp(name, PresetGotoSP.name) == 0) return gotoPreset(states, names, n);
     return false;
+}
+
+bool NkrFocuser::gotoPreset(ISState* states, char* names[], int n)
+{
+    IUUpdateSwitch(&PresetGotoSP, states, names, n);
+    const int k = IUFindOnSwitchIndex(&PresetGotoSP);
+    IUResetSwitch(&PresetGotoSP);
+    IPState state = IPS_ALERT;
+    if (k < 0 || k > 2 || !isConnected()) {
+        // Nothing chosen, or nothing to move.
+    } else if (PresetN[k].value <= 0) {
+        LOGF_ERROR("%s is empty: store a position in it first.", presetName(k).c_str());
+    } else {
+        state = startMove(std::llround(PresetN[k].value));
+    }
+    PresetGotoSP.s = state == IPS_ALERT ? IPS_ALERT : IPS_OK;
+    IDSetSwitch(&PresetGotoSP, nullptr);
+    return true;
+}
+
+bool NkrFocuser::handlePresets(double values[], char* names[], int n)
+{
+    // The configuration's copy is not applied: the presets are kept in the
+    // host settings, which hold the latest (another program may have changed
+    // them), and a 0 there is an unused slot, not a request to empty it.
+    if (m_loadingConfig || !isConnected()) return true;
+    bool ok = true;
+    bool changed = false;
+    for (int i = 0; i < n; ++i)
+        for (int k = 0; k < 3; ++k) {
+            if (std::strcmp(names[i], PresetN[k].name) != 0) continue;
+            const long long wanted = std::llround(values[i]);
+            if (wanted == std::llround(PresetN[k].value)) continue;
+            if (wanted < 0 || wanted > PresetN[k].max) {
+                LOGF_ERROR("%s: %lld is outside 0..%.0f (0 empties it).", presetName(k).c_str(), wanted,
+                           PresetN[k].max);
+                ok = false;
+                continue;
+            }
+            const nkrhost::Status done = wanted == 0 ? m_unit.unit().removePosition(presetName(k))
+                                                     : m_unit.unit().savePosition(presetName(k), wanted);
+            if (!succeeded(done)) {
+                ok = false;
+                continue;
+            }
+            PresetN[k].value = static_cast<double>(wanted);
+            changed = true;
+        }
+    PresetNP.s = ok ? IPS_OK : IPS_ALERT;
+    IDSetNumber(&PresetNP, nullptr);
+    if (changed) listPositions();
+    return true;
 }
 
 bool NkrFocuser::handleFocusNumber(const char* name, double values[], char* names[], int n)
@@ -176,35 +241,19 @@ bool NkrFocuser::handleFocusNumber(const char* name, double values[], char* name
     std::string patch;
     INDI::PropertyNumber* property = nullptr;
     if (m_tempCompNP.isNameMatch(name)) {
-        m_tempCompNP.update(values, names, n);
+        if (!m_tempCompNP.update(values, names, n)) return refuseNumber(m_tempCompNP);
         property = std::addressof(m_tempCompNP);
         patch = R"({"temp_comp": {"coefficient": )" + number(m_tempCompNP[kCoefficient].getValue()) +
                 R"(, "deadband": )" + number(m_tempCompNP[kDeadband].getValue()) + "}}";
     } else if (m_stepSizeNP.isNameMatch(name)) {
-        m_stepSizeNP.update(values, names, n);
+        if (!m_stepSizeNP.update(values, names, n)) return refuseNumber(m_stepSizeNP);
         property = std::addressof(m_stepSizeNP);
         const double v = m_stepSizeNP[0].getValue();
         patch = v > 0 ? R"({"step_size_um": )" + number(v) + "}" : R"({"step_size_um": null})";
     } else if (m_approachNP.isNameMatch(name)) {
-        m_approachNP.update(values, names, n);
+        if (!m_approachNP.update(values, names, n)) return refuseNumber(m_approachNP);
         property = std::addressof(m_approachNP);
         patch = R"({"approach": {"overshoot": )" + std::to_string(std::lround(m_approachNP[0].getValue())) + "}}";
-    } else if (std::string(name) == PresetNP.name) {
-        // A preset is the named position "Preset N", shared with the other front-ends.
-        bool ok = m_unit.isOpen();
-        for (int i = 0; i < n && ok; ++i)
-            for (int k = 0; k < 3; ++k)
-                if (std::string(names[i]) == PresetN[k].name) {
-                    const std::string label = "Preset " + std::to_string(k + 1);
-                    ok = succeeded(values[i] > 0 ? m_unit.unit().savePosition(label, std::llround(values[i]))
-                                                 : m_unit.unit().removePosition(label)) ||
-                         values[i] <= 0;
-                    if (ok) PresetN[k].value = values[i];
-                }
-        PresetNP.s = ok ? IPS_OK : IPS_ALERT;
-        IDSetNumber(&PresetNP, nullptr);
-        if (m_unit.isOpen()) listPositions();
-        return true;
     } else {
         return false;
     }

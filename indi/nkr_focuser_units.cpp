@@ -7,20 +7,37 @@
 
 namespace {
 
+// INDI keeps 63 characters of a label.
+constexpr size_t kLabelLength = 63;
+
+// Cut at the last space that leaves room for "...", never inside a word.
+std::string cutAtWord(const std::string& text, size_t room)
+{
+    if (text.size() <= room) return text;
+    if (room < 4) return {};
+    const size_t space = text.rfind(' ', room - 3);
+    return text.substr(0, space == std::string::npos ? 0 : space) + "...";
+}
+
+// What tells the unit apart (serial number, or Bluetooth name and address)
+// and its link stay whole; the rest gives way, in order: the alias, the
+// model, the holder's process id, then the holder's name at a word.
 std::string unitLabel(const nkrindi::FoundUnit& unit)
 {
     const nkrhost::SeenUnit& s = unit.seen;
-    std::string label;
-    if (s.link == nkrhost::Link::Ble) {
-        label = s.bleName + " " + s.bleAddress + " (Bluetooth)";
-    } else {
-        label = (s.model.empty() ? std::string("NKR") : s.model) + (s.serial.empty() ? " (no serial)" : " " + s.serial);
-        if (!s.alias.empty()) label += " '" + s.alias + "'";
-        label += " (USB)";
+    const bool ble = s.link == nkrhost::Link::Ble;
+    const std::string id = ble ? s.bleName + " " + s.bleAddress : s.serial.empty() ? "(no serial)" : s.serial;
+    const std::string link = ble ? " (Bluetooth)" : " (USB)";
+    const std::string model = ble ? "" : (s.model.empty() ? std::string("NKR") : s.model) + " ";
+    const std::string alias = s.alias.empty() || ble ? "" : " '" + s.alias + "'";
+    std::string holder = unit.own || unit.holder.empty() ? "" : unit.holder;
+    const std::string state = unit.own ? ", connected here" : holder.empty() ? "" : ", held by ";
+    for (const std::string& label : {model + id + alias + link, model + id + link, id + link}) {
+        if (label.size() + state.size() + holder.size() <= kLabelLength) return label + state + holder;
     }
-    if (unit.own) label += ", connected here";
-    else if (!unit.holder.empty()) label += ", in use by " + unit.holder;
-    return label;
+    const std::string base = id + link + state;
+    if (const size_t pid = holder.rfind(" (pid "); pid != std::string::npos) holder.erase(pid);
+    return base + cutAtWord(holder, kLabelLength > base.size() ? kLabelLength - base.size() : 0);
 }
 
 }  // namespace
@@ -30,7 +47,7 @@ void NkrFocuser::initUnitProperties()
     const char* dev = getDeviceName();
     m_unitSelectTP[kUsbSelector].fill("USB", "USB serial or alias", "");
     m_unitSelectTP[kBleSelector].fill("BLE", "Bluetooth name or address", "");
-    m_unitSelectTP.fill(dev, "NKR_UNIT", "Unit", CONNECTION_TAB, IP_RW, 60, IPS_IDLE);
+    m_unitSelectTP.fill(dev, "NKR_UNIT", "Unit choice", CONNECTION_TAB, IP_RW, 60, IPS_IDLE);
 
     m_unitListSP.fill(dev, "NKR_UNITS", "Units found", CONNECTION_TAB, IP_RW, ISR_ATMOST1, 60,
                       IPS_IDLE);
@@ -43,13 +60,8 @@ void NkrFocuser::defineUnitProperties()
 {
     defineProperty(m_unitSelectTP);
     defineProperty(m_unitScanSP);
-    // Every client asks for the properties; the saved choice is read and the
-    // units are listed once. Bluetooth units are listed on a refresh (a scan
-    // takes seconds).
-    if (m_unitChoiceLoaded) {
-        defineProperty(m_unitListSP);
-        return;
-    }
+    // Once, at the first request: the saved choice is read and the units are
+    // listed. Bluetooth units are listed on a refresh (a scan takes seconds).
     m_unitChoiceLoaded = true;
     loadConfig(true, m_unitSelectTP.getName());
     scanUnits(false);
@@ -61,17 +73,26 @@ void NkrFocuser::scanUnits(bool withBluetooth)
     // Identifying a unit leaves it open (a close would stop another
     // instance's motor), so a scan never disturbs a unit in use.
     m_found = nkrindi::scanUnits(withBluetooth, problem);
+    showUnitList(problem.empty() ? IPS_OK : IPS_ALERT);
+    if (!problem.empty()) LOGF_WARN("%s.", problem.c_str());
+    else LOGF_INFO("%d unit(s) found.", static_cast<int>(m_found.size()));
+}
+
+void NkrFocuser::showUnitList(IPState state)
+{
+    // The unit open here is marked, and its switch is on.
+    for (nkrindi::FoundUnit& unit : m_found) unit.own = false;
     if (m_unit.isOpen()) {
         const nkrhost::SeenUnit mine = nkrhost::seenFrom(m_unit.unit().identity());
         for (nkrindi::FoundUnit& unit : m_found)
-            if (unit.seen.link == mine.link &&
-                (mine.link == nkrhost::Link::Ble ? unit.seen.bleAddress == mine.bleAddress
-                                                 : !mine.serial.empty() ? unit.seen.serial == mine.serial
-                                                                        : unit.seen.slot == mine.slot))
-                unit.own = true;
+            unit.own = unit.seen.link == mine.link &&
+                       (mine.link == nkrhost::Link::Ble ? unit.seen.bleAddress == mine.bleAddress
+                                                        : !mine.serial.empty() ? unit.seen.serial == mine.serial
+                                                                               : unit.seen.slot == mine.slot);
     }
 
-    deleteProperty(m_unitListSP.getName());
+    // Labels change: the list is defined anew (only when it was defined).
+    if (getProperty(m_unitListSP.getName()).isValid()) deleteProperty(m_unitListSP.getName());
     m_unitListSP.resize(m_found.size());
     const std::string chosenUsb = nkrhost::trimmed(m_unitSelectTP[kUsbSelector].getText());
     const std::string chosenBle = nkrhost::trimmed(m_unitSelectTP[kBleSelector].getText());
@@ -79,20 +100,18 @@ void NkrFocuser::scanUnits(bool withBluetooth)
         const nkrindi::FoundUnit& unit = m_found[i];
         const bool ble = unit.seen.link == nkrhost::Link::Ble;
         const std::string& chosenText = ble ? chosenBle : chosenUsb;
-        const bool chosen = (ble || chosenBle.empty()) && !chosenText.empty() &&
+        const bool chosen = !m_unit.isOpen() && (ble || chosenBle.empty()) && !chosenText.empty() &&
                             nkrhost::resolveUnit(chosenText, {unit.seen}).status.ok();
         const std::string name = "UNIT_" + std::to_string(i);
-        m_unitListSP[i].fill(name.c_str(), unitLabel(unit).c_str(), chosen ? ISS_ON : ISS_OFF);
+        m_unitListSP[i].fill(name.c_str(), unitLabel(unit).c_str(), chosen || unit.own ? ISS_ON : ISS_OFF);
     }
     if (m_found.empty()) {
         // A vector needs an element; this one chooses nothing.
         m_unitListSP.resize(1);
         m_unitListSP[0].fill("NONE", "No unit found", ISS_OFF);
     }
-    m_unitListSP.setState(problem.empty() ? IPS_OK : IPS_ALERT);
+    m_unitListSP.setState(state);
     defineProperty(m_unitListSP);
-    if (!problem.empty()) LOGF_WARN("%s.", problem.c_str());
-    else LOGF_INFO("%d unit(s) found.", static_cast<int>(m_found.size()));
 }
 
 bool NkrFocuser::handleUnitSwitch(const char* name, ISState* states, char* names[], int n)
@@ -128,7 +147,7 @@ bool NkrFocuser::handleUnitSwitch(const char* name, ISState* states, char* names
     m_unitListSP.setState(IPS_OK);
     m_unitListSP.apply();
     if (!unit.holder.empty() && !unit.own)
-        LOGF_WARN("That unit is in use by %s; connecting will be refused while it is.", unit.holder.c_str());
+        LOGF_WARN("That unit is held by %s; connecting will be refused while it is.", unit.holder.c_str());
     if (isConnected() && unitChoice() != before)
         LOG_INFO("The new unit choice takes effect at the next connect.");
     return true;

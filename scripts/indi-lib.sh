@@ -215,3 +215,18 @@ wait_for_message()
         sleep 0.1
     done
 }
+
+# unit_labels <device>: the labels of that instance's NKR_UNITS, one a line.
+unit_labels()
+{
+    python3 - "$root/scripts" "$port" "$1" <<'PY' || fail "could not read the unit list of '$1'"
+import sys
+sys.dont_write_bytecode = True
+sys.path.insert(0, sys.argv[1])
+from indi_wire import Client, is_vector
+client = Client(int(sys.argv[2]), sys.argv[3])
+client.get_properties("NKR_UNITS")
+for unit in client.wait(lambda e: is_vector(e, "NKR_UNITS", device=sys.argv[3]), 5, "NKR_UNITS"):
+    print(unit.get("label"))
+PY
+}
