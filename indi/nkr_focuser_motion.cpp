@@ -9,6 +9,7 @@
 
 #include "NKR_focuser.h"
 #include "nkr_focuser.h"
+#include "nkrhost/setting_catalogue.h"
 
 namespace {
 
@@ -200,9 +201,9 @@ bool NkrFocuser::refuseBacklash(const char* name, double values[], int n)
 {
     if (std::strcmp(name, FocusBacklashNP.name) != 0 || n < 1 || values == nullptr) return false;
     const double wanted = values[0];
-    if (wanted >= nkrhost::kBacklashRange.low && wanted <= nkrhost::kBacklashRange.high) return false;
-    LOGF_ERROR("Backlash %g steps refused: the unit takes %g to %g steps; it keeps %d.", wanted,
-               nkrhost::kBacklashRange.low, nkrhost::kBacklashRange.high, m_backlashSteps);
+    const nkrhost::Status allowed = nkrhost::checkSettingNumber(*nkrhost::findSetting("backlash"), wanted);
+    if (allowed.ok()) return false;
+    LOGF_ERROR("Backlash refused: %s; the unit keeps %d.", allowed.message.c_str(), m_backlashSteps);
     FocusBacklashNP.s = IPS_ALERT;
     IDSetNumber(&FocusBacklashNP, nullptr);
     return true;

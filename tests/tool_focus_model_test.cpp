@@ -83,7 +83,7 @@ TEST_F(ToolTest, ToolFitReadsTheRunsHoweverTheHeaderIsWritten)
     EXPECT_EQ(folder.err.find("is empty"), std::string::npos) << folder.err;
 }
 
-TEST_F(ToolTest, ToolTempCompOffSaysWhatTheProgramHoldingTheUnitDoes)
+TEST_F(ToolTest, ToolTempCompOffIsTheHoldersAndFollowLeavesItAsItWas)
 {
 #ifdef NKR_TOOL_PATH
     ASSERT_EQ(run("set 1 temp-coefficient=-5").status, 0);
@@ -92,17 +92,20 @@ TEST_F(ToolTest, ToolTempCompOffSaysWhatTheProgramHoldingTheUnitDoes)
     ToolRun held = run("--json tempcomp 1 status");
     EXPECT_NE(held.out.find("\"compensated_by\":\"nkr tempcomp --follow"), std::string::npos) << held.out;
 
+    // Switching compensation off drives the unit: refused to any program but
+    // the holder, naming it, and nothing changes.
     ToolRun off = run("tempcomp 1 off");
-    ASSERT_EQ(off.status, 0) << off.err;
-    const std::string said = flat(off.out);
-    EXPECT_NE(said.find("compensation ......"), std::string::npos) << said;
-    EXPECT_NE(said.find(" off "), std::string::npos) << said;
-    EXPECT_EQ(said.find("compensated by"), std::string::npos) << "off, yet still 'compensated by': " << said;
-    ToolRun after = run("--json tempcomp 1 status");
-    EXPECT_EQ(jsonRaw(after.out, "compensated_by"), "null") << after.out;
-    EXPECT_TRUE(follower.waitForLine("compensation off")) << "the follower let go";
+    EXPECT_EQ(off.status, 1) << off.err;
+    EXPECT_NE(off.err.find("is held by nkr tempcomp"), std::string::npos) << off.err;
+    ToolRun still = run("--json tempcomp 1 status");
+    EXPECT_NE(still.out.find("\"compensated_by\":\"nkr tempcomp --follow"), std::string::npos) << still.out;
+    EXPECT_EQ(jsonRaw(still.out, "enabled"), "true") << still.out;
     follower.sendSignal(SIGINT);
     follower.finish();
+    // The follower switched compensation on for as long as it ran, no longer.
+    ToolRun after = run("--json tempcomp 1 status");
+    EXPECT_EQ(jsonRaw(after.out, "enabled"), "false") << after.out;
+    EXPECT_EQ(jsonRaw(after.out, "compensated_by"), "null") << after.out;
 #endif
 }
 

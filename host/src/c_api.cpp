@@ -139,8 +139,14 @@ void nkr_host_free(nkr_host_unit* unit, int close)
     try {
         {
             std::lock_guard lock(unit->mutex);
-            // A program that never held the unit leaves it as it found it.
-            if (close == 0 || !unit->session) unit->unit().keepOpen();
+            // A program that never held a USB unit leaves it as it found it
+            // (a close would stop another program's move and write to the
+            // unit), unless it is gone: then the close frees its slot. A
+            // Bluetooth link this program made is its own to drop.
+            Unit& u = unit->unit();
+            int position = 0;
+            const bool gone = u.link() == Link::Usb && meansGone(Link::Usb, NKRGetPosition(u.slot(), &position));
+            if (close == 0 || (!unit->session && u.link() == Link::Usb && !gone)) u.keepOpen();
             // Closing stops the motor: the carrier of a move ends with it.
             if (close != 0 && unit->session && unit->session->moving()) unit->session->stop();
         }

@@ -75,6 +75,7 @@ TEST(Catalogue, KindsThatFrontEndsMapToTheirConventions)
         {kBadSetting, K::BadArgument},
         {kSettingsFile, K::Internal},
         {kUpdatePending, K::Refused},
+        {kMoveNotArrived, K::Busy},
         {12345, K::Internal},
     };
     EXPECT_EQ(expected.size(), errorCatalogue().size() + 1) << "a code without its kind here";
