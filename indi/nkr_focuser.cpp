@@ -229,12 +229,9 @@ bool NkrFocuser::saveConfigItems(FILE* fp)
 {
     INDI::Focuser::saveConfigItems(fp);
     m_unitSelectTP.save(fp);
-    // Saved with the configuration; read back from the host settings at connect.
-    m_tempCompSP.save(fp);
-    m_tempCompNP.save(fp);
-    m_stepSizeNP.save(fp);
-    m_approachSP.save(fp);
-    m_approachNP.save(fp);
+    // Compensation, step size, the final approach, named positions and the
+    // maximum live in the host settings, which every program shares: they
+    // are read from there at connect and never from this file.
     return true;
 }
 
@@ -256,9 +253,21 @@ bool NkrFocuser::ISNewText(const char* dev, const char* name, char* texts[], cha
     return INDI::Focuser::ISNewText(dev, name, texts, names, n);
 }
 
+// What the host settings hold: a configuration file (an older one, or one
+// Ekos loads at its first connect) must not set it back over another
+// program's change.
+bool NkrFocuser::keptInHostSettings(const char* name) const
+{
+    for (const char* kept : {FocusMaxPosNP.name, m_tempCompSP.getName(), m_tempCompNP.getName(),
+                             m_stepSizeNP.getName(), m_approachSP.getName(), m_approachNP.getName()})
+        if (std::strcmp(name, kept) == 0) return true;
+    return false;
+}
+
 bool NkrFocuser::ISNewNumber(const char* dev, const char* name, double values[], char* names[],
                              int n)
 {
+    if (m_loadingConfig && keptInHostSettings(name)) return true;
     if (dev != nullptr && std::strcmp(dev, getDeviceName()) == 0 &&
         (handleMoveNumber(name, values, names, n) || refuseBacklash(name, values, n) ||
          handleMaxNumber(name, values, n) ||
@@ -272,6 +281,7 @@ bool NkrFocuser::ISNewNumber(const char* dev, const char* name, double values[],
 bool NkrFocuser::ISNewSwitch(const char* dev, const char* name, ISState* states, char* names[],
                              int n)
 {
+    if (m_loadingConfig && keptInHostSettings(name)) return true;
     if (dev != nullptr && std::strcmp(dev, getDeviceName()) == 0 &&
         (handleExtraSwitch(name, states, names, n) || handleUnitSwitch(name, states, names, n) ||
          handleFocusSwitch(name, states, names, n)))

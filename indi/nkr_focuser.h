@@ -127,6 +127,9 @@ private:
     // What other programs changed in the host settings (the maximum) reaches
     // the unit and this panel: one look of the unit's session.
     void followHostSettings();
+    // A property whose values live in the host settings file, not in the
+    // driver's configuration.
+    bool keptInHostSettings(const char* name) const;
 
     // nkr_focuser_units.cpp: unit list, unit choice, own position record.
     void initUnitProperties();
@@ -191,7 +194,7 @@ private:
     bool m_loadingConfig = false;
 
     // Who moves the motor, as far as the driver knows.
-    enum class Mover { None, Host, HandController };
+    enum class Mover { None, Host, HandController, Compensation };
 
     // Motion bookkeeping between polls. A move the driver made is followed
     // by the host layer's follow loop (one leg, or two for a final approach).

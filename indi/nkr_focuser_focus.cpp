@@ -135,6 +135,15 @@ void NkrFocuser::tickTempComp()
     std::vector<std::string> log;
     m_tempComp->tick(log);
     for (const std::string& line : log) LOGF_INFO("%s.", line.c_str());
+    // A correction is a move like any other: Busy until the motor stops, so
+    // a client can tell the focuser moved during an exposure.
+    if (m_tempComp->correcting() && m_mover == Mover::None && isConnected()) {
+        m_mover = Mover::Compensation;
+        m_lastProgress = std::chrono::steady_clock::now();
+        FocusAbsPosNP.s = IPS_BUSY;
+        IDSetNumber(&FocusAbsPosNP, nullptr);
+        schedulePoll();
+    }
     const std::string state = m_tempComp->describe();
     if (state != m_tempCompStateTP[0].getText()) {
         m_tempCompStateTP[0].setText(state);

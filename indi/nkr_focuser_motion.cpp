@@ -85,7 +85,9 @@ IPState NkrFocuser::startMove(int64_t target, bool relative)
         // The running move stays followed and Busy; the client is answered
         // with it.
         LOGF_ERROR("The focuser is moving%s; abort that move before the next.",
-                   m_mover == Mover::HandController ? " by the hand controller" : "");
+                   m_mover == Mover::HandController ? " by the hand controller"
+                   : m_mover == Mover::Compensation ? " for temperature compensation"
+                                                     : "");
         if (relative && FocusRelPosNP.s != IPS_BUSY) {
             FocusRelPosNP.s = IPS_ALERT;
             IDSetNumber(&FocusRelPosNP, nullptr);
