@@ -132,6 +132,21 @@ TEST_F(ToolTest, ToolWaitBlocksUntilTheMotorStandsStill)
     EXPECT_EQ(run("wait 1 --timeout 5").status, 0);
 }
 
+TEST_F(ToolTest, ToolMoveWithoutWaitIsCarriedToItsEndFinalApproachIncluded)
+{
+    ASSERT_EQ(run("set 1 approach=out approach-overshoot=300").status, 0);
+    ToolRun started = run("move 1 29000 --no-wait");
+    ASSERT_EQ(started.status, 0) << started.err;
+    // The process carrying the move holds the unit until the move has ended.
+    ToolRun refused = run("move 1 100");
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_NE(refused.err.find("is held by nkr move"), std::string::npos) << refused.err;
+    // wait sees the whole move, not the stand between the two legs.
+    ToolRun waited = run("--json wait 1 --timeout 30");
+    ASSERT_EQ(waited.status, 0) << waited.err;
+    EXPECT_EQ(jsonInt(waited.out, "position"), 29000) << "the second leg, from below, was run";
+}
+
 TEST_F(ToolTest, ToolSetAppliesNothingUnlessEveryKeyFits)
 {
     // The older unit has no LED: the backlash before it is not applied either.

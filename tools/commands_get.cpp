@@ -16,6 +16,7 @@
 #include "interrupt.h"
 #include "output.h"
 #include "session.h"
+#include "nkrhost/session.h"
 #include "unit_info.h"
 
 namespace nkrtool {
@@ -197,7 +198,10 @@ int runWait(const WaitOptions& options, const GlobalOptions& globals)
     for (;;) {
         bool moving = false, hand = false;
         check(NKRIsMoving(unit.id(), &moving, &hand), "reading whether " + unit.label() + " moves");
-        if (!moving) break;
+        // A move started with --no-wait is carried by an `nkr move` that
+        // holds the unit to its end: between the legs of a final approach
+        // the motor stands for a moment, and the move is not over.
+        if (!moving && nkrhost::unitHolder(unit.unit().key()).rfind("nkr move", 0) != 0) break;
         if (options.timeoutSeconds > 0 && std::chrono::steady_clock::now() >= deadline) {
             int position = 0;
             NKRGetPosition(unit.id(), &position);

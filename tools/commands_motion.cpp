@@ -7,6 +7,7 @@
 #include "commands.h"
 #include "errors.h"
 #include "interrupt.h"
+#include "move_carrier.h"
 #include "move_follow.h"
 #include "output.h"
 #include "session.h"
@@ -47,7 +48,12 @@ int runMove(const MoveOptions& options, const GlobalOptions& globals)
     UnitTarget target = takeTarget(args, globals.ble, globals.bleScanSeconds);
     std::string stepText = takeValue(args, "STEP (a position, or +N / -N steps)");
     parseNumber(stepText, "step");  // a bad number is refused before the unit is opened
-    UnitSession unit(target);
+    // Not waiting: checked here, then carried by a process of its own that holds the unit.
+    UnitSession unit(target, options.noWait ? UnitSession::Access::ReadOnly : UnitSession::Access::Drive);
+    if (options.noWait) {
+        const std::string holder = nkrhost::unitHolder(unit.unit().key());
+        if (!holder.empty()) fail(nkrhost::heldElsewhere(unit.unit().key(), holder));
+    }
 
     int start = readPosition(unit);
     bool relative = false;
@@ -58,9 +64,9 @@ int runMove(const MoveOptions& options, const GlobalOptions& globals)
     const int goal = static_cast<int>(wanted);
 
     if (options.noWait) {
-        fail(unit.session().moveTo(goal));
-        // Closing the unit would stop the motor: leave it running.
-        unit.leaveOpen();
+        // The final approach's second leg, if any, is the carrier's to run.
+        const std::string problem = startMoveCarrier(unit.unit().key());
+        if (!problem.empty()) throw ToolError(problem, -1, kExitDeviceError);
         if (jsonMode())
             emitJson(eventJson("started", unit.id())
                          .set("start", start)
@@ -134,7 +140,8 @@ Command addMoveCommand(CLI::App& app, const GlobalOptions& globals)
     sub->add_option("STEP", options->step,
                     "Target: a position, or +N / -N steps from the current one");
     sub->add_flag("--no-wait", options->noWait,
-                  "Start the move and return at once; the motor keeps running after the tool exits");
+                  "Start the move and return at once; a process of its own carries it to its end (final "
+                  "approach included) and holds the unit meanwhile");
     sub->footer("Examples:\n  nkr move 0 12000\n  nkr move 0 +500\n  nkr move 0 -500\n"
                 "  nkr move 0 20000 --no-wait\n  nkr --ble \"NKR Pro_A1B2\" move 15000");
     return {sub, [options, &globals] { return runMove(*options, globals); }, false};

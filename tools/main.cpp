@@ -17,6 +17,7 @@
 #include "errors.h"
 #include "interrupt.h"
 #include "output.h"
+#include "move_carrier.h"
 #include "session.h"
 #include "nkrhost/settings.h"
 #include "nkrhost/simulation.h"
@@ -256,6 +257,7 @@ int main(int argc, char** argv)
 {
     // Before anything can start a thread, so that only the watcher takes them.
     blockTerminatingSignals();
+    rememberCommandLine(argc, argv);
     CLI::App app{kDescription, "nkr"};
     app.set_version_flag("--version",
                          std::string("nkr ") + NKR_TOOL_VERSION + " (SDK version " + get_NKR_SDK_Ver() + ")");
