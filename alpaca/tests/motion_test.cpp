@@ -61,5 +61,28 @@ TEST_F(AlpacaTest, UnpluggedUnitAnswersNotConnectedAndComesBackWhenReplugged)
     EXPECT_EQ(get(device(1, "position"))["Value"], 30000);
 }
 
+TEST_F(AlpacaTest, AFailedConnectDuringAnOutageKeepsTheUnitWantedAndALateUnitGetsANumber)
+{
+    connect(0);
+    nkrsim::unplug(unitA_);
+    EXPECT_EQ(get(device(0, "position"))["ErrorNumber"], 0x407);
+    EXPECT_EQ(put(device(0, "connected"), "Connected=true")["ErrorNumber"], 0x407) << "no unit to connect yet";
+    // Plugged in again: the server's own looks bring it back, nobody asks again.
+    nkrsim::replug(unitA_);
+    registry_->tick(Clock::now() + std::chrono::minutes(1));
+    EXPECT_EQ(get(device(0, "connected"))["Value"], true) << lastBody_;
+    EXPECT_EQ(get(device(0, "position"))["ErrorNumber"], 0) << lastBody_;
+
+    // A unit switched on after the server started joins with a number of its own.
+    nkrsim::UnitSpec late;
+    late.serial = {0x12, 0x34, 0x56, 0x78, 0x9A, 0xBC, 0xDE, 0x77};
+    nkrsim::addUnit(late);
+    registry_->tick(Clock::now() + std::chrono::minutes(1));
+    json devices = get("/management/v1/configureddevices")["Value"];
+    ASSERT_EQ(devices.size(), 3u) << devices.dump();
+    EXPECT_EQ(devices[2]["DeviceNumber"], 2);
+    EXPECT_EQ(devices[2]["UniqueID"], "nkr-focuser-123456789ABCDE77");
+}
+
 }  // namespace
 }  // namespace alpaca::test

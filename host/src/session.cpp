@@ -304,7 +304,7 @@ void Session::tick(Clock::time_point now, std::vector<std::string>& log)
 {
     if (m_unit->gone()) {
         if (m_goneSince == std::chrono::system_clock::time_point{}) noteGone(NKR_ERROR_REMOVED, log);
-        if (!m_unit->backoff().due(Clock::now())) return;
+        if (!m_unit->backoff().due(now)) return;
         if (!m_unit->reconnect().ok()) return;
         m_goneSince = {};
         m_backAt = now;
