@@ -28,7 +28,9 @@ std::string claimPath(const std::string& purpose, const std::string& unitKey)
     return dir + "/" + name + ".lock";
 }
 
-std::string readText(const std::string& path)
+}  // namespace
+
+std::string readClaimText(const std::string& path)
 {
     const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
     if (fd < 0) return {};
@@ -37,8 +39,6 @@ std::string readText(const std::string& path)
     ::close(fd);
     return n > 0 ? std::string(buffer, static_cast<std::size_t>(n)) : std::string();
 }
-
-}  // namespace
 
 std::string claimDirectory()
 {
@@ -59,7 +59,7 @@ Status UnitClaim::take(const std::string& purpose, const std::string& unitKey, c
     if (fd < 0) return {};
     if (::flock(fd, LOCK_EX | LOCK_NB) != 0) {
         ::close(fd);
-        std::string who = readText(path);
+        std::string who = readClaimText(path);
         if (who.empty()) who = "another program";
         return Status::failure(kUnitInUse, "the unit " + unitKey + " is in use by " + who);
     }
@@ -86,7 +86,7 @@ std::string UnitClaim::holder(const std::string& purpose, const std::string& uni
     const bool free = ::flock(fd, LOCK_SH | LOCK_NB) == 0;
     ::close(fd);
     if (free) return {};
-    std::string who = readText(path);
+    std::string who = readClaimText(path);
     return who.empty() ? std::string("another program") : who;
 }
 

@@ -91,13 +91,7 @@ std::string stoppedBy(const std::string& unitKey, std::chrono::system_clock::tim
     const auto written = std::chrono::system_clock::time_point(
         std::chrono::duration_cast<std::chrono::system_clock::duration>(
             std::chrono::seconds(st.st_mtim.tv_sec) + std::chrono::nanoseconds(st.st_mtim.tv_nsec)));
-    if (written < since) return {};
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
-    if (fd < 0) return {};
-    char buffer[256];
-    const ssize_t n = ::read(fd, buffer, sizeof buffer);
-    ::close(fd);
-    return n > 0 ? std::string(buffer, static_cast<std::size_t>(n)) : std::string();
+    return written < since ? std::string() : readClaimText(path);
 }
 
 Status stopUnit(Unit& unit, const std::string& who)

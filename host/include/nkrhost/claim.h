@@ -13,6 +13,8 @@ namespace nkrhost {
 // $XDG_RUNTIME_DIR/nkr-focuser, or /tmp/nkr-focuser-<uid>; created mode
 // 0700 on first use. "" when it cannot be made or is not ours.
 std::string claimDirectory();
+// The short text of a file there (a holder's line, a note); "" when none.
+std::string readClaimText(const std::string& path);
 
 class UnitClaim {
 public:
