@@ -64,12 +64,29 @@ TEST_F(AlpacaTest, BrowserRequestsFromOtherSitesAreRefusedAndAlpacaClientsAreNot
     auto state = client_->Get("/control/v1/state", {{"Host", "evil.example:" + port}});
     ASSERT_TRUE(state);
     EXPECT_EQ(state->status, 403);
-    // An Alpaca client sends no Origin, under whatever name it knows the host by.
-    auto alpaca = client_->Put(device(0, "connected"), {{"Host", "observatory.lan:" + port}}, "Connected=true",
-                               "application/x-www-form-urlencoded");
-    ASSERT_TRUE(alpaca);
-    EXPECT_EQ(alpaca->status, 200);
+    // An Alpaca client sends no Origin; by an address it is served whatever
+    // port it names (a forwarded port), by a foreign name it reads nothing
+    // (a rebinding page would read the position) until --allow-host names it.
+    auto forwarded = client_->Put(device(0, "connected"), {{"Host", "127.0.0.1:8080"}}, "Connected=true",
+                                  "application/x-www-form-urlencoded");
+    ASSERT_TRUE(forwarded);
+    EXPECT_EQ(forwarded->status, 200);
     EXPECT_EQ(get(device(0, "connected"))["Value"], true);
+    auto rebound = client_->Get(device(0, "position"), {{"Host", "observatory.lan:" + port}});
+    ASSERT_TRUE(rebound);
+    EXPECT_EQ(rebound->status, 403);
+    EXPECT_NE(rebound->body.find("--allow-host"), std::string::npos) << rebound->body;
+    ServerLimits named;
+    named.samplingThread = false;
+    named.allowedHosts = {"observatory.lan"};
+    AlpacaServer allowed(*registry_, named);
+    const int allowedPort = allowed.start("127.0.0.1", 0);
+    ASSERT_GT(allowedPort, 0);
+    httplib::Client viaName("127.0.0.1", allowedPort);
+    auto served = viaName.Get(device(0, "position"), {{"Host", "observatory.lan:" + std::to_string(allowedPort)}});
+    ASSERT_TRUE(served);
+    EXPECT_EQ(served->status, 200);
+    allowed.stop();
     // A browser's PUT from another site gets the page's checks.
     auto fromPage = client_->Put(device(0, "connected"), {{"Origin", "http://evil.example"}}, "Connected=false",
                                  "application/x-www-form-urlencoded");

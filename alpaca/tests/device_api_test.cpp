@@ -1,10 +1,5 @@
 // Conformance of the device API: values, types, key casing, transaction ids
 // and every error path of the focuser members.
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include "alpaca_fixture.h"
 
 namespace alpaca::test {
@@ -87,8 +82,6 @@ TEST_F(AlpacaTest, RequestsThatCannotBeUnderstoodGetHttp400WithAReason)
         {false, "/api/v1/focuser/x/position", ""},        // unparsable device number
         {false, "/api/v1/camera/0/position", ""},         // other device type
         {false, "/api/v1/focuser/0/nosuchmember", ""},    // unknown member
-        {true, "/api/v1/focuser/0/position", "Position=1"},  // PUT to a read-only member
-        {false, "/api/v1/focuser/0/move", ""},            // GET of a PUT-only member
         {true, "/api/v1/focuser/0/move", ""},             // missing parameter
         {true, "/api/v1/focuser/0/move", "Position=abc"}, // unparsable parameter
         {true, "/api/v1/focuser/0/move", "Position=99999999999"},
@@ -107,32 +100,11 @@ TEST_F(AlpacaTest, RequestsThatCannotBeUnderstoodGetHttp400WithAReason)
     }
 }
 
-// One request on a connection of its own, as bytes: what curl -X PUT sends
-// without -d (no Content-Length at all), which no HTTP client library sends.
-std::string rawExchange(int port, const std::string& request)
-{
-    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_port = htons(static_cast<uint16_t>(port));
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    timeval timeout{5, 0};
-    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
-    std::string reply;
-    if (connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0 &&
-        send(fd, request.data(), request.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(request.size())) {
-        char buffer[4096];
-        for (ssize_t n; (n = recv(fd, buffer, sizeof buffer, 0)) > 0;) reply.append(buffer, static_cast<size_t>(n));
-    }
-    close(fd);
-    return reply;
-}
-
 TEST_F(AlpacaTest, BodilessPutsAnswerAndASecondServerCannotShareThePort)
 {
-    const std::string halt = rawExchange(port_, "PUT /api/v1/focuser/0/halt HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n");
+    const std::string halt = raw("PUT /api/v1/focuser/0/halt HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n\r\n");
     EXPECT_EQ(halt.rfind("HTTP/1.1 200", 0), 0u) << halt;
-    const std::string move = rawExchange(port_, "PUT /api/v1/focuser/0/move HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n");
+    const std::string move = raw("PUT /api/v1/focuser/0/move HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n\r\n");
     EXPECT_EQ(move.rfind("HTTP/1.1 400", 0), 0u) << move;
     EXPECT_NE(move.find("missing parameter Position"), std::string::npos) << move;
     AlpacaServer second(*registry_);
