@@ -23,6 +23,9 @@ TEST_F(AlpacaTest, RootAndSetupUrlsLeadToTheControlPage)
         ASSERT_TRUE(res) << asset;
         EXPECT_EQ(res->status, 200) << asset;
         EXPECT_GT(res->body.size(), 1000u) << asset;
+        // Never inside another site's frame (a clicked decoy would move the focuser).
+        EXPECT_EQ(res->get_header_value("X-Frame-Options"), "DENY") << asset;
+        EXPECT_NE(res->get_header_value("Content-Security-Policy").find("frame-ancestors 'none'"), std::string::npos);
     }
     json state = get("/control/v1/state");
     EXPECT_EQ(state["server"]["version"], driverVersion());
@@ -121,13 +124,19 @@ TEST_F(AlpacaTest, SettingsAreAllCheckedBeforeAnyIsApplied)
         {settings, "colour=red&backlash=77", "colour"},
         {move, "position=99999", "position"},
         {move, "steps=abc", "steps"},
+        {settings, "alias=%FF", ""},
+        {move, "position=%FF", ""},
     };
     for (const auto& c : refused) {
         json answer = post(c.path, c.form);
         EXPECT_EQ(lastStatus_, 400) << c.form;
         EXPECT_EQ(answer["ok"], false) << c.form;
-        EXPECT_TRUE(answer["errors"][c.badField].is_string()) << c.form << ": " << answer.dump();
+        if (!c.badField.empty()) EXPECT_TRUE(answer["errors"][c.badField].is_string()) << c.form << ": " << answer.dump();
+        else EXPECT_NE(answer["message"].get<std::string>().find("not UTF-8"), std::string::npos) << answer.dump();
     }
+    // A number too large for a position is out of range, and says which.
+    json far = post(move, "position=99999999999");
+    EXPECT_NE(far["errors"]["position"].get<std::string>().find("from 0 to 60000 steps"), std::string::npos) << far.dump();
     EXPECT_EQ(nkrsim::state(unitA_).backlash, 0);
     EXPECT_EQ(nkrsim::state(unitA_).reverse, false);
     EXPECT_EQ(get(device(0, "ismoving"))["Value"], false);

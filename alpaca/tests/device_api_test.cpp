@@ -164,5 +164,45 @@ TEST_F(AlpacaTest, DeviceStateListsNamedValues)
     EXPECT_EQ(values["TimeStamp"].get<std::string>().back(), 'Z');
 }
 
+TEST_F(AlpacaTest, ParametersThatAreNotTextAre400NeverAnInternalError)
+{
+    connect(0);
+    for (const char* action : {"Backlash", "TempCoefficient", "GotoPosition", "Positions", "Launch"}) {
+        put(device(0, "action"), std::string("Action=") + action + "&Parameters=%FF");
+        EXPECT_EQ(lastStatus_, 400) << action << ": " << lastBody_;
+        EXPECT_NE(lastBody_.find("Parameters is not UTF-8"), std::string::npos) << lastBody_;
+    }
+    for (const char* form : {"Position=%C0%80", "Position=12%", "Position=%zz", "%FF=1"}) {
+        put(device(0, "move"), form);
+        EXPECT_EQ(lastStatus_, 400) << form << ": " << lastBody_;
+    }
+    get(device(0, "position") + "?ClientTransactionID=%ED%A0%80");  // a lone surrogate
+    EXPECT_EQ(lastStatus_, 400) << lastBody_;
+    // Text that is UTF-8 but not a value of the setting is the device's InvalidValue.
+    EXPECT_EQ(put(device(0, "action"), "Action=Backlash&Parameters=%C3%A9")["ErrorNumber"], 0x401);
+    EXPECT_EQ(put(device(0, "action"), "Action=TempCoefficient&Parameters=1e999")["ErrorNumber"], 0x401);
+    EXPECT_EQ(get(device(0, "position"))["Value"], 30000);
+}
+
+// The README's examples of named positions, sent as `curl -d` sends them
+// (the '=' inside Parameters not encoded).
+TEST_F(AlpacaTest, NamedPositionActionsDoWhatTheReadmeSays)
+{
+    connect(0);
+    auto action = [&](const std::string& parameters) {
+        json answer = put(device(0, "action"), "Action=" + parameters);
+        EXPECT_EQ(answer["ErrorNumber"], 0) << parameters << ": " << answer.dump() << lastBody_;
+        return answer["Value"];
+    };
+    EXPECT_EQ(json::parse(action("Positions&Parameters=Focus=31000").get<std::string>()), json({{"Focus", 31000}}));
+    EXPECT_EQ(json::parse(action("Positions&Parameters=Park").get<std::string>()),
+              json({{"Focus", 31000}, {"Park", 30000}}));  // NAME alone: the current position
+    EXPECT_EQ(action("GotoPosition&Parameters=Focus"), "31000");
+    EXPECT_TRUE(runUntilStopped(0));
+    EXPECT_EQ(get(device(0, "position"))["Value"], 31000);
+    EXPECT_EQ(json::parse(action("Positions&Parameters=-Park").get<std::string>()), json({{"Focus", 31000}}));
+    EXPECT_EQ(put(device(0, "action"), "Action=Positions&Parameters=Focus=lots")["ErrorNumber"], 0x401);
+}
+
 }  // namespace
 }  // namespace alpaca::test
