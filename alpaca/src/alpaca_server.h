@@ -49,6 +49,7 @@ public:
     // Takes one sample of every connected unit for the plot, stamped `at`.
     void recordSamples(std::chrono::system_clock::time_point at);
     const History& history() const { return history_; }
+    UnitPresence& presence() { return presence_; }
     const RequestGuard& guard() const { return guard_; }
 
     // Counts up from 1 for every device and management answer.
@@ -76,6 +77,7 @@ private:
     int port_ = -1;
     std::string startError_;
     History history_;
+    UnitPresence presence_;
     RequestGuard guard_;
     std::thread sampler_;
     std::mutex samplerMutex_;

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <chrono>
 #include <climits>
 #include <cmath>
 #include <cstdlib>
@@ -68,17 +69,49 @@ std::string firmwareOf(DeviceRegistry& registry, Unit& unit)
     return std::to_string(major) + "." + std::to_string(minor) + "." + std::to_string(build);
 }
 
-// What the page shows of a unit every second.
-json unitState(DeviceRegistry& registry, Unit& unit)
+int64_t nowMillis()
 {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::system_clock::now().time_since_epoch())
+        .count();
+}
+
+// What the page shows of a unit every second. "state" tells a unit nobody
+// connected ("off") from one a client connected that has gone away ("gone":
+// the server is looking for it again), which shows where it was last seen.
+json unitState(AlpacaServer& server, Unit& unit)
+{
+    DeviceRegistry& registry = server.registry();
     json state = {{"number", unit.number},     {"serial", unit.serial},   {"name", nullptr},
                   {"link", unit.bleName.empty() ? "USB" : "Bluetooth"},  {"bleName", unit.bleName},
-                  {"connected", false},        {"position", nullptr},     {"temperature", nullptr},
-                  {"moving", nullptr},         {"maxStep", nullptr},      {"tempComp", ""}};
-    if (!registry.connected(unit)) return state;
+                  {"connected", false},        {"state", "off"},          {"position", nullptr},
+                  {"temperature", nullptr},    {"moving", nullptr},       {"maxStep", nullptr},
+                  {"tempComp", ""},            {"lastPosition", nullptr}, {"lastSeen", nullptr},
+                  {"goneSince", nullptr}};
+    const int64_t now = nowMillis();
+    if (!registry.connected(unit)) {
+        bool wanted = false;
+        {
+            std::lock_guard lock(unit.io);
+            wanted = unit.wanted;
+        }
+        const UnitPresence::Seen seen = server.presence().note(unit.number, wanted, now);
+        if (!wanted) return state;
+        state["state"] = "gone";
+        if (seen.position) {
+            state["lastPosition"] = *seen.position;
+            state["lastSeen"] = seen.positionMillis;
+        }
+        state["goneSince"] = *seen.goneSinceMillis;
+        return state;
+    }
+    server.presence().note(unit.number, false, now);
     state["connected"] = true;
+    state["state"] = "connected";
     int position = 0;
-    if (registry.call(unit, [&](int slot) { return NKRGetPosition(slot, &position); }).ok()) state["position"] = position;
+    if (registry.call(unit, [&](int slot) { return NKRGetPosition(slot, &position); }).ok()) {
+        state["position"] = position;
+        server.presence().sawPosition(unit.number, position, now);
+    }
     float celsius = 0;
     if (registry.call(unit, [&](int slot) { return NKRGetTemp(slot, &celsius); }).ok())
         state["temperature"] = tenths(static_cast<double>(celsius));
@@ -452,7 +485,7 @@ HttpResponse answerState(AlpacaServer& server, const HttpRequest& req)
     const auto query = decodeForm(req.query, why);
     if (query && fieldOf(*query, "rescan")) server.registry().rescan();
     json units = json::array();
-    for (auto& unit : server.registry().all()) units.push_back(unitState(server.registry(), *unit));
+    for (auto& unit : server.registry().all()) units.push_back(unitState(server, *unit));
     const int discovery = server.discoveryPort();
     return sendJson(200, {{"server",
                            {{"name", "nkr-alpaca"},

@@ -157,6 +157,34 @@ TEST_F(AlpacaTest, SettingsAreAllCheckedBeforeAnyIsApplied)
     EXPECT_EQ(post("/control/v1/focuser/0/settings", "")["message"], "Nothing to save.");
 }
 
+TEST_F(AlpacaTest, PageStateTellsAGoneUnitFromOneNobodyConnected)
+{
+    auto units = [&] { return get("/control/v1/state")["units"]; };
+    EXPECT_EQ(units()[0]["state"], "off");
+    connect(0);
+    json live = units()[0];
+    EXPECT_EQ(live["state"], "connected");
+    EXPECT_EQ(live["position"], 30000);
+    nkrsim::unplug(unitA_);
+    get(device(0, "position"));  // the request that meets the pulled cable
+    json gone = units()[0];
+    EXPECT_EQ(gone["state"], "gone") << gone.dump();
+    EXPECT_EQ(gone["lastPosition"], 30000);
+    EXPECT_TRUE(gone["goneSince"].is_number() && gone["lastSeen"].is_number()) << gone.dump();
+    EXPECT_TRUE(gone["position"].is_null());
+    EXPECT_EQ(units()[0]["goneSince"], gone["goneSince"]) << "gone since the first time it was missed";
+    EXPECT_EQ(units()[1]["state"], "off");
+    nkrsim::replug(unitA_);
+    connect(0);
+    EXPECT_EQ(units()[0]["state"], "connected");
+    put(device(0, "connected"), "Connected=false");
+    EXPECT_EQ(units()[0]["state"], "off") << "let go by its client: not gone";
+    // The footer's discovery port: off until discovery answers.
+    EXPECT_TRUE(get("/control/v1/state")["server"]["discoveryPort"].is_null());
+    server_->setDiscoveryPort(18011);
+    EXPECT_EQ(get("/control/v1/state")["server"]["discoveryPort"], 18011);
+}
+
 TEST_F(AlpacaTest, PlotHistoryKeepsTheLastHourOfConnectedUnits)
 {
     connect(0);
