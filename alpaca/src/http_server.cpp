@@ -58,7 +58,7 @@ struct HttpServer::Impl {
     void accept();
     void admit(tcp::socket socket);
     bool evictIdle(const std::string* client);
-    void scheduleSweep();
+    void sweepBy(Clock::time_point due);
     void sweep();
     void forget(Connection& connection);
     HttpResponse answer(const HttpRequest& request);
@@ -76,7 +76,7 @@ struct HttpServer::Impl {
     // Only the loop thread touches these.
     std::list<std::shared_ptr<Connection>> connections;
     std::map<std::string, int> perClient;
-    bool sweeping = false;
+    Clock::time_point sweepAt = Clock::time_point::max();  // when the sweep timer fires
     bool stopping = false;
 };
 
@@ -88,9 +88,32 @@ struct Connection : std::enable_shared_from_this<Connection> {
 
     void start()
     {
-        since = Clock::now();
+        enter(Phase::Idle);
         newParser();
         read();
+    }
+
+    // Moves to a phase; the sweep is asked to come by when its time is up.
+    void enter(Phase next)
+    {
+        phase = next;
+        since = Clock::now();
+        if (auto due = deadline()) server.sweepBy(*due);
+    }
+
+    // When this connection's phase runs out of time (never while its answer is made).
+    std::optional<Clock::time_point> deadline() const
+    {
+        const HttpLimits& limits = server.limits;
+        switch (phase) {
+        case Phase::Idle: return since + std::chrono::seconds(limits.idleSeconds);
+        case Phase::Reading:
+        case Phase::Writing: return since + std::chrono::seconds(limits.requestSeconds);
+        case Phase::Draining: return since + kDrainTime;
+        case Phase::Handling:
+        case Phase::Closed: break;
+        }
+        return std::nullopt;
     }
 
     void newParser()
@@ -126,10 +149,7 @@ struct Connection : std::enable_shared_from_this<Connection> {
             return read();
         }
         if (phase != Phase::Idle && phase != Phase::Reading) return;  // a refusal is on its way
-        if (phase == Phase::Idle) {
-            phase = Phase::Reading;
-            since = Clock::now();
-        }
+        if (phase == Phase::Idle) enter(Phase::Reading);
         process();
     }
 
@@ -240,8 +260,7 @@ struct Connection : std::enable_shared_from_this<Connection> {
         response.keep_alive(keepAlive && !answer.close && !server.stopping);
         response.prepare_payload();
         if (head) response.body().clear();  // Content-Length stays that of the GET
-        phase = Phase::Writing;
-        since = Clock::now();
+        enter(Phase::Writing);
         http::async_write(socket, response, [self = shared_from_this()](beast::error_code ec, std::size_t) {
             self->onWritten(ec);
         });
@@ -251,12 +270,13 @@ struct Connection : std::enable_shared_from_this<Connection> {
     {
         if (ec || phase == Phase::Closed) return close();
         if (!response.keep_alive()) return drain();
-        phase = Phase::Idle;
-        since = Clock::now();
         newParser();
-        if (buffer.size() == 0) return read();
+        if (buffer.size() == 0) {
+            enter(Phase::Idle);
+            return read();
+        }
         // The client sent its next request already (pipelining): it is answered now, in order.
-        phase = Phase::Reading;
+        enter(Phase::Reading);
         process();
     }
 
@@ -272,8 +292,7 @@ struct Connection : std::enable_shared_from_this<Connection> {
     {
         beast::error_code ignored;
         socket.shutdown(tcp::socket::shutdown_send, ignored);
-        phase = Phase::Draining;
-        since = Clock::now();
+        enter(Phase::Draining);
         buffer.consume(buffer.size());
         read();
     }
@@ -288,17 +307,15 @@ struct Connection : std::enable_shared_from_this<Connection> {
         server.forget(*this);
     }
 
-    // Called by the sweep once a second.
+    // Called by the sweep: ends a phase whose time is up.
     void enforceTimes(Clock::time_point now)
     {
-        const auto age = now - since;
-        const HttpLimits& limits = server.limits;
-        if (phase == Phase::Idle && age > std::chrono::seconds(limits.idleSeconds)) return close();
-        if (phase == Phase::Reading && age > std::chrono::seconds(limits.requestSeconds))
-            return refuse(408, "the request was not complete within " + std::to_string(limits.requestSeconds) +
+        const auto due = deadline();
+        if (!due || now < *due) return;
+        if (phase == Phase::Reading)
+            return refuse(408, "the request was not complete within " + std::to_string(server.limits.requestSeconds) +
                                    " s of its first byte");
-        if (phase == Phase::Writing && age > std::chrono::seconds(limits.requestSeconds)) return close();
-        if (phase == Phase::Draining && age > kDrainTime) return close();
+        close();  // idle too long, a client that does not read its answer, or drained enough
     }
 
     HttpServer::Impl& server;
@@ -387,7 +404,6 @@ void HttpServer::Impl::admit(tcp::socket socket)
     connection->entry = std::prev(connections.end());
     ++perClient[client];
     connection->start();
-    scheduleSweep();
 }
 
 void HttpServer::Impl::forget(Connection& connection)
@@ -397,17 +413,18 @@ void HttpServer::Impl::forget(Connection& connection)
     connections.erase(connection.entry);  // may free the connection: nothing after this
 }
 
-// Once a second while any connection is open (none: no wake-ups at all).
-void HttpServer::Impl::scheduleSweep()
+// The sweep runs when the first deadline of any connection is due, and not
+// otherwise: a client polling once a second moves its own deadline on and
+// wakes nothing; with no connection there is no timer at all.
+void HttpServer::Impl::sweepBy(Clock::time_point due)
 {
-    if (sweeping || stopping) return;
-    sweeping = true;
-    sweepTimer.expires_after(std::chrono::seconds(1));
+    if (stopping || due >= sweepAt) return;
+    sweepAt = due;
+    sweepTimer.expires_at(due);
     sweepTimer.async_wait([this](beast::error_code ec) {
-        sweeping = false;
-        if (ec || stopping) return;
+        if (ec || stopping) return;  // moved earlier: a newer wait is pending
+        sweepAt = Clock::time_point::max();
         sweep();
-        if (!connections.empty()) scheduleSweep();
     });
 }
 
@@ -416,6 +433,8 @@ void HttpServer::Impl::sweep()
     const auto now = Clock::now();
     std::vector<std::shared_ptr<Connection>> all(connections.begin(), connections.end());
     for (auto& c : all) c->enforceTimes(now);
+    for (auto& c : connections)
+        if (auto due = c->deadline()) sweepBy(*due);
 }
 
 HttpServer::HttpServer(HttpLimits limits, Handler handle, std::function<bool(const HttpRequest&)> runsOnWorker)
