@@ -59,12 +59,31 @@ AlpacaServer::AlpacaServer(DeviceRegistry& registry, ServerLimits limits)
 {
     http_ = std::make_unique<HttpServer>(
         limits_.http, [this](const HttpRequest& request) { return answer(request); },
-        [](const HttpRequest& request) {
-            // What may wait for a unit or a USB scan runs on a worker; the
-            // page's files, redirects and refusals are answered at once.
-            return request.path.rfind("/api/", 0) == 0 || request.path == "/management/v1/configureddevices" ||
-                   controlPageMayWait(request.path);
-        });
+        [this](const HttpRequest& request) { return mayWait(request); });
+}
+
+bool AlpacaServer::mayWait(const HttpRequest& request)
+{
+    static const std::string focuser = "/api/v1/focuser/";
+    if (request.path.compare(0, focuser.size(), focuser) == 0) {
+        // The polling that makes most of the traffic (a GET of a connected
+        // USB unit nobody else is using) is a read from the library's state:
+        // answered on the loop, without two hand-overs between threads.
+        // Everything else of a unit (a Bluetooth exchange, an open, a change,
+        // a unit busy on another thread) runs on a worker.
+        if (request.method != "GET") return true;
+        const std::size_t end = request.path.find('/', focuser.size());
+        const auto number = parseUint32(request.path.substr(focuser.size(), end - focuser.size()));
+        const std::shared_ptr<Unit> unit = number && *number < 1000000 ? registry_.find(static_cast<int>(*number)) : nullptr;
+        if (!unit) return false;  // refused at once
+        if (!unit->bleName.empty() || !unit->connected) return true;
+        std::unique_lock busy(unit->io, std::try_to_lock);
+        return !busy.owns_lock();
+    }
+    // A scan, the page's unit state and changes may wait; its files,
+    // redirects and every refusal are answered at once.
+    return request.path.rfind("/api/", 0) == 0 || request.path == "/management/v1/configureddevices" ||
+           controlPageMayWait(request.path);
 }
 
 AlpacaServer::~AlpacaServer() { stop(); }

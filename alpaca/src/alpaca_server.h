@@ -64,6 +64,8 @@ public:
     HttpResponse answer(const HttpRequest& request);
 
 private:
+    // Whether a request may wait (for a unit, a scan): it then runs on a worker.
+    bool mayWait(const HttpRequest& request);
     HttpResponse answerDevice(const HttpRequest& request, const std::string& path);
     HttpResponse answerManagement(const HttpRequest& request);
     static std::string bindProblem(const std::string& host, int port);
@@ -74,7 +76,7 @@ private:
     std::unique_ptr<HttpServer> http_;
     std::atomic<uint32_t> serverTransactionId_{0};
     std::atomic<int> discoveryPort_{0};
-    int port_ = -1;
+    std::atomic<int> port_{-1};  // read by requests on other threads
     std::string startError_;
     History history_;
     UnitPresence presence_;
