@@ -37,6 +37,8 @@ enum class Phase {
 // A refused client may still be sending; reading on for this long lets it
 // see the answer instead of a reset.
 constexpr auto kDrainTime = std::chrono::seconds(2);
+// How long a new or just-answered connection is safe from being closed to make room.
+constexpr auto kGrace = std::chrono::seconds(1);
 
 std::string lower(std::string_view text)
 {
@@ -363,14 +365,18 @@ void HttpServer::Impl::accept()
 }
 
 // Closes the connection (of that client, if given) that has waited longest
-// for a request, or a refused one being drained; false when all are busy.
+// for a request, or a refused one being drained; false when all are busy. A
+// connection gets a second to send its first bytes before it counts as idle.
 bool HttpServer::Impl::evictIdle(const std::string* client)
 {
+    const auto now = Clock::now();
     Connection* oldest = nullptr;
-    for (auto& c : connections)
-        if ((c->phase == Phase::Idle || c->phase == Phase::Draining) && (client == nullptr || c->client == *client) &&
+    for (auto& c : connections) {
+        const bool idle = c->phase == Phase::Idle && now - c->since >= kGrace;
+        if ((idle || c->phase == Phase::Draining) && (client == nullptr || c->client == *client) &&
             (oldest == nullptr || c->since < oldest->since))
             oldest = c.get();
+    }
     if (oldest == nullptr) return false;
     oldest->close();
     return true;

@@ -6,7 +6,9 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <regex>
+#include <thread>
 
 #include "alpaca_fixture.h"
 
@@ -168,14 +170,17 @@ TEST_F(AlpacaTest, HttpSlowAndIdleClientsCannotLockOthersOut)
         return res ? res->status : -1;
     };
     {
-        // Idle connections make room for a newcomer, the longest idle first.
+        // Idle connections make room for a newcomer, the longest idle first,
+        // once they have had a second to send something.
         std::vector<std::unique_ptr<Socket>> idle;
         for (int i = 0; i < limits.http.maxPerClient; ++i) idle.push_back(std::make_unique<Socket>(port));
+        std::this_thread::sleep_for(std::chrono::milliseconds(1100));
         EXPECT_EQ(served(), 200);
         EXPECT_EQ(idle.front()->readAll(), "") << "the oldest idle connection is closed";
     }
-    // Connections in the middle of a request are not closed for a newcomer:
-    // it is told to come back, and they get 408 when their time is up.
+    // Connections in the middle of a request (or just opened) are not closed
+    // for a newcomer: it is told to come back, and they get 408 when their
+    // time is up.
     std::vector<std::unique_ptr<Socket>> slow;
     for (int i = 0; i < limits.http.maxPerClient; ++i) {
         slow.push_back(std::make_unique<Socket>(port));
