@@ -1,10 +1,12 @@
 #include "alpaca_request.h"
 
-#include <httplib.h>
 
 #include <algorithm>
 #include <cctype>
 #include <charconv>
+
+#include "form_decoding.h"
+#include "http_server.h"
 
 namespace alpaca {
 namespace {
@@ -35,18 +37,15 @@ std::optional<uint32_t> parseUint32(const std::string& text)
 
 std::optional<int32_t> parseInt32(const std::string& text) { return parseWhole<int32_t>(text); }
 
-AlpacaRequest::AlpacaRequest(const httplib::Request& req) : put_(req.method == "PUT")
+AlpacaRequest::AlpacaRequest(const HttpRequest& req) : put_(req.method == "PUT")
 {
-    if (put_) {
-        // Only the form body counts for PUT; its names are matched as sent.
-        httplib::Params body;
-        std::string type = lower(req.get_header_value("Content-Type"));
-        if (type.rfind("application/x-www-form-urlencoded", 0) == 0)
-            httplib::detail::parse_query_text(req.body, body);
-        for (auto& [name, value] : body) params_.emplace(name, value);
-    } else {
-        for (auto& [name, value] : req.params) params_.emplace(lower(name), value);
-    }
+    // Only the form body counts for PUT, its names matched as sent; GET
+    // takes the query, its names in any case.
+    const bool form = req.contentType.rfind("application/x-www-form-urlencoded", 0) == 0;
+    std::string why;
+    auto decoded = decodeForm(put_ ? (form ? std::string_view(req.body) : std::string_view()) : std::string_view(req.query), why);
+    if (!decoded) throw BadRequest(why);
+    for (auto& [name, value] : *decoded) params_.emplace(put_ ? std::move(name) : lower(name), std::move(value));
     if (auto id = find("ClientTransactionID")) clientTransactionId_ = parseUint32(*id).value_or(0);
 }
 

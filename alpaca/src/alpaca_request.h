@@ -9,11 +9,9 @@
 #include <stdexcept>
 #include <string>
 
-namespace httplib {
-struct Request;
-}
-
 namespace alpaca {
+
+struct HttpRequest;
 
 // Answered as HTTP 400 with the text as a plain-text body.
 struct BadRequest : std::runtime_error {
@@ -22,7 +20,8 @@ struct BadRequest : std::runtime_error {
 
 class AlpacaRequest {
 public:
-    explicit AlpacaRequest(const httplib::Request& req);
+    // Throws BadRequest when the parameters cannot be decoded (a broken % escape, not UTF-8).
+    explicit AlpacaRequest(const HttpRequest& req);
 
     bool isPut() const { return put_; }
     // The parameter's value, or nullopt when absent.

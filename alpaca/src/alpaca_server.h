@@ -1,5 +1,5 @@
-// The HTTP side: device API, management API and control page on one
-// httplib server with bounded bodies, timeouts and a fixed thread pool.
+// The Alpaca server: device API, management API and control page, answered
+// over the event-driven HTTP core (http_server.h) with its limits.
 #pragma once
 
 #include <atomic>
@@ -7,35 +7,20 @@
 #include <condition_variable>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "device_registry.h"
 #include "history.h"
+#include "http_server.h"
 #include "request_guard.h"
-
-namespace httplib {
-class Server;
-struct Request;
-struct Response;
-}
 
 namespace alpaca {
 
 struct ServerLimits {
-    size_t maxBodyBytes = 16 * 1024;  // form bodies are tiny; anything larger is refused (413)
-    int readTimeoutSeconds = 5;       // a client that stalls mid-request is dropped
-    int writeTimeoutSeconds = 5;
-    // A keep-alive connection holds a pool thread while it is open. An idle
-    // one (a browser keeps several) gives its thread back after this long;
-    // clients that poll every second or faster keep theirs.
-    int keepAliveSeconds = 5;
-    // After this many requests a connection is closed (the client reconnects)
-    // so that a waiting connection gets a turn.
-    size_t keepAliveMaxRequests = 100;
-    int threads = 16;                 // connections served at once
-    int listenBacklog = 512;          // connections waiting to be accepted
+    HttpLimits http;  // connections, headers, bodies and times
     // The control page's plot: one sample of each connected unit this often,
     // kept this long. Without the sampling thread samples come only from
     // recordSamples (tests choose their times).
@@ -43,7 +28,7 @@ struct ServerLimits {
     std::chrono::seconds historySpan{3600};
     bool samplingThread = true;
     // Names besides IP addresses, localhost and this computer's own name by
-    // which browsers may reach the control page (a DNS name of this host).
+    // which this server may be reached (a DNS name of this host).
     std::vector<std::string> allowedHosts;
 };
 
@@ -64,28 +49,37 @@ public:
     // Takes one sample of every connected unit for the plot, stamped `at`.
     void recordSamples(std::chrono::system_clock::time_point at);
     const History& history() const { return history_; }
+    UnitPresence& presence() { return presence_; }
     const RequestGuard& guard() const { return guard_; }
 
     // Counts up from 1 for every device and management answer.
     uint32_t nextServerTransactionId() { return ++serverTransactionId_; }
     DeviceRegistry& registry() { return registry_; }
+    const ServerLimits& limits() const { return limits_; }
+    // The UDP port discovery answers on, for the page's footer (0: off, the default).
+    void setDiscoveryPort(int port) { discoveryPort_ = port; }
+    int discoveryPort() const { return discoveryPort_; }
+
+    // One request, as the HTTP core hands it over (any thread).
+    HttpResponse answer(const HttpRequest& request);
 
 private:
-    void routeDeviceApi();
-    void answerDevice(const httplib::Request& req, httplib::Response& res, const std::string& type,
-                      const std::string& number, const std::string& member);
+    // Whether a request may wait (for a unit, a scan): it then runs on a worker.
+    bool mayWait(const HttpRequest& request);
+    HttpResponse answerDevice(const HttpRequest& request, const std::string& path);
+    HttpResponse answerManagement(const HttpRequest& request);
     static std::string bindProblem(const std::string& host, int port);
-    void routeManagement();
     void sampleLoop();
 
     DeviceRegistry& registry_;
     ServerLimits limits_;
-    std::unique_ptr<httplib::Server> http_;
-    std::thread thread_;
+    std::unique_ptr<HttpServer> http_;
     std::atomic<uint32_t> serverTransactionId_{0};
-    int port_ = -1;
+    std::atomic<int> discoveryPort_{0};
+    std::atomic<int> port_{-1};  // read by requests on other threads
     std::string startError_;
     History history_;
+    UnitPresence presence_;
     RequestGuard guard_;
     std::thread sampler_;
     std::mutex samplerMutex_;
@@ -100,8 +94,16 @@ bool isLoopback(const std::string& host);
 // This computer's host name ("localhost" when it has none).
 std::string hostName();
 
-// Registers the control page (/, /control and its JSON API) and the ASCOM
-// setup URLs (/setup, /setup/v1/focuser/{n}/setup), which lead to it.
-void routeControlPage(httplib::Server& http, AlpacaServer& server);
+// The control page (/, /control and its JSON API) and the ASCOM setup URLs
+// (/setup, /setup/v1/focuser/{n}/setup), which lead to it; nothing for a
+// path that is not the page's.
+std::optional<HttpResponse> answerControlPage(AlpacaServer& server, const HttpRequest& request);
+// True for the page's paths (the browser's checks apply to every request there).
+bool isControlPagePath(const std::string& path);
+// True for the requests that may wait for a unit or a scan.
+bool controlPageMayWait(const std::string& path);
+
+// 405 naming what the path accepts.
+HttpResponse wrongMethod(const HttpRequest& request, const std::string& allow);
 
 }  // namespace alpaca

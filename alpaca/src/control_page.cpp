@@ -3,8 +3,10 @@
 // what it changes. The ASCOM setup URLs lead to it. The request guard of the
 // server has already refused other sites' requests before these run.
 #include <NKR_focuser.h>
-#include <httplib.h>
 
+#include <algorithm>
+#include <cctype>
+#include <chrono>
 #include <climits>
 #include <cmath>
 #include <cstdlib>
@@ -17,6 +19,7 @@
 #include "nkrhost/setting_catalogue.h"
 #include "nkrhost/settings.h"
 #include "focuser_members.h"
+#include "form_decoding.h"
 #include "web_assets.h"
 
 namespace alpaca {
@@ -24,23 +27,27 @@ namespace {
 
 using nlohmann::json;
 
-void sendJson(httplib::Response& res, int status, const json& body)
+HttpResponse sendJson(int status, const json& body)
 {
+    HttpResponse res;
     res.status = status;
-    res.set_header("Cache-Control", "no-store");
-    res.set_content(body.dump(), "application/json");
+    res.contentType = "application/json";
+    res.headers.emplace_back("Cache-Control", "no-store");
+    // A unit's text that is not UTF-8 is replaced, never thrown over.
+    res.body = body.dump(-1, ' ', false, json::error_handler_t::replace);
+    return res;
 }
 
 // The outcome of a change: 200 done, 400 a bad value (nothing was changed),
 // 404 no such unit, 409 the unit refused or is not connected.
-void sendOutcome(httplib::Response& res, int status, const std::string& message, json errors = json::object())
+HttpResponse sendOutcome(int status, const std::string& message, json errors = json::object())
 {
-    sendJson(res, status, {{"ok", status == 200}, {"message", message}, {"errors", std::move(errors)}});
+    return sendJson(status, {{"ok", status == 200}, {"message", message}, {"errors", std::move(errors)}});
 }
 
-void sendRefusal(httplib::Response& res, const DeviceError& error)
+HttpResponse sendRefusal(const DeviceError& error)
 {
-    sendOutcome(res, error.number == kInvalidValue ? 400 : 409, error.message);
+    return sendOutcome(error.number == kInvalidValue ? 400 : 409, error.message);
 }
 
 // "1, 7, 7, 0" as people write versions: 1.7.7.0.
@@ -63,17 +70,49 @@ std::string firmwareOf(DeviceRegistry& registry, Unit& unit)
     return std::to_string(major) + "." + std::to_string(minor) + "." + std::to_string(build);
 }
 
-// What the page shows of a unit every second.
-json unitState(DeviceRegistry& registry, Unit& unit)
+int64_t nowMillis()
 {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::system_clock::now().time_since_epoch())
+        .count();
+}
+
+// What the page shows of a unit every second. "state" tells a unit nobody
+// connected ("off") from one a client connected that has gone away ("gone":
+// the server is looking for it again), which shows where it was last seen.
+json unitState(AlpacaServer& server, Unit& unit)
+{
+    DeviceRegistry& registry = server.registry();
     json state = {{"number", unit.number},     {"serial", unit.serial},   {"name", nullptr},
                   {"link", unit.bleName.empty() ? "USB" : "Bluetooth"},  {"bleName", unit.bleName},
-                  {"connected", false},        {"position", nullptr},     {"temperature", nullptr},
-                  {"moving", nullptr},         {"maxStep", nullptr},      {"tempComp", ""}};
-    if (!registry.connected(unit)) return state;
+                  {"connected", false},        {"state", "off"},          {"position", nullptr},
+                  {"temperature", nullptr},    {"moving", nullptr},       {"maxStep", nullptr},
+                  {"tempComp", ""},            {"lastPosition", nullptr}, {"lastSeen", nullptr},
+                  {"goneSince", nullptr}};
+    const int64_t now = nowMillis();
+    if (!registry.connected(unit)) {
+        bool wanted = false;
+        {
+            std::lock_guard lock(unit.io);
+            wanted = unit.wanted;
+        }
+        const UnitPresence::Seen seen = server.presence().note(unit.number, wanted, now);
+        if (!wanted) return state;
+        state["state"] = "gone";
+        if (seen.position) {
+            state["lastPosition"] = *seen.position;
+            state["lastSeen"] = seen.positionMillis;
+        }
+        state["goneSince"] = *seen.goneSinceMillis;
+        return state;
+    }
+    server.presence().note(unit.number, false, now);
     state["connected"] = true;
+    state["state"] = "connected";
     int position = 0;
-    if (registry.call(unit, [&](int slot) { return NKRGetPosition(slot, &position); }).ok()) state["position"] = position;
+    if (registry.call(unit, [&](int slot) { return NKRGetPosition(slot, &position); }).ok()) {
+        state["position"] = position;
+        server.presence().sawPosition(unit.number, position, now);
+    }
     float celsius = 0;
     if (registry.call(unit, [&](int slot) { return NKRGetTemp(slot, &celsius); }).ok())
         state["temperature"] = tenths(static_cast<double>(celsius));
@@ -185,7 +224,7 @@ struct Checked {
     json errors = json::object();
 };
 
-Checked check(const httplib::Params& form, int stepRange)
+Checked check(const Form& form, int stepRange)
 {
     Checked out;
     for (const auto& [name, text] : form) {
@@ -242,7 +281,7 @@ Checked check(const httplib::Params& form, int stepRange)
 
 // Sends the checked values, the unit's own settings first, then the ones the
 // host programs keep. A refusal on the way stops there and says what was saved.
-void applySettings(DeviceRegistry& registry, Unit& unit, const json& values, httplib::Response& res)
+HttpResponse applySettings(DeviceRegistry& registry, Unit& unit, const json& values)
 {
     std::vector<std::string> saved;
     auto stop = [&](const std::string& label, const DeviceError& error) {
@@ -252,7 +291,7 @@ void applySettings(DeviceRegistry& registry, Unit& unit, const json& values, htt
             for (const std::string& s : saved) message += " " + s + (&s == &saved.back() ? "" : ",");
             message += "; nothing after it was sent)";
         }
-        sendRefusal(res, {error.number, message});
+        return sendRefusal({error.number, message});
     };
     auto has = [&](const char* name) { return values.contains(name); };
 
@@ -318,143 +357,207 @@ void applySettings(DeviceRegistry& registry, Unit& unit, const json& values, htt
     }
     std::string message = saved.empty() ? "Nothing to save." : "Saved:";
     for (const std::string& s : saved) message += " " + s + (&s == &saved.back() ? "." : ",");
-    sendOutcome(res, 200, message);
+    return sendOutcome(200, message);
 }
 
-httplib::Params formOf(const httplib::Request& req)
+std::optional<std::string> fieldOf(const Form& form, const char* name)
 {
-    httplib::Params form;
-    httplib::detail::parse_query_text(req.body, form);
-    return form;
+    for (const auto& [key, value] : form)
+        if (key == name) return value;
+    return std::nullopt;
 }
 
-std::optional<std::string> fieldOf(const httplib::Params& form, const char* name)
+std::optional<int> maximumOf(DeviceRegistry& registry, Unit& unit)
 {
-    auto it = form.find(name);
-    if (it == form.end()) return std::nullopt;
-    return it->second;
+    int maximum = 0;
+    if (!registry.withHost(unit, [&](nkrhost::Unit& host) { return host.maximum(maximum); }).ok()) return std::nullopt;
+    return maximum;
 }
 
-void move(DeviceRegistry& registry, Unit& unit, const httplib::Params& form, httplib::Response& res)
+HttpResponse move(DeviceRegistry& registry, Unit& unit, const Form& form)
 {
     const auto absolute = fieldOf(form, "position");
     const auto relative = fieldOf(form, "steps");
     if (absolute.has_value() == relative.has_value())
-        return sendOutcome(res, 400, "Give either position (where to go) or steps (how far, signed).");
+        return sendOutcome(400, "Give either position (where to go) or steps (how far, signed).");
     const char* name = absolute ? "position" : "steps";
-    const auto value = parseInt32(absolute ? *absolute : *relative);
-    if (!value)
-        return sendOutcome(res, 400, "Not a whole number of steps.",
-                           {{name, std::string(absolute ? "Position" : "Steps") + " must be a whole number of steps; got " +
-                                       quoted(absolute ? *absolute : *relative)}});
+    const std::string& text = absolute ? *absolute : *relative;
+    const auto value = parseInt32(text);
+    if (!value) {
+        // Too large a number is out of range, not "not a number": say the range.
+        const auto maximum = maximumOf(registry, unit);
+        const std::string range = maximum ? "0 to " + std::to_string(*maximum) : "0 to the focuser's maximum";
+        const std::string message =
+            absolute ? "Position must be a whole number from " + range + " steps; got " + quoted(text)
+                     : "Steps must be a whole number that keeps the focuser within " + range + " steps; got " + quoted(text);
+        return sendOutcome(400, message, {{name, message}});
+    }
     long long target = *value;
     if (relative) {
         int now = 0;
         DeviceError error = registry.call(unit, [&](int slot) { return NKRGetPosition(slot, &now); });
-        if (!error.ok()) return sendRefusal(res, error);
+        if (!error.ok()) return sendRefusal(error);
         target += now;
     }
     DeviceError error = registry.move(unit, target);
-    if (error.number == kInvalidValue) return sendOutcome(res, 400, error.message, {{name, error.message}});
-    if (!error.ok()) return sendRefusal(res, error);
-    sendOutcome(res, 200, "Moving to " + stepsText(target) + ".");
+    if (error.number == kInvalidValue) return sendOutcome(400, error.message, {{name, error.message}});
+    if (!error.ok()) return sendRefusal(error);
+    return sendOutcome(200, "Moving to " + stepsText(target) + ".");
 }
 
-void serveAsset(httplib::Server& http, const std::string& path, std::string_view content, const char* type)
+HttpResponse asset(std::string_view content, const char* type)
 {
-    http.Get(path, [content, type](const httplib::Request&, httplib::Response& res) {
-        res.set_header("Cache-Control", "no-cache");
-        res.set_content(std::string(content), type);
+    HttpResponse res;
+    res.contentType = type;
+    res.headers.emplace_back("Cache-Control", "no-cache");
+    res.body = std::string(content);
+    return res;
+}
+
+HttpResponse redirect(const std::string& location)
+{
+    HttpResponse res = HttpResponse::text(302, "see " + location);
+    res.headers.emplace_back("Location", location);
+    return res;
+}
+
+// "/control/v1/focuser/12/move" -> 12 and "move"; nothing for other paths.
+std::optional<std::pair<std::string, std::string>> unitPath(const std::string& path, const std::string& prefix)
+{
+    if (path.compare(0, prefix.size(), prefix) != 0) return std::nullopt;
+    const std::size_t slash = path.find('/', prefix.size());
+    const std::string number = path.substr(prefix.size(), slash == std::string::npos ? std::string::npos : slash - prefix.size());
+    if (number.empty() || number.size() > 7 ||
+        !std::all_of(number.begin(), number.end(), [](unsigned char c) { return std::isdigit(c); }))
+        return std::nullopt;
+    return std::make_pair(number, slash == std::string::npos ? std::string() : path.substr(slash + 1));
+}
+
+HttpResponse answerUnit(AlpacaServer& server, const HttpRequest& req, const std::string& numberText,
+                        const std::string& what)
+{
+    static const char* const kPosts[] = {"connect", "disconnect", "halt", "move", "settings"};
+    const bool known = std::find(std::begin(kPosts), std::end(kPosts), what) != std::end(kPosts);
+    if (!known) return HttpResponse::text(404, "nothing is served at " + req.path);
+    const bool post = req.method == "POST";
+    if (!post && !(what == "settings" && (req.method == "GET" || req.method == "HEAD")))
+        return wrongMethod(req, what == "settings" ? "GET, HEAD, POST" : "POST");
+    auto number = parseUint32(numberText);
+    auto unit = number && *number < 1000000 ? server.registry().find(static_cast<int>(*number)) : nullptr;
+    if (!unit) return sendOutcome(404, "There is no focuser " + numberText + ".");
+    DeviceRegistry& registry = server.registry();
+    const std::string label = "Focuser " + std::to_string(unit->number);
+    if (!post) {
+        if (!registry.connected(*unit)) return sendOutcome(409, label + " is not connected.");
+        return sendJson(200, unitSettings(registry, *unit));
+    }
+    if (what == "connect") {
+        DeviceError error = registry.connect(*unit);
+        return error.ok() ? sendOutcome(200, label + " connected.") : sendRefusal(error);
+    }
+    if (what == "disconnect") {
+        registry.disconnect(*unit);
+        return sendOutcome(200, label + " disconnected.");
+    }
+    if (what == "halt") {
+        DeviceError error = registry.halt(*unit);
+        return error.ok() ? sendOutcome(200, label + " stopped.") : sendRefusal(error);
+    }
+    std::string why;
+    const auto form = decodeForm(req.body, why);
+    if (!form) return sendOutcome(400, "The form could not be read: " + why + ".");
+    if (what == "move") return move(registry, *unit, *form);
+    // Settings: the step range bounds the maximum, so it is read first.
+    int stepRange = 0;
+    DeviceError error = registry.withHost(*unit, [&](nkrhost::Unit& host) {
+        stepRange = host.stepRange();
+        return nkrhost::Status::success();
     });
+    if (!error.ok()) return sendRefusal(error);
+    Checked checked = check(*form, stepRange);
+    if (!checked.errors.empty())
+        return sendOutcome(400, "Nothing was changed: correct the values marked.", checked.errors);
+    return applySettings(registry, *unit, checked.values);
+}
+
+HttpResponse answerState(AlpacaServer& server, const HttpRequest& req)
+{
+    // The page asks for a scan now and then, so a unit plugged in shows up.
+    std::string why;
+    const auto query = decodeForm(req.query, why);
+    if (query && fieldOf(*query, "rescan")) server.registry().rescan();
+    json units = json::array();
+    for (auto& unit : server.registry().all()) units.push_back(unitState(server, *unit));
+    const int discovery = server.discoveryPort();
+    return sendJson(200, {{"server",
+                           {{"name", "nkr-alpaca"},
+                            {"version", driverVersion()},
+                            {"sdk", sdkVersion()},
+                            {"host", hostName()},
+                            {"discoveryPort", discovery > 0 ? json(discovery) : json(nullptr)},
+                            {"samplePeriod", server.history().period().count()}}},
+                          {"units", units}});
+}
+
+HttpResponse answerPage(AlpacaServer& server, const HttpRequest& req)
+{
+    const std::string& path = req.path;
+    const bool read = req.method == "GET" || req.method == "HEAD";
+    if (path == "/" || path == "/setup") return read ? redirect("/control") : wrongMethod(req, "GET, HEAD");
+    if (auto setup = unitPath(path, "/setup/v1/focuser/"); setup && setup->second == "setup")
+        return read ? redirect("/control#focuser-" + setup->first) : wrongMethod(req, "GET, HEAD");
+    struct File {
+        const char* path;
+        std::string_view content;
+        const char* type;
+    };
+    const File files[] = {{"/control", web::control_html, "text/html; charset=utf-8"},
+                          {"/control/control.css", web::control_css, "text/css; charset=utf-8"},
+                          {"/control/control.js", web::control_js, "text/javascript; charset=utf-8"}};
+    for (const File& file : files)
+        if (path == file.path) return read ? asset(file.content, file.type) : wrongMethod(req, "GET, HEAD");
+    if (path == "/control/v1/state") return read ? answerState(server, req) : wrongMethod(req, "GET, HEAD");
+    if (path == "/control/v1/history")
+        return read ? sendJson(200, server.history().toJson()) : wrongMethod(req, "GET, HEAD");
+    if (auto unit = unitPath(path, "/control/v1/focuser/")) return answerUnit(server, req, unit->first, unit->second);
+    if (path == "/control/v1/bluetooth") {
+        if (req.method != "POST") return wrongMethod(req, "POST");
+        std::string why;
+        const auto form = decodeForm(req.body, why);
+        if (!form) return sendOutcome(400, "The form could not be read: " + why + ".");
+        const auto name = fieldOf(*form, "name");
+        if (!name || nkrhost::trimmed(*name).empty())
+            return sendOutcome(400, "Give the Bluetooth name or address of the unit.",
+                               {{"name", "Give the Bluetooth name or address of the unit."}});
+        AttachResult attached = server.registry().attachBle(*name);
+        if (!attached.ok()) return sendOutcome(409, "Cannot attach " + *name + ": " + attached.message + ".");
+        return sendOutcome(200, "Attached: " + attached.message + ".");
+    }
+    return HttpResponse::text(404, "nothing is served at " + path + " (the control page is at /control)");
 }
 
 }  // namespace
 
-void routeControlPage(httplib::Server& http, AlpacaServer& server)
+bool isControlPagePath(const std::string& path)
 {
-    http.Get("/", [](const httplib::Request&, httplib::Response& res) { res.set_redirect("/control"); });
-    // What ASCOM clients open as the driver's setup dialog.
-    http.Get("/setup", [](const httplib::Request&, httplib::Response& res) { res.set_redirect("/control"); });
-    http.Get(R"(/setup/v1/focuser/(\d{1,7})/setup)", [](const httplib::Request& req, httplib::Response& res) {
-        res.set_redirect("/control#focuser-" + std::string(req.matches[1]));
-    });
+    return path == "/" || path == "/control" || path.rfind("/control/", 0) == 0 || path == "/setup" ||
+           path.rfind("/setup/", 0) == 0;
+}
 
-    serveAsset(http, "/control", web::control_html, "text/html; charset=utf-8");
-    serveAsset(http, "/control/control.css", web::control_css, "text/css; charset=utf-8");
-    serveAsset(http, "/control/control.js", web::control_js, "text/javascript; charset=utf-8");
+bool controlPageMayWait(const std::string& path) { return path.rfind("/control/v1/", 0) == 0; }
 
-    http.Get("/control/v1/state", [&server](const httplib::Request& req, httplib::Response& res) {
-        // The page asks for a scan now and then, so a unit plugged in shows up.
-        if (req.has_param("rescan")) server.registry().rescan();
-        json units = json::array();
-        for (auto& unit : server.registry().all()) units.push_back(unitState(server.registry(), *unit));
-        sendJson(res, 200,
-                 {{"server",
-                   {{"name", "nkr-alpaca"},
-                    {"version", driverVersion()},
-                    {"sdk", sdkVersion()},
-                    {"host", hostName()},
-                    {"samplePeriod", server.history().period().count()}}},
-                  {"units", units}});
-    });
-    http.Get("/control/v1/history", [&server](const httplib::Request&, httplib::Response& res) {
-        sendJson(res, 200, server.history().toJson());
-    });
-
-    auto unitOf = [&server](const httplib::Request& req) -> std::shared_ptr<Unit> {
-        auto number = parseUint32(req.matches[1]);
-        return number && *number < 1000000 ? server.registry().find(static_cast<int>(*number)) : nullptr;
-    };
-    http.Get(R"(/control/v1/focuser/(\d{1,7})/settings)", [&server, unitOf](const httplib::Request& req,
-                                                                          httplib::Response& res) {
-        auto unit = unitOf(req);
-        if (!unit) return sendOutcome(res, 404, "There is no focuser " + std::string(req.matches[1]) + ".");
-        if (!server.registry().connected(*unit))
-            return sendOutcome(res, 409, "Focuser " + std::to_string(unit->number) + " is not connected.");
-        sendJson(res, 200, unitSettings(server.registry(), *unit));
-    });
-    http.Post(R"(/control/v1/focuser/(\d{1,7})/(connect|disconnect|halt|move|settings))",
-              [&server, unitOf](const httplib::Request& req, httplib::Response& res) {
-                  auto unit = unitOf(req);
-                  if (!unit) return sendOutcome(res, 404, "There is no focuser " + std::string(req.matches[1]) + ".");
-                  DeviceRegistry& registry = server.registry();
-                  const std::string what = req.matches[2];
-                  const std::string label = "Focuser " + std::to_string(unit->number);
-                  if (what == "connect") {
-                      DeviceError error = registry.connect(*unit);
-                      return error.ok() ? sendOutcome(res, 200, label + " connected.") : sendRefusal(res, error);
-                  }
-                  if (what == "disconnect") {
-                      registry.disconnect(*unit);
-                      return sendOutcome(res, 200, label + " disconnected.");
-                  }
-                  if (what == "halt") {
-                      DeviceError error = registry.halt(*unit);
-                      return error.ok() ? sendOutcome(res, 200, label + " stopped.") : sendRefusal(res, error);
-                  }
-                  const httplib::Params form = formOf(req);
-                  if (what == "move") return move(registry, *unit, form, res);
-                  // Settings: the step range bounds the maximum, so it is read first.
-                  int stepRange = 0;
-                  DeviceError error = registry.withHost(*unit, [&](nkrhost::Unit& host) {
-                      stepRange = host.stepRange();
-                      return nkrhost::Status::success();
-                  });
-                  if (!error.ok()) return sendRefusal(res, error);
-                  Checked checked = check(form, stepRange);
-                  if (!checked.errors.empty())
-                      return sendOutcome(res, 400, "Nothing was changed: correct the values marked.", checked.errors);
-                  applySettings(registry, *unit, checked.values, res);
-              });
-    http.Post("/control/v1/bluetooth", [&server](const httplib::Request& req, httplib::Response& res) {
-        const auto name = fieldOf(formOf(req), "name");
-        if (!name || nkrhost::trimmed(*name).empty())
-            return sendOutcome(res, 400, "Give the Bluetooth name or address of the unit.",
-                               {{"name", "Give the Bluetooth name or address of the unit."}});
-        AttachResult attached = server.registry().attachBle(*name);
-        if (!attached.ok()) return sendOutcome(res, 409, "Cannot attach " + *name + ": " + attached.message + ".");
-        sendOutcome(res, 200, "Attached: " + attached.message + ".");
-    });
+std::optional<HttpResponse> answerControlPage(AlpacaServer& server, const HttpRequest& req)
+{
+    if (!isControlPagePath(req.path)) return std::nullopt;
+    HttpResponse res = answerPage(server, req);
+    // The page is never shown inside another site's frame (a transparent
+    // frame over a decoy would turn the visitor's clicks into moves), and
+    // loads nothing but its own files.
+    res.headers.emplace_back("X-Frame-Options", "DENY");
+    res.headers.emplace_back("Content-Security-Policy",
+                             "default-src 'self'; frame-ancestors 'none'; base-uri 'none'; form-action 'self'");
+    res.headers.emplace_back("X-Content-Type-Options", "nosniff");
+    return res;
 }
 
 }  // namespace alpaca

@@ -4,6 +4,7 @@
 #include <net/if.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -146,6 +147,7 @@ bool DiscoveryResponder::start()
     boundPort_ = socket4_ >= 0 ? port : localPort(socket6_);
     logInfo("discovery answers on UDP port " + std::to_string(boundPort_) + (socket4_ >= 0 ? " (IPv4)" : "") +
             (socket6_ >= 0 ? " (IPv6 ff12::a1:9aca)" : ""));
+    wake_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     thread_ = std::thread([this] { run(); });
     return true;
 }
@@ -153,7 +155,13 @@ bool DiscoveryResponder::start()
 void DiscoveryResponder::stop()
 {
     stopping_ = true;
+    if (wake_ >= 0) {
+        const uint64_t one = 1;
+        (void)!write(wake_, &one, sizeof one);
+    }
     if (thread_.joinable()) thread_.join();
+    if (wake_ >= 0) close(wake_);
+    wake_ = -1;
     if (socket4_ >= 0) close(socket4_);
     if (socket6_ >= 0) close(socket6_);
     socket4_ = socket6_ = -1;
@@ -161,14 +169,16 @@ void DiscoveryResponder::stop()
 
 void DiscoveryResponder::run()
 {
-    // Short poll timeout so stop() returns promptly.
+    // Sleeps until a probe comes or stop() wakes it: no wake-ups while nobody looks.
     while (!stopping_) {
-        pollfd fds[2];
+        pollfd fds[3];
         int count = 0;
         if (socket4_ >= 0) fds[count++] = {socket4_, POLLIN, 0};
         if (socket6_ >= 0) fds[count++] = {socket6_, POLLIN, 0};
-        if (poll(fds, static_cast<nfds_t>(count), 200) <= 0) continue;
-        for (int i = 0; i < count; ++i)
+        const int sockets = count;
+        if (wake_ >= 0) fds[count++] = {wake_, POLLIN, 0};
+        if (poll(fds, static_cast<nfds_t>(count), wake_ >= 0 ? -1 : 200) <= 0) continue;
+        for (int i = 0; i < sockets; ++i)
             if (fds[i].revents & POLLIN) answer(fds[i].fd, httpPort_);
     }
 }

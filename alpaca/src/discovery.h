@@ -32,6 +32,7 @@ private:
     int socket4_ = -1;
     int socket6_ = -1;
     int boundPort_ = -1;
+    int wake_ = -1;  // eventfd that stop() writes to end the wait
     std::atomic<bool> stopping_{false};
     std::thread thread_;
 };

@@ -35,4 +35,21 @@ nlohmann::json History::toJson() const
     return {{"span", span_.count()}, {"period", period_.count()}, {"units", std::move(units)}};
 }
 
+void UnitPresence::sawPosition(int unit, int position, int64_t millis)
+{
+    std::lock_guard lock(mutex_);
+    Seen& seen = units_[unit];
+    seen.position = position;
+    seen.positionMillis = millis;
+}
+
+UnitPresence::Seen UnitPresence::note(int unit, bool gone, int64_t millis)
+{
+    std::lock_guard lock(mutex_);
+    Seen& seen = units_[unit];
+    if (!gone) seen.goneSinceMillis.reset();
+    else if (!seen.goneSinceMillis) seen.goneSinceMillis = millis;
+    return seen;
+}
+
 }  // namespace alpaca

@@ -40,4 +40,22 @@ private:
     std::map<int, std::deque<Sample>> units_;
 };
 
+// What the page remembers of each unit between polls: where it was last
+// seen, and since when a unit a client had connected is gone.
+class UnitPresence {
+public:
+    struct Seen {
+        std::optional<int> position;          // last position read
+        int64_t positionMillis = 0;           // when it was read
+        std::optional<int64_t> goneSinceMillis;  // set while gone
+    };
+    void sawPosition(int unit, int position, int64_t millis);
+    // Notes whether the unit is gone at `millis` and returns what is known of it.
+    Seen note(int unit, bool gone, int64_t millis);
+
+private:
+    std::mutex mutex_;
+    std::map<int, Seen> units_;
+};
+
 }  // namespace alpaca

@@ -10,9 +10,14 @@ namespace alpaca {
 namespace {
 std::atomic<bool> quiet{false};
 std::mutex outMutex;
+std::function<void(const std::string&, const std::string&)> sink;  // guarded by outMutex
 
 void write(const char* level, const std::string& line)
 {
+    {
+        std::lock_guard lock(outMutex);
+        if (sink) return sink(level, line);
+    }
     if (quiet) return;
     std::time_t now = std::chrono::system_clock::to_time_t(std::chrono::system_clock::now());
     std::tm tm{};
@@ -27,4 +32,9 @@ void write(const char* level, const std::string& line)
 void logInfo(const std::string& line) { write("info", line); }
 void logWarn(const std::string& line) { write("warn", line); }
 void setLogQuiet(bool q) { quiet = q; }
+void setLogSink(std::function<void(const std::string&, const std::string&)> s)
+{
+    std::lock_guard lock(outMutex);
+    sink = std::move(s);
+}
 }  // namespace alpaca

@@ -34,7 +34,7 @@ RequestGuard::RequestGuard(std::vector<std::string> extraHosts)
     for (std::string& name : extraHosts) names_.push_back(lower(name));
 }
 
-bool RequestGuard::hostAllowed(const std::string& header, int port) const
+bool RequestGuard::hostAllowed(const std::string& header, int port, bool anyPort) const
 {
     // "name:port", "[v6]:port", or a bare name for port 80.
     std::string name = lower(header);
@@ -46,16 +46,20 @@ bool RequestGuard::hostAllowed(const std::string& header, int port) const
     }
     if (!name.empty() && name.back() == '.') name.pop_back();
     const auto given = parseUint32(portText);
-    if (!given || static_cast<int>(*given) != port || name.empty()) return false;
+    if (!given || (!anyPort && static_cast<int>(*given) != port) || name.empty()) return false;
     return ipLiteral(name) || std::find(names_.begin(), names_.end(), name) != names_.end();
 }
 
 std::optional<std::string> RequestGuard::refusal(const std::string& host, const std::optional<std::string>& origin,
                                                  int port, bool control, bool changes) const
 {
-    // A request with an Origin comes from a browser: it gets the control
-    // page's checks wherever it goes.
-    if ((control || (origin && changes)) && !hostAllowed(host, port))
+    // The page, and a browser's change anywhere, must name this server with
+    // its port. Elsewhere the name alone counts (a client behind a forwarded
+    // port sends another port), so that a page whose name was pointed at this
+    // computer (DNS rebinding) reads nothing either; a request without a Host
+    // (HTTP/1.0) names nothing to rebind.
+    const bool strict = control || (origin && changes);
+    if ((strict || !host.empty()) && !hostAllowed(host, port, !strict))
         return "refused: this server is not known by the name '" + host +
                "' (use its IP address, localhost or this computer's name, or start nkr-alpaca with --allow-host NAME)";
     if (changes && origin && lower(*origin) != "http://" + lower(host))

@@ -1,7 +1,8 @@
 // Refuses browser requests that another web site makes on the user's behalf.
 // A page elsewhere can post a form here (the browser sends its Origin), and a
 // name it controls can be pointed at this computer (DNS rebinding: the Host is
-// then that name). Alpaca clients send no Origin and are not affected.
+// then that name). Alpaca clients send no Origin; those that reach the server
+// by an address, localhost or its own name are not affected.
 #pragma once
 
 #include <optional>
@@ -16,10 +17,11 @@ public:
     explicit RequestGuard(std::vector<std::string> extraHosts = {});
 
     // Whether a Host header names this server: an IP literal, localhost, this
-    // computer's name (also with .local) or an allowed name, with the port.
-    bool hostAllowed(const std::string& host, int port) const;
+    // computer's name (also with .local) or an allowed name, with the port
+    // (any port when anyPort).
+    bool hostAllowed(const std::string& host, int port, bool anyPort = false) const;
     // Why a request must be refused (one sentence), or nothing.
-    //   control: a request of the control page (its host is always checked);
+    //   control: a request of the control page (its host and port are checked);
     //   changes: it changes something (its Origin, if any, must be the Host).
     std::optional<std::string> refusal(const std::string& host, const std::optional<std::string>& origin, int port,
                                        bool control, bool changes) const;

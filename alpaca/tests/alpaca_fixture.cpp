@@ -1,5 +1,10 @@
 #include "alpaca_fixture.h"
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <cstdlib>
 
 #include "log.h"
@@ -74,6 +79,26 @@ json AlpacaTest::answer(const httplib::Result& res)
     if (!res) return {};
     lastBody_ = res->body;
     return res->status == 200 ? json::parse(res->body, nullptr, false) : json();
+}
+
+std::string AlpacaTest::raw(const std::string& bytes, int port)
+{
+    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_port = htons(static_cast<uint16_t>(port == 0 ? port_ : port));
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    timeval timeout{10, 0};
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
+    std::string reply;
+    if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0 &&
+        send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size())) {
+        shutdown(fd, SHUT_WR);  // nothing more comes: the server closes once it has answered
+        char buffer[4096];
+        for (ssize_t n; (n = recv(fd, buffer, sizeof buffer, 0)) > 0;) reply.append(buffer, static_cast<size_t>(n));
+    }
+    close(fd);
+    return reply;
 }
 
 json AlpacaTest::get(const std::string& path) { return answer(client_->Get(path)); }

@@ -34,6 +34,9 @@ protected:
     void connect(int n);
     // Advances the simulator clock until device n stops moving (bounded).
     bool runUntilStopped(int n);
+    // Sends bytes on a connection of its own and returns all that comes back
+    // until the server closes it (at most 10 s): what no client library sends.
+    std::string raw(const std::string& bytes, int port = 0);
     // Records status and body of a response; its JSON when the status is 200.
     json answer(const httplib::Result& res);
 

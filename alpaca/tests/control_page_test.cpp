@@ -23,6 +23,9 @@ TEST_F(AlpacaTest, RootAndSetupUrlsLeadToTheControlPage)
         ASSERT_TRUE(res) << asset;
         EXPECT_EQ(res->status, 200) << asset;
         EXPECT_GT(res->body.size(), 1000u) << asset;
+        // Never inside another site's frame (a clicked decoy would move the focuser).
+        EXPECT_EQ(res->get_header_value("X-Frame-Options"), "DENY") << asset;
+        EXPECT_NE(res->get_header_value("Content-Security-Policy").find("frame-ancestors 'none'"), std::string::npos);
     }
     json state = get("/control/v1/state");
     EXPECT_EQ(state["server"]["version"], driverVersion());
@@ -64,12 +67,29 @@ TEST_F(AlpacaTest, BrowserRequestsFromOtherSitesAreRefusedAndAlpacaClientsAreNot
     auto state = client_->Get("/control/v1/state", {{"Host", "evil.example:" + port}});
     ASSERT_TRUE(state);
     EXPECT_EQ(state->status, 403);
-    // An Alpaca client sends no Origin, under whatever name it knows the host by.
-    auto alpaca = client_->Put(device(0, "connected"), {{"Host", "observatory.lan:" + port}}, "Connected=true",
-                               "application/x-www-form-urlencoded");
-    ASSERT_TRUE(alpaca);
-    EXPECT_EQ(alpaca->status, 200);
+    // An Alpaca client sends no Origin; by an address it is served whatever
+    // port it names (a forwarded port), by a foreign name it reads nothing
+    // (a rebinding page would read the position) until --allow-host names it.
+    auto forwarded = client_->Put(device(0, "connected"), {{"Host", "127.0.0.1:8080"}}, "Connected=true",
+                                  "application/x-www-form-urlencoded");
+    ASSERT_TRUE(forwarded);
+    EXPECT_EQ(forwarded->status, 200);
     EXPECT_EQ(get(device(0, "connected"))["Value"], true);
+    auto rebound = client_->Get(device(0, "position"), {{"Host", "observatory.lan:" + port}});
+    ASSERT_TRUE(rebound);
+    EXPECT_EQ(rebound->status, 403);
+    EXPECT_NE(rebound->body.find("--allow-host"), std::string::npos) << rebound->body;
+    ServerLimits named;
+    named.samplingThread = false;
+    named.allowedHosts = {"observatory.lan"};
+    AlpacaServer allowed(*registry_, named);
+    const int allowedPort = allowed.start("127.0.0.1", 0);
+    ASSERT_GT(allowedPort, 0);
+    httplib::Client viaName("127.0.0.1", allowedPort);
+    auto served = viaName.Get(device(0, "position"), {{"Host", "observatory.lan:" + std::to_string(allowedPort)}});
+    ASSERT_TRUE(served);
+    EXPECT_EQ(served->status, 200);
+    allowed.stop();
     // A browser's PUT from another site gets the page's checks.
     auto fromPage = client_->Put(device(0, "connected"), {{"Origin", "http://evil.example"}}, "Connected=false",
                                  "application/x-www-form-urlencoded");
@@ -104,13 +124,19 @@ TEST_F(AlpacaTest, SettingsAreAllCheckedBeforeAnyIsApplied)
         {settings, "colour=red&backlash=77", "colour"},
         {move, "position=99999", "position"},
         {move, "steps=abc", "steps"},
+        {settings, "alias=%FF", ""},
+        {move, "position=%FF", ""},
     };
     for (const auto& c : refused) {
         json answer = post(c.path, c.form);
         EXPECT_EQ(lastStatus_, 400) << c.form;
         EXPECT_EQ(answer["ok"], false) << c.form;
-        EXPECT_TRUE(answer["errors"][c.badField].is_string()) << c.form << ": " << answer.dump();
+        if (!c.badField.empty()) EXPECT_TRUE(answer["errors"][c.badField].is_string()) << c.form << ": " << answer.dump();
+        else EXPECT_NE(answer["message"].get<std::string>().find("not UTF-8"), std::string::npos) << answer.dump();
     }
+    // A number too large for a position is out of range, and says which.
+    json far = post(move, "position=99999999999");
+    EXPECT_NE(far["errors"]["position"].get<std::string>().find("from 0 to 60000 steps"), std::string::npos) << far.dump();
     EXPECT_EQ(nkrsim::state(unitA_).backlash, 0);
     EXPECT_EQ(nkrsim::state(unitA_).reverse, false);
     EXPECT_EQ(get(device(0, "ismoving"))["Value"], false);
@@ -129,6 +155,34 @@ TEST_F(AlpacaTest, SettingsAreAllCheckedBeforeAnyIsApplied)
     EXPECT_NE(cleared["message"].get<std::string>().find("alias cleared"), std::string::npos) << cleared.dump();
     EXPECT_EQ(put(device(0, "action"), readAlias)["Value"], "");
     EXPECT_EQ(post("/control/v1/focuser/0/settings", "")["message"], "Nothing to save.");
+}
+
+TEST_F(AlpacaTest, PageStateTellsAGoneUnitFromOneNobodyConnected)
+{
+    auto units = [&] { return get("/control/v1/state")["units"]; };
+    EXPECT_EQ(units()[0]["state"], "off");
+    connect(0);
+    json live = units()[0];
+    EXPECT_EQ(live["state"], "connected");
+    EXPECT_EQ(live["position"], 30000);
+    nkrsim::unplug(unitA_);
+    get(device(0, "position"));  // the request that meets the pulled cable
+    json gone = units()[0];
+    EXPECT_EQ(gone["state"], "gone") << gone.dump();
+    EXPECT_EQ(gone["lastPosition"], 30000);
+    EXPECT_TRUE(gone["goneSince"].is_number() && gone["lastSeen"].is_number()) << gone.dump();
+    EXPECT_TRUE(gone["position"].is_null());
+    EXPECT_EQ(units()[0]["goneSince"], gone["goneSince"]) << "gone since the first time it was missed";
+    EXPECT_EQ(units()[1]["state"], "off");
+    nkrsim::replug(unitA_);
+    connect(0);
+    EXPECT_EQ(units()[0]["state"], "connected");
+    put(device(0, "connected"), "Connected=false");
+    EXPECT_EQ(units()[0]["state"], "off") << "let go by its client: not gone";
+    // The footer's discovery port: off until discovery answers.
+    EXPECT_TRUE(get("/control/v1/state")["server"]["discoveryPort"].is_null());
+    server_->setDiscoveryPort(18011);
+    EXPECT_EQ(get("/control/v1/state")["server"]["discoveryPort"], 18011);
 }
 
 TEST_F(AlpacaTest, PlotHistoryKeepsTheLastHourOfConnectedUnits)

@@ -1,6 +1,8 @@
 // Moves followed to the end on the simulator's clock, halts, connect /
 // disconnect, unplug and re-plug.
 #include "alpaca_fixture.h"
+#include "log.h"
+#include "shutdown.h"
 
 namespace alpaca::test {
 namespace {
@@ -28,6 +30,32 @@ TEST_F(AlpacaTest, HaltStopsAMoveHalfway)
     ASSERT_TRUE(runUntilStopped(0));
     int position = get(device(0, "position"))["Value"];
     EXPECT_TRUE(position > 30000 && position < 60000) << position;
+}
+
+TEST_F(AlpacaTest, AStopSignalHaltsTheMoveSaysWhereAndKeepsThePosition)
+{
+    connect(0);
+    connect(1);
+    ASSERT_EQ(put(device(0, "move"), "Position=60000")["ErrorNumber"], 0);
+    nkrsim::advanceMicros(2'000'000);
+    std::vector<std::string> lines;
+    setLogSink([&](const std::string&, const std::string& line) { lines.push_back(line); });
+    stopUnits(*registry_, "SIGTERM");
+    setLogSink(nullptr);
+    EXPECT_EQ(nkrsim::state(unitA_).runState, 0) << "the motor still runs";
+    const int stoppedAt = nkrsim::state(unitA_).position;
+    EXPECT_TRUE(stoppedAt > 30000 && stoppedAt < 60000) << stoppedAt;
+    EXPECT_NE(std::find(lines.begin(), lines.end(), "focuser 0 stopped at " + std::to_string(stoppedAt) + " on SIGTERM"),
+              lines.end()) << ::testing::PrintToString(lines);
+    EXPECT_EQ(std::count_if(lines.begin(), lines.end(), [](const std::string& l) { return l.find("stopped at") != std::string::npos; }), 1)
+        << "only the unit that moved";
+    EXPECT_EQ(get(device(0, "connected"))["Value"], false);
+    EXPECT_EQ(get(device(1, "connected"))["Value"], false);
+    // The next server finds the unit where it stopped.
+    stopServer();
+    startServer();
+    connect(0);
+    EXPECT_EQ(get(device(0, "position"))["Value"], stoppedAt);
 }
 
 TEST_F(AlpacaTest, DisconnectKeepsThePositionForTheNextConnect)

@@ -145,23 +145,51 @@ async function loadSettings(card) {
   }
 }
 
+const clock = (millis) => new Date(millis).toLocaleTimeString();
+
+function clearMessages(card) {
+  for (const m of card.node.querySelectorAll('.message')) {
+    m.textContent = '';
+    m.className = 'message';
+  }
+  showErrors(card.node, {});
+}
+
 function updateCard(card, unit) {
-  const on = unit.connected;
+  // off: nobody connected it; gone: connected, then lost (the server looks
+  // for it again); connected.
+  const on = unit.state === 'connected';
+  const gone = unit.state === 'gone';
+  // What was said about the old state (a move, an error opening it) is stale now.
+  if (card.state !== undefined && card.state !== unit.state) clearMessages(card);
+  if (card.moving === true && unit.moving !== true && card.message.classList.contains('ok')) {
+    card.message.textContent = '';
+    card.message.className = 'message';
+  }
   card.f('title').textContent = `Focuser ${unit.number}`;
   card.f('name').textContent = unit.name || '';
   card.f('link').textContent = unit.link === 'Bluetooth' ? `Bluetooth ${unit.bleName}` : 'USB';
   card.f('serial').textContent = `serial ${unit.serial}`;
   const state = card.f('state');
-  state.textContent = on ? 'connected' : 'not connected';
-  state.className = 'state ' + (on ? 'on' : 'off');
-  card.node.querySelector('[data-a="connect"]').hidden = on;
-  card.node.querySelector('[data-a="disconnect"]').hidden = !on;
+  state.textContent = on ? 'connected' : gone ? 'gone · reconnecting' : 'not connected';
+  state.className = 'state ' + (on ? 'on' : gone ? 'gone' : 'off');
+  const connect = card.node.querySelector('[data-a="connect"]');
+  connect.hidden = on;
+  connect.textContent = gone ? 'Reconnect now' : 'Connect';
+  card.node.querySelector('[data-a="disconnect"]').hidden = !on && !gone;
   card.node.classList.toggle('disconnected', !on);
+  card.node.classList.toggle('gone', gone);
+  card.node.querySelector('.hint').textContent = gone
+    ? `Gone since ${clock(unit.goneSince)}: the server is looking for it again (plugged in? in range?).` +
+      (unit.lastPosition === null ? '' : ` Last seen at ${unit.lastPosition} steps, ${clock(unit.lastSeen)}.`)
+    : 'Not connected: connect to move the unit, see its live values and change its settings.';
   for (const el of card.node.querySelectorAll('[data-needs="connected"]')) {
     for (const c of el.querySelectorAll('input, button')) c.disabled = !on;
   }
-  // Nothing is read from a unit that is not connected: a dash, never a blank.
-  card.f('position').textContent = on ? steps(unit.position) : dash;
+  // Nothing is read from a unit that is not connected: a dash, never a blank;
+  // a gone unit shows where it was last seen.
+  card.f('position').textContent = on ? steps(unit.position)
+    : gone && unit.lastPosition !== null ? `${steps(unit.lastPosition)} (last seen)` : dash;
   card.f('temperature').textContent = on ? celsius(unit.temperature) : dash;
   card.f('motion').textContent = !on || unit.moving === null ? dash : unit.moving ? 'moving' : 'stopped';
   card.f('motion').classList.toggle('moving', unit.moving === true);
@@ -170,6 +198,8 @@ function updateCard(card, unit) {
   if (on && card.connected !== true) loadSettings(card);
   if (!on) card.f('firmware').textContent = '';
   card.connected = on;
+  card.state = unit.state;
+  card.moving = on ? unit.moving : null;
 }
 
 // ---- the plot ----------------------------------------------------------------
@@ -268,6 +298,8 @@ async function poll() {
   }
   const s = state.server;
   document.getElementById('server').textContent = `${s.name} ${s.version} · SDK ${s.sdk} · on ${s.host}`;
+  document.getElementById('discovery').textContent =
+    s.discoveryPort ? `discovery on UDP ${s.discoveryPort}` : 'discovery off';
   linkState.textContent = `live · ${new Date().toLocaleTimeString()}`;
   linkState.className = 'link-state up';
   const list = document.getElementById('units');
