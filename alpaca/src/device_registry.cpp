@@ -19,6 +19,8 @@ namespace {
 // A unit plugged in (or switched on) after the server started is found
 // within this time.
 constexpr auto kRescanPeriod = std::chrono::seconds(5);
+// The supervisor's look when nothing moves and every wanted unit is here.
+constexpr auto kRestPeriod = std::chrono::seconds(1);
 
 std::string notConnected(const Unit& unit, const std::string& why = {})
 {
@@ -341,11 +343,13 @@ DeviceError DeviceRegistry::disconnect(Unit& unit)
 
 DeviceError DeviceRegistry::move(Unit& unit, long long target)
 {
-    return withSession(unit, [&](nkrhost::Session& session) {
+    DeviceError started = withSession(unit, [&](nkrhost::Session& session) {
         nkrhost::Status st = session.moveTo(target);
         if (st.ok()) unit.state = static_cast<int>(nkrhost::UnitState::Moving);
         return st;
     });
+    if (started.ok()) nudgeSupervisor();  // the move's legs are carried from now on
+    return started;
 }
 
 DeviceError DeviceRegistry::halt(Unit& unit)
@@ -377,29 +381,53 @@ std::string DeviceRegistry::tempCompSummary(Unit& unit)
     return unit.session ? unit.session->tempCompSummary() : std::string();
 }
 
-void DeviceRegistry::tick(Clock::time_point now)
+bool DeviceRegistry::tick(Clock::time_point now)
 {
     if (now >= nextRescan_) rescan();
+    bool busy = false;
     for (auto& unit : all()) {
         std::unique_lock lock(unit->io, std::try_to_lock);
-        if (!lock.owns_lock() || !unit->wanted) continue;
+        if (!lock.owns_lock()) {
+            busy = true;  // a client's call is under way: look again soon
+            continue;
+        }
+        if (!unit->wanted) continue;
         if (!unit->session) {
             // Wanted but not found yet (unplugged when a client connected it).
-            reachable(*unit);
+            busy = !reachable(*unit) || busy;
             continue;
         }
         look(*unit, now);
+        const nkrhost::UnitState state = unit->session->state(now);
+        busy = busy || state == nkrhost::UnitState::Moving || state == nkrhost::UnitState::Gone;
     }
+    return busy;
+}
+
+void DeviceRegistry::nudgeSupervisor()
+{
+    {
+        std::lock_guard lock(supervisorMutex_);
+        supervisorNudged_ = true;
+    }
+    supervisorWake_.notify_all();
 }
 
 void DeviceRegistry::startSupervisor(std::chrono::milliseconds period)
 {
     if (supervisor_.joinable()) return;
+    // Every period while a move runs or a unit is away; at rest once a
+    // second (a maximum changed elsewhere still shows within a second), so
+    // a quiet night costs little. A client's move wakes it at once.
     supervisor_ = std::thread([this, period] {
         std::unique_lock lock(supervisorMutex_);
-        while (!supervisorWake_.wait_for(lock, period, [this] { return supervisorStop_; })) {
+        bool busy = false;
+        while (!supervisorWake_.wait_for(lock, busy ? period : kRestPeriod,
+                                         [this] { return supervisorStop_ || supervisorNudged_; }) ||
+               !supervisorStop_) {
+            supervisorNudged_ = false;
             lock.unlock();
-            tick(Clock::now());
+            busy = tick(Clock::now());
             lock.lock();
         }
     });

@@ -102,7 +102,8 @@ public:
     // One round of the background work: the next leg of planned moves and
     // the temperature compensation of connected units. The supervisor thread
     // calls it; tests may call it directly.
-    void tick(Clock::time_point now);
+    // True while anything needs a quick next look (a move, a unit away).
+    bool tick(Clock::time_point now);
     void startSupervisor(std::chrono::milliseconds period = std::chrono::milliseconds(250));
 
     // Where the mapping lives by default: $XDG_CONFIG_HOME/nkr-alpaca/devices.json.
@@ -133,6 +134,8 @@ private:
     std::mutex supervisorMutex_;
     std::condition_variable supervisorWake_;
     bool supervisorStop_ = false;
+    bool supervisorNudged_ = false;
+    void nudgeSupervisor();
 };
 
 }  // namespace alpaca
