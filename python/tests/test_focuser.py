@@ -4,6 +4,12 @@ from __future__ import annotations
 import copy
 import pickle
 
+import os
+import subprocess
+import sys
+import threading
+import time
+
 import pytest
 
 import nkr
@@ -257,3 +263,38 @@ def test_focus_model_settings_take_keywords_and_out_or_in(focuser):
             wrong()
     with pytest.raises(ValueError, match='"out" or "in"'):
         nkr.Approach(direction="sideways", overshoot=1)
+
+
+def test_another_program_is_refused_and_a_move_stopped_short_raises(focuser):
+    start = focuser.position
+    outcome = {}
+
+    def move():
+        try:
+            focuser.move_to(start + 20000, timeout=30)
+        except nkr.NKRError as error:
+            outcome["error"] = error
+
+    mover = threading.Thread(target=move)
+    mover.start()
+    while not focuser.moving:
+        time.sleep(0.02)
+    # Another program: refused a move, naming this one, and allowed to stop.
+    other = subprocess.run([sys.executable, "-c", f"""
+import nkr
+nkr.simulate()
+unit = nkr.open({UNIT!r})
+try:
+    unit.move_to({start})
+except nkr.UnitInUseError as error:
+    print("refused:", error)
+"""], capture_output=True, text=True, timeout=60, env=os.environ)
+    assert "refused:" in other.stdout and "is held by Python nkr" in other.stdout, other.stdout + other.stderr
+    control("hand_move")(SIM_USB_UNIT, focuser.position + 100)  # the hand controller takes over
+    mover.join(30)
+    error = outcome.get("error")
+    assert isinstance(error, nkr.MoveNotArrivedError) and isinstance(error, nkr.BusyError), error
+    assert "did not arrive" in str(error) and "short of" in str(error)
+    assert not focuser.moving
+    focuser.move_to(start, timeout=30)
+
