@@ -76,8 +76,6 @@ NKR_HOST_API nkr_host_unit* nkr_host_adopt(int slot, int ble);
 /* Frees the unit; close: 1 closes it (USB: saves its position) or
  * disconnects it, 0 leaves it open. */
 NKR_HOST_API void nkr_host_free(nkr_host_unit* unit, int close);
-/* Reads the unit's identity again (after an alias change, a reconnect). */
-NKR_HOST_API void nkr_host_refresh(nkr_host_unit* unit);
 /* One try to get a unit that went away back (the same serial number, or
  * Bluetooth address); 0 when it is back, with a new slot id. */
 NKR_HOST_API int nkr_host_reconnect(nkr_host_unit* unit, char* message, size_t size);
@@ -97,17 +95,13 @@ NKR_HOST_API int nkr_host_inventory_json(int ble_scan_ms, char* json, size_t siz
 
 /* The user's maximum position as every host program enforces it. */
 NKR_HOST_API int nkr_host_maximum(nkr_host_unit* unit, int* maximum, char* message, size_t size);
-/* Sets it in the host settings (any program may), and on the unit when this
- * program holds it: 1 .. step range, not below the current position. */
-NKR_HOST_API int nkr_host_set_maximum(nkr_host_unit* unit, long long maximum, char* message, size_t size);
 /* Stops the motor; never refused, whoever holds the unit. */
 NKR_HOST_API int nkr_host_stop(nkr_host_unit* unit, char* message, size_t size);
 
 /* Commands that drive the unit (move, sync, the unit's own settings) take
- * hold of it first: at most one program holds a unit at a time. While
- * another program holds it they are refused (1006, naming the holder) and
- * nothing is sent. holder: who this program is, as others will read it. */
-NKR_HOST_API int nkr_host_hold(nkr_host_unit* unit, const char* holder, char* message, size_t size);
+ * hold of it first, as "Python nkr (<program>)": at most one program holds
+ * a unit at a time. While another program holds it they are refused (1006,
+ * naming the holder) and nothing is sent. */
 /* Declares the current position (0 .. maximum) without moving. */
 NKR_HOST_API int nkr_host_sync(nkr_host_unit* unit, long long position, char* message, size_t size);
 /* Sets a setting of the catalogue by name from its text ("backlash", "20"):

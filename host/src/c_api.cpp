@@ -170,15 +170,6 @@ void nkr_host_alias_of(const char* name, size_t capacity, char* out, size_t size
     }
 }
 
-void nkr_host_refresh(nkr_host_unit* unit)
-{
-    if (unit == nullptr) return;
-    try {
-        unit->unit().refreshIdentity();
-    } catch (...) {
-    }
-}
-
 int nkr_host_reconnect(nkr_host_unit* unit, char* message, size_t size)
 {
     if (unit == nullptr) return nullUnit(message, size);
@@ -255,15 +246,6 @@ int nkr_host_maximum(nkr_host_unit* unit, int* maximum, char* message, size_t si
     return guarded(message, size, [&] { return answer(unit->unit().maximum(*maximum), message, size); });
 }
 
-int nkr_host_set_maximum(nkr_host_unit* unit, long long maximum, char* message, size_t size)
-{
-    if (unit == nullptr) return nullUnit(message, size);
-    return guarded(message, size, [&] {
-        std::lock_guard lock(unit->mutex);
-        return answer(unit->unit().setMaximum(maximum, unit->session != nullptr), message, size);
-    });
-}
-
 namespace {
 
 // Takes hold of the unit for this program (once); with the unit's mutex held.
@@ -286,15 +268,6 @@ void joinCarrier(nkr_host_unit& unit)
 }
 
 }  // namespace
-
-int nkr_host_hold(nkr_host_unit* unit, const char* holder, char* message, size_t size)
-{
-    if (unit == nullptr) return nullUnit(message, size);
-    return guarded(message, size, [&] {
-        std::lock_guard lock(unit->mutex);
-        return answer(holdUnit(*unit, holder != nullptr && holder[0] != '\0' ? holder : programHolder()), message, size);
-    });
-}
 
 int nkr_host_stop(nkr_host_unit* unit, char* message, size_t size)
 {
