@@ -79,18 +79,10 @@ std::string UnitLink::openUsb(const std::string& selector, const std::string& ow
 std::string UnitLink::openBle(const std::string& selector, const std::string& owner)
 {
     close();
-    std::vector<nkrhost::SeenUnit> found;
-    nkrhost::Status scanned = nkrhost::scanBluetooth(found);
-    if (!scanned.ok()) return scanned.message;
-    nkrhost::Resolution r = nkrhost::resolveUnit(selector, found);
-    if (!r.status.ok()) return r.status.message;
-    const nkrhost::SeenUnit& match = found[static_cast<size_t>(r.index)];
-    // A Bluetooth unit is known by its address before any connection.
-    const std::string holder = holderOf(match);
-    if (!holder.empty()) return inUse(match.bleName, holder);
     int slot = -1;
-    nkrhost::Status connected = nkrhost::connectBluetooth(match.bleName, match.bleAddress, slot);
-    if (!connected.ok()) return connected.message;
+    nkrhost::SeenUnit match;
+    nkrhost::Status attached = nkrhost::attachBluetooth(selector, slot, match);
+    if (!attached.ok()) return attached.message;
     return take(nkrhost::Unit::adoptBluetooth(slot, match.bleName, match.bleAddress), owner);
 }
 

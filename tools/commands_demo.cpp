@@ -1,7 +1,7 @@
 // nkr demo: a guided tour of the SDK on the simulated units. It needs no
 // input, touches no real hardware and takes a few seconds.
 #include <NKR_focuser.h>
-#include <dlfcn.h>
+#include "nkrhost/simulation.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -111,8 +111,7 @@ struct PowerUp {
 
 PowerUp powerUpOf(const Identity& ident, int position)
 {
-    using PowerOnState = int (*)(const char*, int*, int*);
-    auto query = reinterpret_cast<PowerOnState>(dlsym(RTLD_DEFAULT, "nkr_sim_power_on_state"));
+    auto query = nkrhost::simulatorFunction<int (*)(const char*, int*, int*)>("nkr_sim_power_on_state");
     PowerUp p;
     int moved = 0;
     if (query == nullptr || ident.serial.empty() || query(ident.serial.c_str(), &p.powerOnPosition, &moved) == 0)

@@ -1,7 +1,6 @@
 // nkr --simulate sim temperature ID CELSIUS: changes the simulated world
 // that every simulated front-end shares, so compensation and the rest can be
 // watched without hardware.
-#include <dlfcn.h>
 
 #include <CLI/CLI.hpp>
 #include <memory>
@@ -42,7 +41,7 @@ int runSim(const SimOptions& options)
     const std::string key = unit.link == nkrhost::Link::Ble ? unit.bleName : unit.serial;
 
     using SetTemperature = int (*)(const char*, double, double, int, double, char*, size_t);
-    auto set = reinterpret_cast<SetTemperature>(dlsym(RTLD_DEFAULT, "nkr_sim_set_temperature"));
+    auto set = nkrhost::simulatorFunction<SetTemperature>("nkr_sim_set_temperature");
     if (set == nullptr) throw ToolError("this simulator cannot set temperatures (too old)", -1, kExitDeviceError);
     char message[256] = {0};
     if (set(key.c_str(), celsius, options.drift, options.hasUntil ? 1 : 0, options.until, message, sizeof message) == 0)

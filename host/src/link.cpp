@@ -1,5 +1,7 @@
 #include "nkrhost/link.h"
 
+#include "nkrhost/claim.h"
+
 #include <NKR_focuser.h>
 
 #include <algorithm>
@@ -76,6 +78,9 @@ Status attachBluetooth(const std::string& wanted, int& slot, SeenUnit& which, in
     Resolution r = resolveUnit(wanted, found);
     if (!r.status.ok()) return r.status;
     which = found[static_cast<std::size_t>(r.index)];
+    // A unit another program holds is refused before any connection is made.
+    const std::string holder = bluetoothHolder(which.bleAddress);
+    if (!holder.empty()) return heldElsewhere(which.bleName, holder);
     return connectBluetooth(which.bleName, which.bleAddress, slot);
 }
 

@@ -24,11 +24,6 @@ std::string notePath(const std::string& unitKey)
     return dir + "/" + name + ".note";
 }
 
-std::string withoutPid(const std::string& holder)
-{
-    const auto at = holder.rfind(" (pid ");
-    return at == std::string::npos ? holder : holder.substr(0, at);
-}
 
 }  // namespace
 
@@ -43,31 +38,6 @@ const char* unitStateName(UnitState state)
     case UnitState::Back: return "back";
     }
     return "unknown";
-}
-
-// ---- who holds a unit ------------------------------------------------------
-
-std::string unitHolder(const std::string& unitKey) { return UnitClaim::holder(kHoldPurpose, unitKey); }
-
-std::string bluetoothHolder(const std::string& address)
-{
-    return address.empty() ? std::string() : UnitClaim::holder(kHoldPurpose, "ble-" + address);
-}
-
-Status heldElsewhere(const std::string& unitKey, const std::string& holder)
-{
-    const std::string who = holder.empty() ? "another program" : holder;
-    return Status::failure(kUnitInUse, "the focuser " + unitKey + " is held by " + who +
-                                           "; nothing was sent. Use " + withoutPid(who) +
-                                           " to drive it, or stop it from anywhere (nkr stop)");
-}
-
-Status takeUnitHold(UnitClaim& claim, const std::string& unitKey, const std::string& holder)
-{
-    if (claim.held()) return {};
-    Status taken = claim.take(kHoldPurpose, unitKey, holder);
-    if (taken.ok()) return taken;
-    return heldElsewhere(unitKey, unitHolder(unitKey));
 }
 
 void noteStoppedBy(const std::string& unitKey, const std::string& who)

@@ -27,13 +27,14 @@ Status enterSimulation(const SimulationRequest& request, char** argv)
     return Status::failure(kSettingsFile, nkrsim::launch::restart(options, argv));
 }
 
+void* simulatorSymbol(const char* name) { return simulationActive() ? dlsym(RTLD_DEFAULT, name) : nullptr; }
+
 Status resetSimulation(bool& settingsForgotten)
 {
     settingsForgotten = false;
     if (!simulationActive())
         return Status::failure(kBadSetting, "only a simulated program can forget the simulated units");
-    using Forget = int (*)(char*, size_t);
-    auto forget = reinterpret_cast<Forget>(dlsym(RTLD_DEFAULT, "nkr_sim_forget_state"));
+    auto forget = simulatorFunction<int (*)(char*, size_t)>("nkr_sim_forget_state");
     if (forget == nullptr) return Status::failure(kSettingsFile, "this simulator cannot forget its world (too old)");
     char message[512] = {0};
     if (forget(message, sizeof message) == 0)

@@ -38,4 +38,21 @@ private:
     int m_fd = -1;
 };
 
+// ---- who holds a unit ------------------------------------------------------
+// At most one of our programs holds a unit at a time: the "unit" claim on
+// its key (the unit session takes it), and for a Bluetooth unit also on its
+// address, so that a program finds it held before connecting.
+
+// The holder of a unit ("" when nobody holds it): "nkr-alpaca (focuser 0) (pid 12)".
+std::string unitHolder(const std::string& unitKey);
+// The holder of the Bluetooth unit at an address, known before connecting
+// to it (a held Bluetooth unit is also claimed by its address).
+std::string bluetoothHolder(const std::string& address);
+// The sentence that refuses a command to a program that does not hold the
+// unit, naming the holder and where to go instead.
+Status heldElsewhere(const std::string& unitKey, const std::string& holder);
+// Takes the "unit" claim of unitKey for holder; kUnitInUse (heldElsewhere)
+// when another program has it.
+Status takeUnitHold(UnitClaim& claim, const std::string& unitKey, const std::string& holder);
+
 }  // namespace nkrhost

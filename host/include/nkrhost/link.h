@@ -38,7 +38,8 @@ Status scanBluetooth(std::vector<SeenUnit>& found, int millis = kBleScanMillis);
 Status connectBluetooth(const std::string& name, const std::string& address, int& slot);
 
 // Scan, match (resolveUnit: name, address or unique beginning of a name),
-// connect and pair. which receives what was matched.
+// connect and pair; a unit another program holds is refused (kUnitInUse)
+// before any connection. which receives what was matched.
 Status attachBluetooth(const std::string& wanted, int& slot, SeenUnit& which, int scanMillis = kBleScanMillis);
 
 // ---- Gone, and back --------------------------------------------------------

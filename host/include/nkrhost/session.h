@@ -35,20 +35,6 @@ enum class UnitState {
 };
 const char* unitStateName(UnitState state);  // "absent", "connecting", ...
 
-// ---- who holds a unit ------------------------------------------------------
-
-// The holder of a unit ("" when nobody holds it): "nkr-alpaca (focuser 0) (pid 12)".
-std::string unitHolder(const std::string& unitKey);
-// The holder of the Bluetooth unit at an address, known before connecting
-// to it (a held Bluetooth unit is also claimed by its address).
-std::string bluetoothHolder(const std::string& address);
-// The sentence that refuses a command to a program that does not hold the
-// unit, naming the holder and where to go instead.
-Status heldElsewhere(const std::string& unitKey, const std::string& holder);
-// Takes the "unit" claim of unitKey for holder; kUnitInUse (heldElsewhere)
-// when another program has it.
-Status takeUnitHold(UnitClaim& claim, const std::string& unitKey, const std::string& holder);
-
 // A program that stops a unit it does not hold leaves a note, so that the
 // holder can say truthfully who stopped its move.
 void noteStoppedBy(const std::string& unitKey, const std::string& who);

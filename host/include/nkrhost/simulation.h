@@ -28,6 +28,16 @@ struct SimulationRequest {
 // Without a request: success, nothing changes.
 Status enterSimulation(const SimulationRequest& request, char** argv);
 
+// A control function of the simulator this process runs against, as its
+// type (nullptr when the process is not simulated, or the simulator is too
+// old to have it): the one place programs look the simulator's controls up.
+void* simulatorSymbol(const char* name);
+template <typename Function>
+Function simulatorFunction(const char* name)
+{
+    return reinterpret_cast<Function>(simulatorSymbol(name));
+}
+
 // Forgets the simulated world and every setting of the simulated units (the
 // library's saved records, the host settings, device numbers, driver
 // configurations). Only in a simulated program; settingsForgotten says
