@@ -350,8 +350,10 @@ void NkrFocuser::pollMotion()
         m_lastPosition = position;
         FocusAbsPosN[0].value = position;
         finishMove(IPS_OK);
-    } else if (position != m_lastPosition &&
+    } else if (position != m_lastPosition && m_mover != Mover::Compensation &&
                (!moving || (now - m_lastPublished >= kProgressInterval && !nearEnd))) {
+        // A correction is short and its target the compensation's own: it
+        // shows Busy, then its end with Ok, and no Busy at the end before it.
         publishPosition(position);
     }
 }
