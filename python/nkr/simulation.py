@@ -10,7 +10,6 @@ from __future__ import annotations
 
 import ctypes
 import os
-import re
 import threading
 from pathlib import Path
 
@@ -18,9 +17,6 @@ from . import _library, _paths
 from .errors import LibraryNotFoundError, SimulationError
 
 SIM_LIBRARY_NAME = "libhidapi-hidraw.so.0"
-
-# One entry of NKR_SIM_UNITS: link:fw[:letter[:type]].
-_UNIT_ENTRY = re.compile(r"^(usb|ble|both):\d{3}(:[A-Za-z](:[^,]*)?)?$")
 
 _lock = threading.Lock()
 _simulator: ctypes.CDLL | None = None
@@ -50,16 +46,23 @@ def simulator_candidates() -> list[str]:
 
 
 def check_units(units: str) -> None:
-    """Raises ValueError unless units is a valid NKR_SIM_UNITS text (empty = no units)."""
+    """Raises TypeError unless units is a text; the simulator itself reads it
+    (and refuses a bad one, see simulate)."""
     if not isinstance(units, str):
         raise TypeError(f"units must be a str such as 'usb:335,ble:382:E:NKR Pro', not {type(units).__name__}")
-    if units == "":
+
+
+def _check_environment(loaded: ctypes.CDLL) -> None:
+    """The simulator's own reading of NKR_SIM_UNITS and NKR_SIM_UNPLUG: one
+    parser for every program; ValueError with its sentence for a bad one."""
+    validate = getattr(loaded, "nkr_sim_validate_environment", None)
+    if validate is None:
         return
-    for entry in units.split(","):
-        if not _UNIT_ENTRY.match(entry):
-            raise ValueError(
-                f"simulated unit {entry!r} is not link:fw[:letter[:type]] "
-                "(link usb, ble or both; fw three digits, e.g. 'usb:382:E:NKRN')")
+    validate.argtypes = [ctypes.c_char_p, ctypes.c_size_t]
+    validate.restype = ctypes.c_int
+    message = ctypes.create_string_buffer(512)
+    if validate(message, len(message)) != 1:
+        raise ValueError(message.value.decode("utf-8", "replace"))
 
 
 # What the simulator sets for a shared world, mirrored into os.environ.
@@ -143,6 +146,7 @@ def simulate(units: str | None = None, *, real_home: bool = False, shared: bool 
             if not os.path.exists(path):
                 tried.append(f"{path} (missing)")
                 continue
+            before = os.environ.get("NKR_SIM_UNITS")
             if units is not None:
                 os.environ["NKR_SIM_UNITS"] = units
             try:
@@ -150,6 +154,14 @@ def simulate(units: str | None = None, *, real_home: bool = False, shared: bool 
             except OSError as error:
                 tried.append(f"{path} ({error})")
                 continue
+            try:
+                _check_environment(loaded)
+            except ValueError:
+                if before is None:
+                    os.environ.pop("NKR_SIM_UNITS", None)
+                else:
+                    os.environ["NKR_SIM_UNITS"] = before
+                raise
             path = os.path.abspath(path)
             break
         if loaded is None:

@@ -30,6 +30,14 @@ def test_nkr_simulate_environment_simulates_at_import():
     assert done.stdout.strip() == "True ['3.8.2', '3.6.9']"
 
 
+def test_bad_units_are_refused_by_the_simulators_own_reading_and_a_good_retry_works():
+    done = run("import nkr\n"
+               "try:\n    nkr.simulate(units='usb:3x5', shared=False)\nexcept ValueError as e:\n    print('refused:', e)\n"
+               "nkr.simulate(units='usb:369', shared=False)\nprint([str(u.firmware) for u in nkr.units()])\n")
+    assert done.returncode == 0, done.stderr
+    assert "refused: NKR_SIM_UNITS entry 1 'usb:3x5'" in done.stdout and "['3.6.9']" in done.stdout, done.stdout
+
+
 def test_state_dir_keeps_the_saved_record_apart(tmp_path):
     state = tmp_path / "sim-state"
     done = run("import nkr\n"
