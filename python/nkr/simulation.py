@@ -52,6 +52,19 @@ def check_units(units: str) -> None:
         raise TypeError(f"units must be a str such as 'usb:335,ble:382:E:NKR Pro', not {type(units).__name__}")
 
 
+def _check_units_with(loaded: ctypes.CDLL, units: str) -> None:
+    """The simulator's reading of a units text, the environment left as it was."""
+    before = os.environ.get("NKR_SIM_UNITS")
+    os.environ["NKR_SIM_UNITS"] = units
+    try:
+        _check_environment(loaded)
+    finally:
+        if before is None:
+            os.environ.pop("NKR_SIM_UNITS", None)
+        else:
+            os.environ["NKR_SIM_UNITS"] = before
+
+
 def _check_environment(loaded: ctypes.CDLL) -> None:
     """The simulator's own reading of NKR_SIM_UNITS and NKR_SIM_UNPLUG: one
     parser for every program; ValueError with its sentence for a bad one."""
@@ -132,6 +145,7 @@ def simulate(units: str | None = None, *, real_home: bool = False, shared: bool 
         if _simulator is not None:
             if units is None or units == _units:
                 return _simulator_path or ""
+            _check_units_with(_simulator, units)  # a bad text is a ValueError before anything else
             raise SimulationError(
                 f"the simulator already runs with units {_units!r}; one process has one simulated world")
         if _library.is_loaded():
