@@ -126,7 +126,8 @@ enum {
 NKR_HOST_API int nkr_host_move(nkr_host_unit* unit, long long target, int timeout_ms, char* message, size_t size);
 /* One look at the move. Returns 0 while it goes on, 1 once it has ended
  * (*end tells how; *code is 0 only when it arrived, else 1010 or the failure,
- * with the sentence in message), -1 for a null unit. */
+ * with the sentence in message), -1 for a null unit or when this program
+ * started no move. Every pointer may be null. */
 NKR_HOST_API int nkr_host_move_poll(nkr_host_unit* unit, int* position, int* percent, int* end, int* code,
                                     char* message, size_t size);
 /* Stops the move at once (also between legs). Returns the result of the

@@ -354,6 +354,7 @@ int nkr_host_move_poll(nkr_host_unit* unit, int* position, int* percent, int* en
     try {
         std::lock_guard lock(unit->mutex);
         if (!unit->session) return -1;
+        if (!unit->lastMove && !unit->session->moving()) return -1;  // no move was started
         if (!unit->lastMove) {
             const MoveProgress p = unit->session->progress();
             if (position != nullptr) *position = p.position;

@@ -170,7 +170,11 @@ class Focuser:
 
     @property
     def moving(self) -> bool:
-        """True while the motor moves (for any reason, hand controller included)."""
+        """True while the motor moves (for any reason, hand controller included),
+        and while a move this program started is carried on (also in the
+        moment between the two legs of a final approach)."""
+        if _host.load().nkr_host_move_poll(self._handle, None, None, None, None, None, 0) == 0:
+            return True
         moving, hand = self._moving_flags()
         return moving or hand
 

@@ -298,3 +298,15 @@ except nkr.UnitInUseError as error:
     assert not focuser.moving
     focuser.move_to(start, timeout=30)
 
+
+
+def test_a_move_not_waited_for_is_carried_to_its_end_final_approach_included(focuser):
+    start = focuser.position
+    focuser.approach = nkr.Approach(direction="out", overshoot=300)
+    try:
+        assert focuser.move_to(start - 1000, wait=False) is None
+        assert focuser.wait(timeout=30)  # not fooled by the stand between the two legs
+        assert focuser.position == start - 1000
+    finally:
+        focuser.approach = {"enabled": False}
+    focuser.move_to(start, timeout=30)
