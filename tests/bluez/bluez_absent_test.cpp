@@ -65,7 +65,11 @@ TEST_F(BlueZAbsent, EveryCallFailsCleanlyAndManagersDoNotLeak)
     };
     const auto before = filesAndThreads();
     for (int i = 0; i < 1000; ++i) destroy(create());
-    EXPECT_EQ(filesAndThreads(), before);
+    // No descriptor and no thread more; a thread of the first manager may
+    // still have been ending when the count began.
+    const auto after = filesAndThreads();
+    EXPECT_EQ(after.first, before.first);
+    EXPECT_LE(after.second, before.second);
 }
 
 }  // namespace
