@@ -133,11 +133,12 @@ void NkrFocuser::tickTempComp()
 {
     if (!m_tempComp) return;
     std::vector<std::string> log;
+    const bool wasCorrecting = m_tempComp->correcting();
     m_tempComp->tick(log);
     for (const std::string& line : log) LOGF_INFO("%s.", line.c_str());
     // A correction is a move like any other: Busy until the motor stops, so
-    // a client can tell the focuser moved during an exposure.
-    if (m_tempComp->correcting() && m_mover == Mover::None && isConnected()) {
+    // a client can tell the focuser moved during an exposure (once, as it begins).
+    if (!wasCorrecting && m_tempComp->correcting() && m_mover == Mover::None && isConnected()) {
         m_mover = Mover::Compensation;
         m_lastProgress = std::chrono::steady_clock::now();
         FocusAbsPosNP.s = IPS_BUSY;

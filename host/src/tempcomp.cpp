@@ -98,6 +98,7 @@ void TempCompRunner::tick(std::vector<std::string>& log)
         if (m_claim.held()) log.push_back("temperature compensation off");
         m_claim.release();
         m_comp.dropReference();
+        m_correcting = m_userMoving = false;  // a correction under way is no longer ours to follow
         setState(State::Off, log, "");
         return;
     }
