@@ -104,6 +104,11 @@ std::string withoutPid(const std::string& holder)
 
 std::string unitHolder(const std::string& unitKey) { return UnitClaim::holder(kHoldPurpose, unitKey); }
 
+void takeBluetoothHold(UnitClaim& claim, const std::string& address, const std::string& holder)
+{
+    if (!address.empty()) claim.take(kHoldPurpose, "ble-" + address, holder);
+}
+
 std::string bluetoothHolder(const std::string& address)
 {
     return address.empty() ? std::string() : UnitClaim::holder(kHoldPurpose, "ble-" + address);

@@ -11,7 +11,6 @@
 namespace nkrhost {
 namespace {
 
-constexpr const char* kHoldPurpose = "unit";
 // How long a unit that came back shows as "back".
 constexpr auto kBackShown = std::chrono::seconds(10);
 
@@ -123,7 +122,7 @@ Status Session::hold(std::unique_ptr<Unit>& unit, const Options& options, std::u
     }
     const Identity& id = session->m_unit->identity();
     if (id.link == Link::Ble && !id.bleAddress.empty() && id.key() != "ble-" + id.bleAddress)
-        session->m_addressClaim.take(kHoldPurpose, "ble-" + id.bleAddress, options.holder);
+        takeBluetoothHold(session->m_addressClaim, id.bleAddress, options.holder);
     session->m_unit->applyStoredMaximum();
     session->m_unit->maximum(session->m_appliedMaximum);
     session->m_unit->position(session->m_lastPosition);

@@ -48,6 +48,8 @@ std::string unitHolder(const std::string& unitKey);
 // The holder of the Bluetooth unit at an address, known before connecting
 // to it (a held Bluetooth unit is also claimed by its address).
 std::string bluetoothHolder(const std::string& address);
+// Takes the claim on a held Bluetooth unit's address (see bluetoothHolder).
+void takeBluetoothHold(UnitClaim& claim, const std::string& address, const std::string& holder);
 // The sentence that refuses a command to a program that does not hold the
 // unit, naming the holder and where to go instead.
 Status heldElsewhere(const std::string& unitKey, const std::string& holder);
