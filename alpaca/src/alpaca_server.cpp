@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <cmath>
 #include <cstring>
 #include <nlohmann/json.hpp>
@@ -23,23 +24,41 @@ using nlohmann::json;
 
 HttpResponse badRequest(const std::string& reason) { return HttpResponse::text(400, reason); }
 
+void appendWhole(std::string& text, int64_t number)
+{
+    char digits[24];
+    const auto end = std::to_chars(digits, digits + sizeof digits, number).ptr;
+    text.append(digits, end);
+}
+
 // Every device and management answer: the four members every Alpaca answer
 // carries, then Value when there is one. The fixed parts are written as they
-// always read (most answers are a position or a flag, and building a JSON
-// object for them cost as much as the rest of the request's own work); the
-// message and the value are written by the JSON library.
+// always read, and so are whole numbers and flags, the values of nearly every
+// answer (building a JSON object for them cost as much as the rest of the
+// request's own work); a message and any other value are written by the JSON
+// library.
 HttpResponse alpacaAnswer(AlpacaServer& server, const AlpacaRequest& req, int errorNumber = 0,
                           const std::string& errorMessage = {}, const json* value = nullptr)
 {
-    std::string text = R"({"ClientTransactionID":)" + std::to_string(req.clientTransactionId()) +
-                       R"(,"ServerTransactionID":)" + std::to_string(server.nextServerTransactionId()) +
-                       R"(,"ErrorNumber":)" + std::to_string(errorNumber) + R"(,"ErrorMessage":)";
+    HttpResponse res;
+    std::string& text = res.body;
+    text.reserve(112 + errorMessage.size());
+    text += R"({"ClientTransactionID":)";
+    appendWhole(text, req.clientTransactionId());
+    text += R"(,"ServerTransactionID":)";
+    appendWhole(text, server.nextServerTransactionId());
+    text += R"(,"ErrorNumber":)";
+    appendWhole(text, errorNumber);
+    text += R"(,"ErrorMessage":)";
     // Text that is not UTF-8 (from a unit, say) is replaced, never thrown over.
     text += errorMessage.empty() ? R"("")" : json(errorMessage).dump(-1, ' ', false, json::error_handler_t::replace);
-    if (value != nullptr) text += R"(,"Value":)" + value->dump(-1, ' ', false, json::error_handler_t::replace);
+    if (value != nullptr) {
+        text += R"(,"Value":)";
+        if (value->is_number_integer() && !value->is_number_unsigned()) appendWhole(text, value->get<int64_t>());
+        else if (value->is_boolean()) text += value->get<bool>() ? "true" : "false";
+        else text += value->dump(-1, ' ', false, json::error_handler_t::replace);
+    }
     text += '}';
-    HttpResponse res;
-    res.body = std::move(text);
     res.contentType = "application/json";
     return res;
 }

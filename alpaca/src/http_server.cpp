@@ -64,6 +64,7 @@ struct HttpServer::Impl {
     void sweep();
     void forget(Connection& connection);
     HttpResponse answer(const HttpRequest& request);
+    const std::string& statusAndFields(const HttpResponse& answer, bool keepAlive);
 
     HttpLimits limits;
     Handler handle;
@@ -79,6 +80,17 @@ struct HttpServer::Impl {
     std::list<std::shared_ptr<Connection>> connections;
     std::map<std::string, int> perClient;
     Clock::time_point sweepAt = Clock::time_point::max();  // when the sweep timer fires
+    // Status lines and headers as Beast wrote them, by status, content type,
+    // length and keep-alive: the answers to polling differ only in the body.
+    struct Head {
+        int status;
+        bool keepAlive;
+        std::size_t bodySize;
+        std::string contentType;
+        std::string text;
+    };
+    std::vector<Head> heads;
+    std::string unusual;  // the fields of the last answer not kept in heads
     bool stopping = false;
 };
 
@@ -95,11 +107,17 @@ struct Connection : std::enable_shared_from_this<Connection> {
         read();
     }
 
-    // Moves to a phase; the sweep is asked to come by when its time is up.
+    // Moves to a phase. Its deadline is handed to the sweep only when the
+    // connection waits (armDeadline): a request read and answered within one
+    // turn of the loop, as nearly all are, touches no timer.
     void enter(Phase next)
     {
         phase = next;
         since = Clock::now();
+    }
+
+    void armDeadline()
+    {
         if (auto due = deadline()) server.sweepBy(*due);
     }
 
@@ -137,6 +155,7 @@ struct Connection : std::enable_shared_from_this<Connection> {
             return;
         }
         reading = true;
+        armDeadline();
         socket.async_read_some(buffer.prepare(std::min<std::size_t>(room, 4096)),
                                [self = shared_from_this()](beast::error_code ec, std::size_t n) { self->onRead(ec, n); });
     }
@@ -253,33 +272,41 @@ struct Connection : std::enable_shared_from_this<Connection> {
     void respond(HttpResponse answer)
     {
         if (phase == Phase::Closed) return;
-        response = {};
-        response.version(11);
-        response.result(static_cast<unsigned>(answer.status));
-        response.set(http::field::content_type, answer.contentType);
-        for (auto& [name, value] : answer.headers) response.set(name, value);
-        response.body() = std::move(answer.body);
-        response.keep_alive(keepAlive && !answer.close && !server.stopping);
-        response.prepare_payload();
-        if (head) response.body().clear();  // Content-Length stays that of the GET
+        keepAfterWrite = keepAlive && !answer.close && !server.stopping;
+        out.assign(server.statusAndFields(answer, keepAfterWrite));
+        if (!head) out += answer.body;  // a HEAD answer's Content-Length stays that of the GET
+        beast::error_code ec;
         enter(Phase::Writing);
-        http::async_write(socket, response, [self = shared_from_this()](beast::error_code ec, std::size_t) {
-            self->onWritten(ec);
-        });
+        std::size_t sent = socket.write_some(asio::buffer(out), ec);  // the socket does not block
+        if (ec == asio::error::would_block || ec == asio::error::try_again) {
+            sent = 0;
+            ec = {};
+        }
+        if (ec) return close();
+        if (sent == out.size()) return written();
+        armDeadline();
+        asio::async_write(socket, asio::buffer(out.data() + sent, out.size() - sent),
+                          [self = shared_from_this()](beast::error_code e, std::size_t) {
+                              if (e || self->phase == Phase::Closed) return self->close();
+                              self->written();
+                          });
     }
 
-    void onWritten(beast::error_code ec)
+    void written()
     {
-        if (ec || phase == Phase::Closed) return close();
-        if (!response.keep_alive()) return drain();
+        if (!keepAfterWrite) return drain();
         newParser();
         if (buffer.size() == 0) {
             enter(Phase::Idle);
             return read();
         }
-        // The client sent its next request already (pipelining): it is answered now, in order.
+        // The client sent its next request already (pipelining): it is
+        // answered next, in order, from a fresh turn of the loop so that a
+        // long run of them does not nest.
         enter(Phase::Reading);
-        process();
+        asio::post(socket.get_executor(), [self = shared_from_this()] {
+            if (self->phase == Phase::Reading) self->process();
+        });
     }
 
     // Answers with the reason and closes; the request is not read further.
@@ -325,7 +352,8 @@ struct Connection : std::enable_shared_from_this<Connection> {
     std::string client;
     beast::flat_buffer buffer;
     std::optional<http::request_parser<http::string_body>> parser;
-    http::response<http::string_body> response;
+    std::string out;  // the answer being sent, serialized
+    bool keepAfterWrite = true;
     Phase phase = Phase::Idle;
     Clock::time_point since;
     bool reading = false;
@@ -345,6 +373,50 @@ HttpResponse HttpServer::Impl::answer(const HttpRequest& request)
         logWarn("internal error answering " + request.method + " " + request.path);
     }
     return HttpResponse::text(500, "internal error");
+}
+
+// The status line and header fields of an answer, as Beast's serializer
+// writes them. Answers of one shape (status, type, length, keep-alive)
+// differ only in their body, and polling asks for the same few shapes over
+// and over: those are written once and kept. Answers with fields of their own
+// (Allow, the page's security headers) are written every time; past 64 shapes
+// the cache starts afresh.
+const std::string& HttpServer::Impl::statusAndFields(const HttpResponse& answer, bool keepAlive)
+{
+    const bool plain = answer.headers.empty();
+    if (plain) {
+        for (const Head& known : heads)
+            if (known.status == answer.status && known.keepAlive == keepAlive &&
+                known.bodySize == answer.body.size() && known.contentType == answer.contentType)
+                return known.text;
+    }
+    http::response<http::string_body> response;
+    response.version(11);
+    response.result(static_cast<unsigned>(answer.status));
+    response.set(http::field::content_type, answer.contentType);
+    for (auto& [name, value] : answer.headers) response.set(name, value);
+    response.content_length(answer.body.size());
+    response.keep_alive(keepAlive);
+    std::string& written = unusual;
+    written.clear();
+    http::response_serializer<http::string_body> serializer{response};
+    serializer.split(true);
+    beast::error_code ec;
+    while (!ec && !serializer.is_header_done()) {
+        serializer.next(ec, [&](beast::error_code&, const auto& buffers) {
+            const std::size_t size = beast::buffer_bytes(buffers);
+            const std::size_t at = written.size();
+            written.resize(at + size);
+            asio::buffer_copy(asio::buffer(written.data() + at, size), buffers);
+            serializer.consume(size);
+        });
+    }
+    if (plain) {
+        if (heads.size() >= 64) heads.clear();
+        heads.push_back({answer.status, keepAlive, answer.body.size(), answer.contentType, written});
+        return heads.back().text;
+    }
+    return written;
 }
 
 void HttpServer::Impl::accept()
@@ -405,6 +477,7 @@ void HttpServer::Impl::admit(tcp::socket socket)
         return;
     }
     socket.set_option(tcp::no_delay(true), ec);
+    socket.non_blocking(true, ec);  // answers are written at once where the socket takes them
     auto connection = std::make_shared<Connection>(*this, std::move(socket), client);
     connections.push_back(connection);
     connection->entry = std::prev(connections.end());

@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cctype>
 
 #include "alpaca_request.h"
@@ -29,12 +30,34 @@ bool ipLiteral(const std::string& name)
 
 RequestGuard::RequestGuard(std::vector<std::string> extraHosts)
 {
+    static std::atomic<std::uint64_t> guards{0};
+    id_ = ++guards;
     const std::string own = lower(hostName());
     names_ = {"localhost", own, own + ".local", own.substr(0, own.find('.'))};
     for (std::string& name : extraHosts) names_.push_back(lower(name));
 }
 
 bool RequestGuard::hostAllowed(const std::string& header, int port, bool anyPort) const
+{
+    // A client sends the same Host with every request: the last one this
+    // thread found allowed is taken again without reading it anew. The guard
+    // never changes, and each has an id of its own (an address may be reused).
+    thread_local struct {
+        std::uint64_t guard = 0;
+        int port = 0;
+        bool anyPort = false;
+        std::string header;
+    } last;
+    if (last.guard == id_ && last.port == port && last.anyPort == anyPort && last.header == header) return true;
+    if (!readHostAllowed(header, port, anyPort)) return false;
+    last.guard = id_;
+    last.port = port;
+    last.anyPort = anyPort;
+    last.header = header;
+    return true;
+}
+
+bool RequestGuard::readHostAllowed(const std::string& header, int port, bool anyPort) const
 {
     // "name:port", "[v6]:port", or a bare name for port 80.
     std::string name = lower(header);

@@ -5,6 +5,7 @@
 // by an address, localhost or its own name are not affected.
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
@@ -27,7 +28,10 @@ public:
                                        bool control, bool changes) const;
 
 private:
+    bool readHostAllowed(const std::string& host, int port, bool anyPort) const;
+
     std::vector<std::string> names_;  // lower case
+    std::uint64_t id_ = 0;
 };
 
 }  // namespace alpaca
