@@ -16,6 +16,7 @@
 #include "alpaca_request.h"
 #include "focuser_members.h"
 #include "log.h"
+#include "thread_name.h"
 
 namespace alpaca {
 namespace {
@@ -114,7 +115,10 @@ int AlpacaServer::start(const std::string& host, int port)
         startError_ = bindProblem(host, port);
         return -1;
     }
-    if (limits_.samplingThread) sampler_ = std::thread([this] { sampleLoop(); });
+    if (limits_.samplingThread) sampler_ = std::thread([this] {
+        nameThisThread("sampler");
+        sampleLoop();
+    });
     return port_;
 }
 

@@ -2,7 +2,10 @@
 
 #include <NKR_focuser.h>
 
+#include <poll.h>
 #include <strings.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <filesystem>
@@ -10,6 +13,9 @@
 #include <nlohmann/json.hpp>
 
 #include "log.h"
+#include "nkrhost/settings.h"
+#include "settings_watch.h"
+#include "thread_name.h"
 
 namespace alpaca {
 namespace fs = std::filesystem;
@@ -19,8 +25,9 @@ namespace {
 // A unit plugged in (or switched on) after the server started is found
 // within this time.
 constexpr auto kRescanPeriod = std::chrono::seconds(5);
-// The supervisor's look when nothing moves and every wanted unit is here.
-constexpr auto kRestPeriod = std::chrono::seconds(1);
+// The supervisor's look while compensation runs (or, without a watch on the
+// host settings, whenever nothing moves).
+constexpr std::chrono::milliseconds kSteadyPeriod{1000};
 
 std::string notConnected(const Unit& unit, const std::string& why = {})
 {
@@ -381,10 +388,11 @@ std::string DeviceRegistry::tempCompSummary(Unit& unit)
     return unit.session ? unit.session->tempCompSummary() : std::string();
 }
 
-bool DeviceRegistry::tick(Clock::time_point now)
+DeviceRegistry::Pace DeviceRegistry::tick(Clock::time_point now)
 {
     if (now >= nextRescan_) rescan();
     bool busy = false;
+    bool compensating = false;
     for (auto& unit : all()) {
         std::unique_lock lock(unit->io, std::try_to_lock);
         if (!lock.owns_lock()) {
@@ -400,47 +408,58 @@ bool DeviceRegistry::tick(Clock::time_point now)
         look(*unit, now);
         const nkrhost::UnitState state = unit->session->state(now);
         busy = busy || state == nkrhost::UnitState::Moving || state == nkrhost::UnitState::Gone;
+        compensating = compensating || unit->session->compensating();
     }
-    return busy;
+    return busy ? Pace::Quick : compensating ? Pace::Steady : Pace::Rest;
 }
 
 void DeviceRegistry::nudgeSupervisor()
 {
-    {
-        std::lock_guard lock(supervisorMutex_);
-        supervisorNudged_ = true;
-    }
-    supervisorWake_.notify_all();
+    if (supervisorWake_ < 0) return;
+    const uint64_t one = 1;
+    (void)!::write(supervisorWake_, &one, sizeof one);
 }
 
-void DeviceRegistry::startSupervisor(std::chrono::milliseconds period)
+void DeviceRegistry::startSupervisor(std::chrono::milliseconds period, std::chrono::milliseconds rest)
 {
     if (supervisor_.joinable()) return;
-    // Every period while a move runs or a unit is away; at rest once a
-    // second (a maximum changed elsewhere still shows within a second), so
-    // a quiet night costs little. A client's move wakes it at once.
-    supervisor_ = std::thread([this, period] {
-        std::unique_lock lock(supervisorMutex_);
-        bool busy = false;
-        while (!supervisorWake_.wait_for(lock, busy ? period : kRestPeriod,
-                                         [this] { return supervisorStop_ || supervisorNudged_; }) ||
-               !supervisorStop_) {
-            supervisorNudged_ = false;
-            lock.unlock();
-            busy = tick(Clock::now());
-            lock.lock();
+    supervisorWake_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    // Every period while a move runs or a unit is away, every second while
+    // compensation runs; otherwise only for the rescan, so that a quiet night
+    // costs one look in five seconds. A maximum (or any host setting) changed
+    // elsewhere wakes it through the settings file's folder at once, and a
+    // client's move wakes it through the eventfd. Without a watch on the
+    // folder (inotify refused) it looks once a second instead.
+    supervisor_ = std::thread([this, period, rest] {
+        nameThisThread("supervisor");
+        SettingsWatch settings(nkrhost::HostSettings::defaultPath());
+        const std::chrono::milliseconds quiet = settings.watching() ? rest : std::min(rest, kSteadyPeriod);
+        // A first look at once: what changed before the watch began is seen too.
+        Pace pace = tick(Clock::now());
+        while (!supervisorStop_) {
+            const std::chrono::milliseconds wait = pace == Pace::Quick    ? period
+                                                   : pace == Pace::Steady ? std::min(rest, kSteadyPeriod)
+                                                                          : quiet;
+            pollfd fds[2] = {{supervisorWake_, POLLIN, 0}, {settings.fd(), POLLIN, 0}};
+            const int ready = ::poll(fds, settings.watching() ? 2 : 1, static_cast<int>(wait.count()));
+            if (supervisorStop_) break;
+            if (ready > 0) {
+                uint64_t count = 0;
+                (void)!::read(supervisorWake_, &count, sizeof count);
+                settings.drain();
+            }
+            pace = tick(Clock::now());
         }
     });
 }
 
 void DeviceRegistry::stopSupervisor()
 {
-    {
-        std::lock_guard lock(supervisorMutex_);
-        supervisorStop_ = true;
-    }
-    supervisorWake_.notify_all();
+    supervisorStop_ = true;
+    nudgeSupervisor();
     if (supervisor_.joinable()) supervisor_.join();
+    if (supervisorWake_ >= 0) ::close(supervisorWake_);
+    supervisorWake_ = -1;
 }
 
 }  // namespace alpaca

@@ -9,7 +9,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -102,9 +101,15 @@ public:
     // One round of the background work: the next leg of planned moves and
     // the temperature compensation of connected units. The supervisor thread
     // calls it; tests may call it directly.
-    // True while anything needs a quick next look (a move, a unit away).
-    bool tick(Clock::time_point now);
-    void startSupervisor(std::chrono::milliseconds period = std::chrono::milliseconds(250));
+    // How soon the next look is needed: quickly while a move runs or a unit
+    // is away, every second while compensation runs, else only for the
+    // rescan (a change of the host settings file wakes the supervisor).
+    enum class Pace { Quick, Steady, Rest };
+    Pace tick(Clock::time_point now);
+    // period: between looks while something moves; rest: between looks at
+    // rest (the USB rescan's 5 s; a change of the host settings wakes it).
+    void startSupervisor(std::chrono::milliseconds period = std::chrono::milliseconds(250),
+                         std::chrono::milliseconds rest = std::chrono::seconds(5));
 
     // Where the mapping lives by default: $XDG_CONFIG_HOME/nkr-alpaca/devices.json.
     static std::string defaultStatePath();
@@ -131,10 +136,8 @@ private:
     Clock::time_point nextRescan_{};
 
     std::thread supervisor_;
-    std::mutex supervisorMutex_;
-    std::condition_variable supervisorWake_;
-    bool supervisorStop_ = false;
-    bool supervisorNudged_ = false;
+    std::atomic<bool> supervisorStop_{false};
+    int supervisorWake_ = -1;  // an eventfd: a nudge or the stop
     void nudgeSupervisor();
 };
 

@@ -13,6 +13,7 @@
 #include <nlohmann/json.hpp>
 
 #include "log.h"
+#include "thread_name.h"
 
 namespace alpaca {
 namespace {
@@ -148,7 +149,10 @@ bool DiscoveryResponder::start()
     logInfo("discovery answers on UDP port " + std::to_string(boundPort_) + (socket4_ >= 0 ? " (IPv4)" : "") +
             (socket6_ >= 0 ? " (IPv6 ff12::a1:9aca)" : ""));
     wake_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    thread_ = std::thread([this] { run(); });
+    thread_ = std::thread([this] {
+        nameThisThread("discovery");
+        run();
+    });
     return true;
 }
 

@@ -14,6 +14,7 @@
 #include <thread>
 
 #include "log.h"
+#include "thread_name.h"
 
 namespace alpaca {
 namespace {
@@ -74,7 +75,9 @@ struct HttpServer::Impl {
     tcp::acceptor acceptor{io};
     asio::steady_timer sweepTimer{io};
     asio::steady_timer acceptRetry{io};
-    std::unique_ptr<asio::thread_pool> pool;
+    asio::io_context pool;  // the workers' queue
+    asio::executor_work_guard<asio::io_context::executor_type> poolGuard = asio::make_work_guard(pool);
+    std::vector<std::thread> workers;
     std::thread loop;
     // Only the loop thread touches these.
     std::list<std::shared_ptr<Connection>> connections;
@@ -263,7 +266,7 @@ struct Connection : std::enable_shared_from_this<Connection> {
         keepAlive = message.keep_alive();
         head = message.method() == http::verb::head;
         if (!server.onWorker(*request)) return respond(server.answer(*request));
-        asio::post(*server.pool, [self = shared_from_this(), request] {
+        asio::post(server.pool, [self = shared_from_this(), request] {
             HttpResponse made = self->server.answer(*request);
             asio::post(self->server.io, [self, made = std::move(made)]() mutable { self->respond(std::move(made)); });
         });
@@ -547,9 +550,16 @@ int HttpServer::start(const std::string& host, int port)
         return -1;
     }
     const int bound = s.acceptor.local_endpoint(ec).port();
-    s.pool = std::make_unique<asio::thread_pool>(static_cast<std::size_t>(std::max(1, s.limits.workers)));
+    for (int i = 0; i < std::max(1, s.limits.workers); ++i)
+        s.workers.emplace_back([&s] {
+            nameThisThread("http-worker");
+            s.pool.run();
+        });
     s.accept();
-    s.loop = std::thread([&s] { s.io.run(); });
+    s.loop = std::thread([&s] {
+        nameThisThread("http-loop");
+        s.io.run();
+    });
     return bound;
 }
 
@@ -567,8 +577,8 @@ void HttpServer::stop()
         for (auto& c : all) c->close();
     });
     // A request on a worker finishes (it may be waiting for a unit); queued ones are dropped.
-    s.pool->stop();
-    s.pool->join();
+    s.pool.stop();
+    for (auto& worker : s.workers) worker.join();
     s.guard.reset();
     s.loop.join();
 }

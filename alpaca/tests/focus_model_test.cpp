@@ -3,6 +3,8 @@
 #include "alpaca_fixture.h"
 #include "nkrhost/settings.h"
 
+#include <thread>
+
 namespace alpaca::test {
 namespace {
 
@@ -79,6 +81,24 @@ TEST_F(AlpacaTest, FinalApproachEndsFromOneSideAndHaltStopsBetweenLegs)
     tickFor(*registry_, now, 3);
     EXPECT_EQ(get(device(0, "ismoving"))["Value"], false);
     EXPECT_GT(nkrsim::state(unitA_).position, 28800);  // no second leg after a halt
+}
+
+// At rest the supervisor looks only for the rescan (here: never), yet a
+// maximum another program sets reaches the unit: the settings file wakes it.
+TEST_F(AlpacaTest, SupervisorAtRestIsWokenByAChangedMaximum)
+{
+    connect(0);
+    registry_->startSupervisor(std::chrono::milliseconds(250), std::chrono::hours(1));
+    for (int maximum : {40000, 45000}) {  // the second after the file was replaced once
+        nkrhost::HostSettings().update(kSerialA, [maximum](nkrhost::UnitSettings& s) {
+            s.maxPosition = maximum;
+            return nkrhost::Status::success();
+        });
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        while (nkrsim::state(unitA_).maxStep != maximum && std::chrono::steady_clock::now() < deadline)
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        EXPECT_EQ(nkrsim::state(unitA_).maxStep, maximum);
+    }
 }
 
 }  // namespace

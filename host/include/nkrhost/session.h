@@ -122,6 +122,10 @@ public:
 
     // The temperature compensation's one-line state ("" when it is off here).
     std::string tempCompSummary() const;
+    // Whether the unit's temperature compensation is on in the host settings
+    // (whichever program runs it): it then needs a look every tempCompPeriod.
+    // While it is off, only a change of the settings can turn it on.
+    bool compensating() const { return m_tempComp && m_tempComp->state() != TempCompRunner::State::Off; }
 
 private:
     Session(std::unique_ptr<Unit> unit, const Options& options);
