@@ -36,11 +36,16 @@ std::string notConnected(const Unit& unit, const std::string& why = {})
 
 }  // namespace
 
-DeviceRegistry::DeviceRegistry(std::string statePath) : statePath_(std::move(statePath)) { load(); }
+DeviceRegistry::DeviceRegistry(std::string statePath)
+    : statePath_(std::move(statePath)), supervisorWake_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
+{
+    load();
+}
 
 DeviceRegistry::~DeviceRegistry()
 {
     stopSupervisor();
+    if (supervisorWake_ >= 0) ::close(supervisorWake_);
     // Close what we opened so positions are saved.
     for (auto& unit : all()) {
         std::lock_guard lock(unit->io);
@@ -423,7 +428,6 @@ void DeviceRegistry::nudgeSupervisor()
 void DeviceRegistry::startSupervisor(std::chrono::milliseconds period, std::chrono::milliseconds rest)
 {
     if (supervisor_.joinable()) return;
-    supervisorWake_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     // Every period while a move runs or a unit is away, every second while
     // compensation runs; otherwise only for the rescan, so that a quiet night
     // costs one look in five seconds. A maximum (or any host setting) changed
@@ -458,8 +462,6 @@ void DeviceRegistry::stopSupervisor()
     supervisorStop_ = true;
     nudgeSupervisor();
     if (supervisor_.joinable()) supervisor_.join();
-    if (supervisorWake_ >= 0) ::close(supervisorWake_);
-    supervisorWake_ = -1;
 }
 
 }  // namespace alpaca

@@ -137,7 +137,7 @@ private:
 
     std::thread supervisor_;
     std::atomic<bool> supervisorStop_{false};
-    int supervisorWake_ = -1;  // an eventfd: a nudge or the stop
+    const int supervisorWake_;  // an eventfd: a nudge or the stop
     void nudgeSupervisor();
 };
 
