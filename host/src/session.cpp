@@ -65,9 +65,15 @@ std::string stoppedBy(const std::string& unitKey, std::chrono::system_clock::tim
 
 Status stopUnit(Unit& unit, const std::string& who)
 {
+    // The note is left before the stop: the holder may see the motor stop
+    // before the stop call returns here, and must find who stopped it. A
+    // stop that failed takes its note back.
+    const bool held = !unitHolder(unit.key()).empty();
+    if (held) noteStoppedBy(unit.key(), who);
     Status stopped = unit.stop();
-    const std::string holder = unitHolder(unit.key());
-    if (stopped.ok() && !holder.empty()) noteStoppedBy(unit.key(), who);
+    if (!stopped.ok() && held) {
+        if (const std::string path = notePath(unit.key()); !path.empty()) ::unlink(path.c_str());
+    }
     return stopped;
 }
 
