@@ -272,6 +272,10 @@ int HttpServer::start(const std::string& host, int port)
     const bool six = found->ai_family == AF_INET6;
     freeaddrinfo(found);
 
+    {
+        std::lock_guard lock(s.mutex);
+        s.stopping = false;
+    }
     s.pool = std::make_unique<boost::asio::thread_pool>(static_cast<std::size_t>(std::max(1, s.limits.workers)));
     const HttpLimits& l = s.limits;
     // maxConnections and maxPerClient: MHD closes a newcomer past either at
