@@ -236,17 +236,7 @@ MHD_Result HttpServer::Impl::send(MHD_Connection* connection, HttpResponse answe
     return queued;
 }
 
-HttpResponse HttpServer::Impl::answer(const HttpRequest& request)
-{
-    try {
-        return handle(request);
-    } catch (const std::exception& e) {
-        logWarn(std::string("internal error answering ") + request.method + " " + request.path + ": " + e.what());
-    } catch (...) {
-        logWarn("internal error answering " + request.method + " " + request.path);
-    }
-    return HttpResponse::text(500, "internal error");
-}
+HttpResponse HttpServer::Impl::answer(const HttpRequest& request) { return answerSafely(handle, request); }
 
 HttpServer::HttpServer(HttpLimits limits, Handler handle, std::function<bool(const HttpRequest&)> runsOnWorker)
     : impl_(std::make_unique<Impl>(limits, std::move(handle), std::move(runsOnWorker)))

@@ -366,17 +366,7 @@ struct Connection : std::enable_shared_from_this<Connection> {
     std::list<std::shared_ptr<Connection>>::iterator entry;
 };
 
-HttpResponse HttpServer::Impl::answer(const HttpRequest& request)
-{
-    try {
-        return handle(request);
-    } catch (const std::exception& e) {
-        logWarn(std::string("internal error answering ") + request.method + " " + request.path + ": " + e.what());
-    } catch (...) {
-        logWarn("internal error answering " + request.method + " " + request.path);
-    }
-    return HttpResponse::text(500, "internal error");
-}
+HttpResponse HttpServer::Impl::answer(const HttpRequest& request) { return answerSafely(handle, request); }
 
 // The status line and header fields of an answer, as Beast's serializer
 // writes them. Answers of one shape (status, type, length, keep-alive)

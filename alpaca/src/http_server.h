@@ -77,4 +77,8 @@ private:
     std::string startError_;
 };
 
+// Runs a handler; what it throws is logged and answered 500, never passed
+// on to the loop (both HTTP cores answer through this).
+HttpResponse answerSafely(const HttpServer::Handler& handle, const HttpRequest& request);
+
 }  // namespace alpaca
