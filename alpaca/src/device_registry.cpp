@@ -431,28 +431,35 @@ void DeviceRegistry::startSupervisor(std::chrono::milliseconds period, std::chro
     // Every period while a move runs or a unit is away, every second while
     // compensation runs; otherwise only for the rescan, so that a quiet night
     // costs one look in five seconds. A maximum (or any host setting) changed
-    // elsewhere wakes it through the settings file's folder at once, and a
-    // client's move wakes it through the eventfd. Without a watch on the
-    // folder (inotify refused) it looks once a second instead.
+    // elsewhere wakes it at once through a watch on the settings file, and a
+    // client's move through the eventfd; other files changing beside the
+    // settings wake it without a look. Without a watch (inotify refused) it
+    // looks once a second instead.
     supervisor_ = std::thread([this, period, rest] {
         nameThisThread("supervisor");
         SettingsWatch settings(nkrhost::HostSettings::defaultPath());
         const std::chrono::milliseconds quiet = settings.watching() ? rest : std::min(rest, kSteadyPeriod);
         // A first look at once: what changed before the watch began is seen too.
         Pace pace = tick(Clock::now());
+        const auto waitFor = [&](Pace p) {
+            return p == Pace::Quick ? period : p == Pace::Steady ? std::min(rest, kSteadyPeriod) : quiet;
+        };
+        Clock::time_point nextLook = Clock::now() + waitFor(pace);
         while (!supervisorStop_) {
-            const std::chrono::milliseconds wait = pace == Pace::Quick    ? period
-                                                   : pace == Pace::Steady ? std::min(rest, kSteadyPeriod)
-                                                                          : quiet;
+            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(nextLook - Clock::now());
             pollfd fds[2] = {{supervisorWake_, POLLIN, 0}, {settings.fd(), POLLIN, 0}};
-            const int ready = ::poll(fds, settings.watching() ? 2 : 1, static_cast<int>(wait.count()));
+            const int ready = ::poll(fds, settings.watching() ? 2 : 1, static_cast<int>(std::max<int64_t>(0, left.count())));
             if (supervisorStop_) break;
             if (ready > 0) {
                 uint64_t count = 0;
-                (void)!::read(supervisorWake_, &count, sizeof count);
-                settings.drain();
+                const bool nudged = ::read(supervisorWake_, &count, sizeof count) > 0;
+                const bool changed = settings.drain();
+                // Something else in the settings folder changed: no reason to look before it is time.
+                if (!nudged && !changed && Clock::now() < nextLook) continue;
             }
-            pace = tick(Clock::now());
+            const Clock::time_point now = Clock::now();
+            pace = tick(now);
+            nextLook = now + waitFor(pace);
         }
     });
 }

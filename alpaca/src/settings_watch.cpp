@@ -18,6 +18,8 @@ std::string parentOf(const std::string& path)
     return slash == 0 ? "/" : path.substr(0, slash);
 }
 
+std::string nameOf(const std::string& path) { return path.substr(path.find_last_of('/') + 1); }
+
 }  // namespace
 
 SettingsWatch::SettingsWatch(const std::string& file) : file_(file)
@@ -36,20 +38,39 @@ void SettingsWatch::place()
     if (fd_ < 0) return;
     if (watch_ >= 0) inotify_rm_watch(fd_, watch_);
     const std::string folder = parentOf(file_);
+    level_ = Level::File;
     watch_ = inotify_add_watch(fd_, file_.c_str(), kFileChanges);
-    if (watch_ < 0) watch_ = inotify_add_watch(fd_, folder.c_str(), kMade);
-    if (watch_ < 0) watch_ = inotify_add_watch(fd_, parentOf(folder).c_str(), kMade);
+    if (watch_ < 0) {
+        level_ = Level::Folder;
+        watch_ = inotify_add_watch(fd_, folder.c_str(), kMade);
+    }
+    if (watch_ < 0) {
+        level_ = Level::Parent;
+        watch_ = inotify_add_watch(fd_, parentOf(folder).c_str(), kMade);
+    }
 }
 
-void SettingsWatch::drain()
+bool SettingsWatch::drain()
 {
-    if (fd_ < 0) return;
+    if (fd_ < 0) return false;
+    // What is made in the folder (or its parent) beside the file, another
+    // program's state written by rename every moment, say, is not ours.
+    const std::string awaited = level_ == Level::Folder ? nameOf(file_) : nameOf(parentOf(file_));
     alignas(inotify_event) char buffer[4096];
-    while (::read(fd_, buffer, sizeof buffer) > 0) {
+    bool changed = false;
+    for (ssize_t n; (n = ::read(fd_, buffer, sizeof buffer)) > 0;) {
+        for (ssize_t at = 0; at < n;) {
+            const auto* event = reinterpret_cast<const inotify_event*>(buffer + at);
+            at += static_cast<ssize_t>(sizeof(inotify_event) + event->len);
+            if (event->wd != watch_) continue;  // of a watch given up
+            if (level_ == Level::File || (event->mask & IN_IGNORED) ||
+                (event->len > 0 && awaited == event->name))
+                changed = true;
+        }
     }
-    // Whatever happened (the file replaced, or made, or its folder), the
-    // watch follows what the path names now.
-    place();
+    // The watch follows what the path names now: the file replaced, or made.
+    if (changed) place();
+    return changed;
 }
 
 }  // namespace alpaca

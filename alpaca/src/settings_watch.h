@@ -21,15 +21,18 @@ public:
     bool watching() const { return watch_ >= 0; }
     // Readable when the file may have changed.
     int fd() const { return fd_; }
-    // Takes the pending events and watches what is there now.
-    void drain();
+    // Takes the pending events; true when one was about the file (then it
+    // watches what the path names now).
+    bool drain();
 
 private:
+    enum class Level { File, Folder, Parent };  // what watch_ is on
     void place();
 
     std::string file_;
     int fd_ = -1;
     int watch_ = -1;
+    Level level_ = Level::File;
 };
 
 }  // namespace alpaca
