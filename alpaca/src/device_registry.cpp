@@ -438,12 +438,11 @@ void DeviceRegistry::startSupervisor(std::chrono::milliseconds period, std::chro
     supervisor_ = std::thread([this, period, rest] {
         nameThisThread("supervisor");
         SettingsWatch settings(nkrhost::HostSettings::defaultPath());
-        const std::chrono::milliseconds quiet = settings.watching() ? rest : std::min(rest, kSteadyPeriod);
+        const std::chrono::milliseconds steady = std::min(rest, kSteadyPeriod);
+        const std::chrono::milliseconds quiet = settings.watching() ? rest : steady;
+        const auto waitFor = [&](Pace p) { return p == Pace::Quick ? period : p == Pace::Steady ? steady : quiet; };
         // A first look at once: what changed before the watch began is seen too.
         Pace pace = tick(Clock::now());
-        const auto waitFor = [&](Pace p) {
-            return p == Pace::Quick ? period : p == Pace::Steady ? std::min(rest, kSteadyPeriod) : quiet;
-        };
         Clock::time_point nextLook = Clock::now() + waitFor(pace);
         while (!supervisorStop_) {
             const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(nextLook - Clock::now());

@@ -23,7 +23,6 @@ std::string notePath(const std::string& unitKey)
     return dir + "/" + name + ".note";
 }
 
-
 }  // namespace
 
 const char* unitStateName(UnitState state)

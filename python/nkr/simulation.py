@@ -52,6 +52,14 @@ def check_units(units: str) -> None:
         raise TypeError(f"units must be a str such as 'usb:335,ble:382:E:NKR Pro', not {type(units).__name__}")
 
 
+def _restore_units(before: str | None) -> None:
+    """Puts NKR_SIM_UNITS back as it was (absent when it was)."""
+    if before is None:
+        os.environ.pop("NKR_SIM_UNITS", None)
+    else:
+        os.environ["NKR_SIM_UNITS"] = before
+
+
 def _check_units_with(loaded: ctypes.CDLL, units: str) -> None:
     """The simulator's reading of a units text, the environment left as it was."""
     before = os.environ.get("NKR_SIM_UNITS")
@@ -59,10 +67,7 @@ def _check_units_with(loaded: ctypes.CDLL, units: str) -> None:
     try:
         _check_environment(loaded)
     finally:
-        if before is None:
-            os.environ.pop("NKR_SIM_UNITS", None)
-        else:
-            os.environ["NKR_SIM_UNITS"] = before
+        _restore_units(before)
 
 
 def _check_environment(loaded: ctypes.CDLL) -> None:
@@ -171,10 +176,7 @@ def simulate(units: str | None = None, *, real_home: bool = False, shared: bool 
             try:
                 _check_environment(loaded)
             except ValueError:
-                if before is None:
-                    os.environ.pop("NKR_SIM_UNITS", None)
-                else:
-                    os.environ["NKR_SIM_UNITS"] = before
+                _restore_units(before)
                 raise
             path = os.path.abspath(path)
             break
